@@ -1,0 +1,957 @@
+// The steps of an ATLS connection: clean-up and logging, the transport, the inner TLS engine with the device
+// identity, response capture and response headers, the handshake, and the POST with proxy fail-over.
+
+#include "atls_internals.h"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
+
+#include <dlfcn.h>
+#include <openssl/crypto.h>
+#include <openssl/err.h>
+#include <pthread.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "safec.h"
+
+namespace
+{
+
+// Device certificate and key are fetched into buffers of this size.
+constexpr uint32_t DER_CAPACITY = 4096;
+// Cookies of one response, NUL included.
+constexpr int COOKIES_SIZE = 1024;
+// How far behind the cursor a response header is looked for.
+constexpr size_t HEADER_SEARCH_BOUND = 16384;
+constexpr size_t TRACKING_ID_MAX = 64;
+constexpr size_t DATE_TEXT_MAX = 128;
+constexpr long REQUEST_TIMEOUT_MS = 30000;
+constexpr long HTTP_OK = 200;
+constexpr long HTTP_BAD_REQUEST = 400;
+constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
+
+// libcurl writes the text of a failed transfer here, for all request objects of the process.
+char errbuf[CURL_ERROR_SIZE];
+
+} // namespace
+
+// ---- Logging and clean-up -------------------------------------------------------------------------------------
+
+void log_ssl_error(void)
+{
+    const unsigned long code = ERR_get_error();
+    char text[256] = {};
+    ERR_error_string_n(code, text, sizeof text);
+    syslog(LOG_ERR, "%s: ssl error [%lu] => [%s]", __func__, code, text);
+}
+
+void log_curl_error(int code)
+{
+    if (code == 0)
+        return;
+    if (errbuf[0] != '\0')
+        syslog(LOG_ERR, "Curl error [%d] maps to [%s] buffer", code, errbuf);
+    else
+        syslog(LOG_ERR, "Curl error [%d] maps to [%s]", code, curl_easy_strerror(static_cast<CURLcode>(code)));
+}
+
+void RequestOptions::log_failure(const char *failure) const
+{
+    syslog(LOG_ERR, failure, caller_);
+}
+
+void atls_handle_cleanup(atls_handle **handle)
+{
+    if (!handle || !*handle) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", __func__);
+        return;
+    }
+    atls_handle *connection = *handle;
+    if (memset_s(connection->hostname, sizeof connection->hostname, 0, sizeof connection->hostname) != 0)
+        syslog(LOG_ERR, "%s: memset_s Failed...Continuing with cleanup", __func__);
+    connection->port = 0;
+    if (connection->curl) {
+        syslog(LOG_DEBUG, "%s: Cleanup Transport layer curl object", __func__);
+        curl_easy_cleanup(connection->curl);
+        connection->curl = nullptr;
+    }
+    if (connection->header_opts) {
+        syslog(LOG_DEBUG, "%s: Cleanup transport layer header options", __func__);
+        curl_slist_free_all(connection->header_opts);
+        connection->header_opts = nullptr;
+    }
+    if (connection->ssl) {
+        syslog(LOG_DEBUG, "%s: Cleanup APP layer SSL", __func__);
+        SSL_free(connection->ssl);
+        connection->ssl = nullptr;
+    }
+}
+
+void release_proxy_list(atls_handle *handle)
+{
+    if (handle->proxyUrlList) {
+        for (int32_t i = 0; i < handle->proxyUrlCount; i++)
+            free(handle->proxyUrlList[i]);
+        free(handle->proxyUrlList);
+    }
+    handle->proxyUrlList = nullptr;
+    handle->proxyUrlCount = 0;
+}
+
+// ---- Transport ------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+char user_agent[48];
+
+void build_user_agent()
+{
+    char load[128];
+    snprintf(load, sizeof load, "%s", platform_get_load_id());
+    if (char *suffix = strstr(load, ".loads"))
+        *suffix = '\0';
+    // A text that does not fit is cut.
+    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", platform_get_device_model(), load) < 0)
+        user_agent[0] = '\0';
+}
+
+// libcurl's global initialisation is not safe on two threads at once before 7.84.
+void initialize_libcurl_once()
+{
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+CURLcode set_request_options(CURL *curl, const char *caller, const char *url)
+{
+    return RequestOptions(curl, caller)
+        .set(CURLOPT_VERBOSE, 1L, "%s: Failed to set curl object to be verbose")
+        .set(CURLOPT_ERRORBUFFER, errbuf, "%s: Failed to attach error buffer")
+        .set(CURLOPT_URL, url, "%s: Failed to set curl URI")
+        .set(CURLOPT_SSL_VERIFYPEER, 0L, "%s: Failed to disable server cert verification")
+        .set(CURLOPT_SSL_VERIFYHOST, 0L, "%s: Failed to disable hostname verification")
+        .set(CURLOPT_TIMEOUT_MS, REQUEST_TIMEOUT_MS, "%s: Failed to set curl timeout")
+        .result();
+}
+
+bool append_header(curl_slist **list, const char *caller, const char *line, const char *failure)
+{
+    curl_slist *longer = curl_slist_append(*list, line);
+    if (!longer) {
+        syslog(LOG_ERR, failure, caller, line);
+        return false;
+    }
+    *list = longer;
+    return true;
+}
+
+bool build_request_headers(curl_slist **list, const char *caller, const char *tracking_id)
+{
+    constexpr const char *NOT_SET = "%s: Failed to set header option [%s]";
+    constexpr const char *NOT_REMOVED = "%s: Failed to remove header option [%s]";
+
+    char line[ATLS_LINE_SIZE] = "Content-Type: application/octet-stream";
+    if (!append_header(list, caller, line, NOT_SET))
+        return false;
+    snprintf(line, sizeof line, "User-Agent: %s", atls_get_user_agent());
+    if (!append_header(list, caller, line, NOT_SET))
+        return false;
+    if (tracking_id) {
+        snprintf(line, sizeof line, "TrackingID: %s", tracking_id);
+        if (!append_header(list, caller, line, NOT_SET))
+            return false;
+    }
+    // A name without a value keeps libcurl from adding a header of its own.
+    return append_header(list, caller, "Accept:", NOT_REMOVED) &&
+           append_header(list, caller, "Expect:", NOT_REMOVED);
+}
+
+// HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the headers of
+// a proxy's CONNECT reply are not the server's. Without either option a plain connection still works.
+void set_http_version_and_proxy_headers(CURL *curl)
+{
+    (void)curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    (void)curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+}
+
+} // namespace
+
+const char *atls_get_user_agent(void)
+{
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, build_user_agent);
+    return user_agent;
+}
+
+int init_tl_curl(atls_handle **handle, const char *service, const char *tracking_id)
+{
+    if (!handle || !*handle || !service) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle/service", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    atls_handle *connection = *handle;
+    if (connection->hostname[0] == '\0' || !netutil_check_port(connection->port)) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad host/port", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    release_proxy_list(connection); // an earlier connection of this handle may have left one
+
+    initialize_libcurl_once();
+    CURL *curl = curl_easy_init();
+    if (!curl) {
+        syslog(LOG_ERR, "%s: curl_easy_init failed", __func__);
+        return ATLS_SETUP_FAILED;
+    }
+    char url[ATLS_LINE_SIZE];
+    snprintf(url, sizeof url, "https://%s:%d%s", connection->hostname, static_cast<int>(connection->port), service);
+
+    curl_slist *header_opts = nullptr;
+    CURLcode code = set_request_options(curl, __func__, url);
+    if (code == CURLE_OK && build_request_headers(&header_opts, __func__, tracking_id)) {
+        code = RequestOptions(curl, __func__)
+                   .set(CURLOPT_HTTPHEADER, header_opts, "%s: Failed to load header options into curl object")
+                   .result();
+        if (code == CURLE_OK) {
+            set_http_version_and_proxy_headers(curl);
+            connection->curl = curl;
+            connection->header_opts = header_opts;
+            syslog(LOG_NOTICE, "%s: Transport layer initialized!", __func__);
+            return ATLS_OK;
+        }
+    }
+    init_tl_curl_cleanup(code, curl, header_opts);
+    return ATLS_SETUP_FAILED;
+}
+
+void init_tl_curl_cleanup(int code, CURL *curl, struct curl_slist *header_opts)
+{
+    if (code != 0)
+        log_curl_error(code);
+    if (curl)
+        curl_easy_cleanup(curl);
+    if (header_opts)
+        curl_slist_free_all(header_opts);
+}
+
+// ---- Inner TLS engine and device identity ---------------------------------------------------------------------
+
+namespace
+{
+
+// A DER object fetched from secure storage; wiped when it goes out of scope, since it may be the private key.
+struct DerBuffer {
+    unsigned char data[DER_CAPACITY] = {};
+    uint32_t length = DER_CAPACITY;
+
+    DerBuffer() = default;
+    DerBuffer(const DerBuffer &) = delete;
+    DerBuffer &operator=(const DerBuffer &) = delete;
+    ~DerBuffer() { OPENSSL_cleanse(data, sizeof data); }
+};
+
+// The steps below log the oldest error on the queue: what earlier calls left there must not be mistaken for it.
+bool succeeded(int result, const char *caller, const char *failure)
+{
+    if (result == 1)
+        return true;
+    syslog(LOG_ERR, failure, caller);
+    log_ssl_error();
+    return false;
+}
+
+X509 *load_device_cert(SSL_CTX *ctx, const char *caller)
+{
+    DerBuffer der;
+    if (secstore_get_device_cert(0, der.data, &der.length) != 0) {
+        syslog(LOG_ERR, "%s: Failed Fetch the MIC", caller);
+        return nullptr;
+    }
+    // The whole buffer is given, not the reported length: only the first DER object counts.
+    const unsigned char *cursor = der.data;
+    X509 *cert = d2i_X509(nullptr, &cursor, static_cast<long>(sizeof der.data));
+    if (!cert) {
+        syslog(LOG_ERR, "%s: Failed to load MIC into an openssl X509 object", caller);
+        return nullptr;
+    }
+    ERR_clear_error();
+    if (!succeeded(SSL_CTX_use_certificate(ctx, cert), caller, "%s:  SSL_CTX_use_certificate failed..")) {
+        atls_add_mic_to_ctx_cleanup(cert, nullptr);
+        return nullptr;
+    }
+    return cert;
+}
+
+EVP_PKEY *load_device_key(const char *caller)
+{
+    DerBuffer der;
+    if (secstore_get_private_key(0, der.data, &der.length) != 0) {
+        syslog(LOG_ERR, "%s: Failed Fetch the PKEY", caller);
+        return nullptr;
+    }
+    const unsigned char *cursor = der.data;
+    EVP_PKEY *key = d2i_PrivateKey(EVP_PKEY_RSA, nullptr, &cursor, static_cast<long>(sizeof der.data));
+    if (!key)
+        syslog(LOG_ERR, "%s: Failed to load pkey into an openssl EVP_PKEY object", caller);
+    return key;
+}
+
+bool install_device_key(SSL_CTX *ctx, EVP_PKEY *key, const char *caller)
+{
+    ERR_clear_error();
+    if (!succeeded(SSL_CTX_use_PrivateKey(ctx, key), caller, "%s:  SSL_CTX_use_PrivateKey failed.."))
+        return false;
+    ERR_clear_error();
+    return succeeded(SSL_CTX_check_private_key(ctx), caller, "%s:  SSL_check_private_key failed..");
+}
+
+// Makes the platform's security context and returns its private record; NULL, with a log line, on failure. The
+// caller destroys *sec_ctx in either case.
+tlsplat_pvt_ctx *make_security_context(tlsplat_sec_ctx *sec_ctx, const char *caller)
+{
+    int tls_rc = tlsplat_api_init();
+    if (tls_rc != 0) {
+        syslog(LOG_ERR, "%s: Failed to Initialize TLS APIs: tls_rc=>[%d]", caller, tls_rc);
+        return nullptr;
+    }
+    tls_rc = tlsplat_create_sec_ctx(sec_ctx);
+    if (tls_rc != 0) {
+        syslog(LOG_ERR, "%s: Failed to create TLS context: tls_rc=>[%d]", caller, tls_rc);
+        return nullptr;
+    }
+    tls_rc = tlsplat_setopt_sec_ctx(*sec_ctx, TLSPLAT_OPT_DEFAULT_TRUSTSTORE, 1);
+    if (tls_rc != 0) {
+        syslog(LOG_ERR, "%s: Failed to set default Truststore option: tls_rc=>[%d]", caller, tls_rc);
+        return nullptr;
+    }
+    tlsplat_pvt_ctx *context = tlsplat_get_ssl_ctx(*sec_ctx);
+    if (!context)
+        syslog(LOG_ERR, "%s: Failed to get application layer pvt context", caller);
+    return context;
+}
+
+} // namespace
+
+void atls_add_mic_to_ctx_cleanup(X509 *cert, EVP_PKEY *key)
+{
+    if (cert)
+        X509_free(cert);
+    if (key)
+        EVP_PKEY_free(key);
+}
+
+int atls_add_mic_to_ctx(SSL_CTX *ctx)
+{
+    if (!ctx) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad ssl context", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    secstore_init_ssl_lib();
+    X509 *cert = load_device_cert(ctx, __func__);
+    EVP_PKEY *key = cert ? load_device_key(__func__) : nullptr;
+    const bool installed = key && install_device_key(ctx, key, __func__);
+    atls_add_mic_to_ctx_cleanup(cert, key);
+    return installed ? ATLS_OK : ATLS_SETUP_FAILED;
+}
+
+int init_al_ssl(atls_handle **handle)
+{
+    if (!handle || !*handle) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    syslog(LOG_DEBUG, "%s: Creating ATLS context...", __func__);
+
+    tlsplat_sec_ctx sec_ctx = nullptr;
+    BIO *read_bio = nullptr;
+    BIO *write_bio = nullptr;
+    const auto unwind = [&](int result) {
+        init_al_ssl_cleanup(handle, sec_ctx, read_bio, write_bio);
+        return result;
+    };
+
+    const tlsplat_pvt_ctx *context = make_security_context(&sec_ctx, __func__);
+    if (!context)
+        return unwind(ATLS_SETUP_FAILED);
+    const int installed = atls_add_mic_to_ctx(context->ssl_ctx);
+    if (installed != ATLS_OK) {
+        syslog(LOG_ERR, "%s: Failed to add fake cert/key into SSL CTX", __func__);
+        return unwind(installed);
+    }
+    read_bio = BIO_new(BIO_s_mem());
+    if (!read_bio) {
+        syslog(LOG_ERR, "%s: Failed to create application layer in read buffer", __func__);
+        return unwind(ATLS_SETUP_FAILED);
+    }
+    write_bio = BIO_new(BIO_s_mem());
+    if (!write_bio) {
+        syslog(LOG_ERR, "%s: Failed to create application layer in write buffer", __func__);
+        return unwind(ATLS_SETUP_FAILED);
+    }
+    SSL *ssl = SSL_new(context->ssl_ctx);
+    (*handle)->ssl = ssl;
+    if (!ssl) {
+        syslog(LOG_ERR, "%s: Failed to create ATLS SSL object", __func__);
+        return unwind(ATLS_SETUP_FAILED);
+    }
+    tlsplat_destroy_sec_ctx(sec_ctx);
+    SSL_set_bio(ssl, read_bio, write_bio);
+    SSL_set_connect_state(ssl);
+    SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY); // session tickets in front of an answer are read over
+    syslog(LOG_DEBUG, "%s: Application layer initialized!", __func__);
+    return ATLS_OK;
+}
+
+void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *read_bio, BIO *write_bio)
+{
+    if (handle && *handle) {
+        if (!(*handle)->ssl) { // an engine would own them
+            if (read_bio)
+                BIO_free(read_bio);
+            if (write_bio)
+                BIO_free(write_bio);
+        }
+        atls_handle_cleanup(handle);
+    }
+    if (sec_ctx)
+        tlsplat_destroy_sec_ctx(sec_ctx);
+}
+
+// ---- Response capture -----------------------------------------------------------------------------------------
+
+size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
+{
+    auto *resp = static_cast<curl_resp *>(userdata);
+    if (!resp) {
+        syslog(LOG_ERR, "%s: failed to typecast userdata pointer", __func__);
+        return 0;
+    }
+    const size_t count = size * nmemb;
+    const size_t block_size = resp->size + 1 + count;
+    char *old = resp->data;
+    resp->data = block_size > count ? static_cast<char *>(realloc(old, block_size)) : nullptr;
+    if (!resp->data) {
+        syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__, block_size);
+        free(old);
+        resp->size = 0;
+        return 0;
+    }
+    resp->data[resp->size] = '\0'; // holds for a failed copy, too
+    if (memcpy_s(resp->data + resp->size, count, contents, count) != 0) {
+        syslog(LOG_ERR, "%s: failed to copy [%zu] bytes of data to curl response struct", __func__, count);
+        return 0;
+    }
+    resp->size += count;
+    resp->data[resp->size] = '\0';
+    return count;
+}
+
+void cleanup_curl_resp(curl_resp *resp)
+{
+    if (!resp || !resp->data)
+        return;
+    free(resp->data);
+    resp->data = nullptr;
+    resp->size = 0;
+}
+
+bool is_empty(const curl_resp &part)
+{
+    return !part.data || part.size == 0;
+}
+
+// ---- Response headers -----------------------------------------------------------------------------------------
+
+namespace
+{
+
+// Finds a response header, in any letter case, and returns what stands behind its name and blank; or NULL.
+const char *find_header(const char *text, const char *name)
+{
+    const size_t name_length = strlen(name);
+    char *found = nullptr;
+    if (strcasestr_s(const_cast<char *>(text), HEADER_SEARCH_BOUND, name, name_length, &found) != 0 || !found)
+        return nullptr;
+    return found + name_length;
+}
+
+// The cookies of one response on their way into a buffer of limit characters and a NUL.
+struct CookieList {
+    char *text;
+    int limit;
+    int position = 0;
+    int count = 0;
+
+    bool full() const { return position == limit; }
+
+    int finish(int result)
+    {
+        syslog(LOG_DEBUG, "%s: Done copying all Cookies, cookies found [%d]", "atls_get_cookie_from_header", count);
+        if (result != ATLS_NO_COOKIE)
+            text[position] = '\0';
+        return result;
+    }
+
+    // Copies up to the end of the name=value part and returns where it stopped.
+    const char *copy(const char *cursor)
+    {
+        while (!full() && *cursor != ';' && *cursor != '\r' && *cursor != '\0')
+            text[position++] = *cursor++;
+        count++;
+        return cursor;
+    }
+};
+
+// Unlinks the first Cookie line of a request header list and returns its node, or NULL.
+curl_slist *take_cookie_line(curl_slist **list)
+{
+    constexpr const char *NAME = "Cookie: ";
+    for (curl_slist **link = list; *link && (*link)->data; link = &(*link)->next) {
+        curl_slist *node = *link;
+        const size_t length = strnlen(node->data, SAFEC_SEARCH_LIMIT);
+        char *found = nullptr;
+        if (strstr_s(node->data, length, NAME, strlen(NAME), &found) == 0 && found == node->data) {
+            *link = node->next;
+            node->next = nullptr;
+            return node;
+        }
+    }
+    return nullptr;
+}
+
+// Stores a copy of a TrackingID value, which ends at the first CR of text; text is changed.
+int copy_tracking_id(char *text, char **tracking_id, const char *caller)
+{
+    char *rest = nullptr;
+    const char *value = strtok_r(text, "\r", &rest);
+    if (!value || *value == '\n') { // strtok skips the CR of an empty line, not its LF
+        syslog(LOG_ERR, "%s: TrackingID header is empty", caller);
+        return ATLS_BAD_RESPONSE;
+    }
+    const size_t length = strlen(value);
+    if (length > TRACKING_ID_MAX) {
+        syslog(LOG_ERR, "%s: Failed to copy tracking_id, recvd trackingId len (%d) exceeded max limit(%d)", caller,
+               static_cast<int>(length), static_cast<int>(TRACKING_ID_MAX));
+        return ATLS_BAD_RESPONSE;
+    }
+    *tracking_id = static_cast<char *>(malloc(TRACKING_ID_MAX + 1));
+    if (!*tracking_id) {
+        syslog(LOG_ERR, "%s: Failed to allocate memory for tracking_id", caller);
+        return ATLS_BAD_RESPONSE;
+    }
+    snprintf(*tracking_id, TRACKING_ID_MAX + 1, "%s", value);
+    return ATLS_OK;
+}
+
+// Calls the platform's stime. A plain reference would bind to the retired stime that glibc keeps for old programs,
+// since a program's own libc comes before the platform library in the search order; dlsym never returns that one.
+int set_system_clock(const time_t *when)
+{
+    void *platform_stime = dlsym(RTLD_DEFAULT, "stime");
+    return platform_stime ? reinterpret_cast<decltype(&stime)>(platform_stime)(when) : stime(when);
+}
+
+void write_clock_marker(const struct tm &fields, time_t when)
+{
+    FILE *marker = fopen(HTTP_CLOCK_MARKER, "w");
+    if (!marker)
+        return;
+    char text[64]; // ctime_r needs 26 up to the year 9999 and fails beyond
+    const char *ctime_text = ctime_r(&when, text);
+    fprintf(marker, "synced: tm_zone=%s ctime=%s", fields.tm_zone, ctime_text ? ctime_text : "");
+    fclose(marker);
+    syslog(LOG_NOTICE, "%s here write the file  %s", "atls_set_date_by_http_header", HTTP_CLOCK_MARKER);
+}
+
+// The clock has been set by NTP, by the user, or from a Date header.
+bool is_clock_set()
+{
+    for (const char *marker : {"/tmp/.stime-by-ntp", "/tmp/.stime-by-user", HTTP_CLOCK_MARKER})
+        if (access(marker, F_OK) == 0)
+            return true;
+    return false;
+}
+
+} // namespace
+
+int atls_get_cookie_from_header(const char *header, char *cookies, int size)
+{
+    if (!header || !cookies || size <= 0) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad header/cookies buffer", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    CookieList list{cookies, size - 1};
+    if (list.limit == 0)
+        return list.finish(ATLS_NO_COOKIE);
+    for (const char *cursor = header;;) {
+        syslog(LOG_DEBUG, "%s: Looking up Cookie, %d", __func__, list.count);
+        cursor = find_header(cursor, "Set-Cookie: ");
+        if (!cursor) {
+            syslog(LOG_DEBUG, "%s: No more Set-Cookie Header found", __func__);
+            return list.finish(list.count == 0 ? ATLS_NO_COOKIE : ATLS_OK);
+        }
+        if (list.count > 0)
+            list.text[list.position++] = ';';
+        if (list.full())
+            return list.finish(ATLS_BAD_RESPONSE);
+        syslog(LOG_DEBUG, "%s: Start copying Cookie cookieCnt=>[%d]", __func__, list.count);
+        cursor = list.copy(cursor);
+        if (list.full())
+            return list.finish(ATLS_BAD_RESPONSE);
+    }
+}
+
+int atls_set_cookies(atls_handle **handle, const char *cookies)
+{
+    if (!handle || !*handle || !cookies) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle/cookies", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    atls_handle *connection = *handle;
+    if (!connection->curl || !connection->header_opts) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad curl/header_opts", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    if (curl_slist *old = take_cookie_line(&connection->header_opts)) {
+        syslog(LOG_DEBUG, "%s: deleting header_option [%s]", __func__, old->data);
+        curl_slist_free_all(old);
+    }
+    char line[ATLS_LINE_SIZE] = {};
+    snprintf(line, sizeof line, "Cookie: %s", cookies);
+    syslog(LOG_DEBUG, "%s: Adding header_option [%s]", __func__, cookies);
+
+    curl_slist *longer = curl_slist_append(connection->header_opts, line);
+    if (longer)
+        connection->header_opts = longer;
+    else
+        syslog(LOG_ERR, "%s: Failed to set header option [%s]", __func__, line);
+    // The transport must learn of a new head in every case: the old one may just have been released.
+    const CURLcode code = curl_easy_setopt(connection->curl, CURLOPT_HTTPHEADER, connection->header_opts);
+    if (longer && code != CURLE_OK) {
+        syslog(LOG_ERR, "%s: Failed to load header options into curl object", __func__);
+        log_curl_error(code);
+    }
+    return longer && code == CURLE_OK ? ATLS_OK : ATLS_BAD_RESPONSE;
+}
+
+int atls_get_tracking_id_from_header(const char *header, char **tracking_id)
+{
+    if (!header || !tracking_id) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad header/tracking_id buffer", __func__);
+        return ATLS_INVALID_INPUT;
+    }
+    syslog(LOG_NOTICE, "%s: Looking up TrackingID", __func__);
+    const char *found = find_header(header, "TrackingID: ");
+    if (!found) {
+        syslog(LOG_NOTICE, "%s: TrackingID Not FOUND ", __func__);
+        return ATLS_OK;
+    }
+    const size_t length = strlen(found);
+    auto *text = static_cast<char *>(calloc(length + 1, 1));
+    if (!text) {
+        syslog(LOG_ERR, "%s: Failed to allocate memory for tmpTrackingId", __func__);
+        return ATLS_BAD_RESPONSE;
+    }
+    memcpy(text, found, length);
+    const int result = copy_tracking_id(text, tracking_id, __func__);
+    free(text);
+    return result;
+}
+
+void atls_set_date_by_http_header(const char *header)
+{
+    if (!header) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad header buffer", __func__);
+        return;
+    }
+    syslog(LOG_NOTICE, "%s: Looking up Date", __func__);
+    const char *found = find_header(header, "Date: ");
+    if (!found) {
+        syslog(LOG_NOTICE, "%s: DATE header Not FOUND ", __func__);
+        return;
+    }
+    char text[DATE_TEXT_MAX + 1];
+    strncpy(text, found, DATE_TEXT_MAX);
+    text[DATE_TEXT_MAX] = '\0';
+    char *rest = nullptr;
+    const char *date = strtok_r(text, "\r", &rest);
+    if (!date) {
+        syslog(LOG_ERR, "%s: Failed to get valid Date header", __func__);
+        return;
+    }
+    struct tm fields = {};
+    fields.tm_isdst = -1;
+    (void)strptime(date, "%a, %e %h %Y %H:%M:%S %z", &fields);
+    const time_t header_time = mktime(&fields); // the device reads the fields as local time
+    if (time(nullptr) >= header_time || set_system_clock(&header_time) != 0)
+        return;
+    write_clock_marker(fields, header_time);
+}
+
+// ---- Handshake ------------------------------------------------------------------------------------------------
+
+namespace
+{
+
+// The numbered dump files of one direction.
+struct FlightDump {
+    const char *prefix;
+    int file_index = 1;
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER; // one dump at a time, so that no two share a number
+};
+
+FlightDump sent_flights{"/tmp/atls_handshake_data_sent_"};
+FlightDump received_flights{"/tmp/atls_handshake_data_received_"};
+
+void write_dump_file(FlightDump &dump, const char *caller, const void *data, size_t length)
+{
+    char name[200] = {};
+    snprintf(name, sizeof name, "%s%d", dump.prefix, dump.file_index);
+    FILE *file = fopen(name, "wb");
+    if (!file) {
+        const int error = errno;
+        char text[128];
+        syslog(LOG_ERR, "%s: Failed to open %s for write, error:%s(%d)", caller, name,
+               strerror_r(error, text, sizeof text), error);
+        return;
+    }
+    (void)fwrite(data, 1, length, file);
+    (void)fclose(file);
+    dump.file_index++;
+}
+
+void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t length)
+{
+    if (!data) {
+        syslog(LOG_ERR, "%s: data is null", caller);
+        return;
+    }
+    if (length == 0) {
+        syslog(LOG_ERR, "%s: length is zero", caller);
+        return;
+    }
+    pthread_mutex_lock(&dump.lock);
+    write_dump_file(dump, caller, data, length);
+    pthread_mutex_unlock(&dump.lock);
+}
+
+// State of one handshake.
+struct Handshake {
+    atls_handle *handle;
+    BIO *read_bio = nullptr;
+    BIO *write_bio = nullptr;
+    curl_resp body = {};
+    curl_resp header = {};
+    char flight[ATLS_FLIGHT_SIZE] = {};
+};
+
+constexpr const char *HANDSHAKE = "atls_handshake"; // the name that its steps log under
+
+// Logs a libcurl failure whose message has been logged, and gives the result that it has for the handshake.
+int handshake_result(CURLcode code)
+{
+    log_curl_error(code);
+    return code == CURLE_OK ? ATLS_OK : ATLS_HANDSHAKE_FAILED;
+}
+
+int prepare_handshake(Handshake &state)
+{
+    if (!state.handle || !state.handle->ssl) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", HANDSHAKE);
+        return ATLS_INVALID_INPUT;
+    }
+    if (!get_engine_bios(HANDSHAKE, state.handle->ssl, &state.read_bio, &state.write_bio))
+        return ATLS_HANDSHAKE_FAILED;
+    return handshake_result(
+        RequestOptions(state.handle->curl, HANDSHAKE)
+            .set(CURLOPT_WRITEDATA, &state.body, "%s: Failed to set curl response body buffer")
+            .set(CURLOPT_HEADERDATA, &state.header, "%s: Failed to set curl response header buffer")
+            .set(CURLOPT_WRITEFUNCTION, write_memory_cb, "%s: Failed to set curl response callback")
+            .result());
+}
+
+int post_flight(Handshake &state)
+{
+    const int length = BIO_read(state.write_bio, state.flight, ATLS_FLIGHT_SIZE);
+    if (length < 0) {
+        syslog(LOG_ERR, "%s: Failed to read ATLS flight from BIO bytes read=>[%d]", HANDSHAKE, length);
+        return ATLS_HANDSHAKE_FAILED;
+    }
+    const CURLcode code =
+        RequestOptions(state.handle->curl, HANDSHAKE)
+            .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "%s: Failed to set curl post body size")
+            .set(CURLOPT_POSTFIELDS, state.flight, "%s: Failed to set curl post body")
+            .result();
+    if (code != CURLE_OK)
+        return handshake_result(code);
+    save_posted_handshake_data(state.flight, static_cast<size_t>(length));
+    return handshake_result(post_with_failover(HANDSHAKE, state.handle));
+}
+
+int check_flight_response(Handshake &state)
+{
+    const atls_handle *handle = state.handle;
+    const int port = static_cast<int>(handle->port);
+    if (is_empty(state.body) || is_empty(state.header)) {
+        syslog(LOG_ERR, "%s: Failed to receieve handshake response", HANDSHAKE);
+        return ATLS_HANDSHAKE_FAILED;
+    }
+    syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", HANDSHAKE,
+           static_cast<int>(state.header.size), state.header.data, handle->hostname, port);
+    syslog(LOG_DEBUG, "%s: ATLS received [%d] bytes from [%s:%d]", HANDSHAKE,
+           static_cast<int>(state.header.size + state.body.size), handle->hostname, port);
+    save_received_handshake_data(state.body.data, state.body.size);
+
+    long status_code = 0;
+    const CURLcode code = curl_easy_getinfo(handle->curl, CURLINFO_RESPONSE_CODE, &status_code);
+    if (code != CURLE_OK) {
+        syslog(LOG_ERR, "%s: Failed to get response status code", HANDSHAKE);
+        return handshake_result(code);
+    }
+    if (status_code != HTTP_OK) {
+        syslog(LOG_ERR, "%s: Failed to get valid server response status_code=>[%lu]", HANDSHAKE,
+               static_cast<unsigned long>(status_code));
+        return status_code == HTTP_BAD_REQUEST ? ATLS_BAD_RESPONSE : ATLS_UNEXPECTED_STATUS;
+    }
+    return ATLS_OK;
+}
+
+void set_clock_unless_set(const char *header)
+{
+    if (is_clock_set())
+        return;
+    syslog(LOG_NOTICE, "%s: timer not sync by ntp/user/http, check Date header", HANDSHAKE);
+    atls_set_date_by_http_header(header);
+}
+
+int feed_engine(Handshake &state)
+{
+    const int size = static_cast<int>(state.body.size);
+    if (BIO_write(state.read_bio, state.body.data, size) < size) {
+        syslog(LOG_ERR, "%s: Failed to read flight response of size=>[%d]", HANDSHAKE, size);
+        return ATLS_HANDSHAKE_FAILED;
+    }
+    cleanup_curl_resp(&state.body);
+    cleanup_curl_resp(&state.header);
+    return ATLS_OK;
+}
+
+// Posts the client flight that the engine has written and hands it the server's.
+int exchange_flights(Handshake &state)
+{
+    int result = post_flight(state);
+    if (result == ATLS_OK)
+        result = check_flight_response(state);
+    if (result != ATLS_OK)
+        return result;
+    set_clock_unless_set(state.header.data);
+    result = keep_cookies(HANDSHAKE, state.handle, state.header.data);
+    return result == ATLS_OK ? feed_engine(state) : result;
+}
+
+} // namespace
+
+void save_posted_handshake_data(const void *data, size_t length)
+{
+    dump_flight(sent_flights, __func__, data, length);
+}
+
+void save_received_handshake_data(const void *data, size_t length)
+{
+    dump_flight(received_flights, __func__, data, length);
+}
+
+int atls_handshake(atls_handle *handle)
+{
+    Handshake state{handle};
+    int result = prepare_handshake(state);
+    while (result == ATLS_OK && SSL_do_handshake(handle->ssl) != 1)
+        result = exchange_flights(state);
+    if (result != ATLS_OK)
+        atls_handshake_cleanup(handle, &state.body, &state.header);
+    return result;
+}
+
+void atls_handshake_cleanup(atls_handle *handle, curl_resp *body, curl_resp *header)
+{
+    if (handle)
+        atls_handle_cleanup(&handle);
+    cleanup_curl_resp(body);
+    cleanup_curl_resp(header);
+}
+
+// ---- Steps that handshake and exchange share ------------------------------------------------------------------
+
+bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio)
+{
+    *read_bio = SSL_get_rbio(ssl);
+    if (!*read_bio) {
+        syslog(LOG_ERR, "%s: Failed to get read BIO from application layer", caller);
+        return false;
+    }
+    *write_bio = SSL_get_wbio(ssl);
+    if (!*write_bio)
+        syslog(LOG_ERR, "%s: Failed to get write BIO from application layer", caller);
+    return *write_bio != nullptr;
+}
+
+int keep_cookies(const char *caller, atls_handle *handle, const char *header)
+{
+    char cookies[COOKIES_SIZE] = {};
+    int result = atls_get_cookie_from_header(header, cookies, COOKIES_SIZE);
+    if (result == ATLS_NO_COOKIE)
+        return ATLS_OK;
+    if (result != ATLS_OK) {
+        syslog(LOG_ERR, "%s: Failed to get ATLS cookies", caller);
+        return result;
+    }
+    result = atls_set_cookies(&handle, cookies);
+    if (result != ATLS_OK)
+        syslog(LOG_ERR, "%s: Failed to set ATLS cookies", caller);
+    return result;
+}
+
+namespace
+{
+
+// Results that another proxy of the list may mend.
+bool is_connection_failure(CURLcode code)
+{
+    return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT || code == CURLE_OPERATION_TIMEDOUT;
+}
+
+void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)
+{
+    if (proxy && !strstr(proxy, "DIRECT")) {
+        syslog(LOG_NOTICE, "%s connect with http proxy:%s\n", caller, proxy);
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, proxy);
+    } else {
+        syslog(LOG_NOTICE, "Direct connect without http proxy\n");
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, nullptr);
+    }
+}
+
+} // namespace
+
+CURLcode post_with_failover(const char *caller, atls_handle *handle)
+{
+    // Entry 0 of the list is what the transport was set up with.
+    for (int index = 1;; index++) {
+        const CURLcode code = curl_easy_perform(handle->curl);
+        if (code == CURLE_OK)
+            return code;
+        syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),
+               static_cast<int>(handle->proxyUrlCount), index);
+        if (!is_connection_failure(code) || index >= handle->proxyUrlCount || !handle->proxyUrlList) {
+            syslog(LOG_ERR, "%s: Failed to preform post", caller);
+            release_proxy_list(handle);
+            return code;
+        }
+        apply_fallback_proxy(caller, handle->curl, handle->proxyUrlList[index]);
+    }
+}

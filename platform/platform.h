@@ -1,0 +1,92 @@
+/*
+ * platform.h - what the ATLS client asks of the device it runs on.
+ *
+ * A device integrator provides a shared library libatls-platform.so with these functions; the one built here is a
+ * stand-in for desktops that reads a directory of files. docs/porting.md explains both.
+ *
+ * Threads: every function may be called from several threads at the same time. None may call back into the ATLS
+ * client, throw, or end the process.
+ */
+#ifndef ATLS_PLATFORM_H
+#define ATLS_PLATFORM_H
+
+#include <stdint.h>
+#include <time.h>
+
+#ifdef __cplusplus
+#define ATLS_PLATFORM_NOTHROW noexcept
+extern "C" {
+#else
+#define ATLS_PLATFORM_NOTHROW
+#endif
+
+struct ssl_ctx_st; /* OpenSSL's SSL_CTX */
+
+/* ---- TLS library: the security context of the inner TLS engine ---------------------------------------------- */
+
+/* An opaque security context. */
+typedef void *tlsplat_sec_ctx;
+
+/* The private record of a security context. The client uses ssl_ctx only. */
+typedef struct tlsplat_pvt_ctx {
+    void *reserved[3];
+    struct ssl_ctx_st *ssl_ctx; /* owned by the security context */
+} tlsplat_pvt_ctx;
+
+/* Option of tlsplat_setopt_sec_ctx: value 1 makes the context trust the platform's default trust store. */
+#define TLSPLAT_OPT_DEFAULT_TRUSTSTORE 0
+
+/* Prepares the library. Called before every set-up, so it must do no harm when it is called again.
+ * Returns 0, or a code of the platform that is only logged. */
+int tlsplat_api_init(void);
+
+/* Makes a client security context with an SSL_CTX of its own and stores it in *sec_ctx. Protocol versions, cipher
+ * suites and the verification of the service are the platform's choice.
+ * Returns 0, or a code; *sec_ctx is then left alone. */
+int tlsplat_create_sec_ctx(tlsplat_sec_ctx *sec_ctx);
+
+/* Sets an option. Returns 0, or a code when the option or the value is unknown or cannot be set. */
+int tlsplat_setopt_sec_ctx(tlsplat_sec_ctx sec_ctx, int option, int value);
+
+/* Returns the context's private record, which lives as long as the context, or NULL. */
+tlsplat_pvt_ctx *tlsplat_get_ssl_ctx(tlsplat_sec_ctx sec_ctx);
+
+/* Releases the context. The SSL_CTX is released by reference (SSL_CTX_free): an SSL object made from it lives on.
+ * The result is not used. */
+int tlsplat_destroy_sec_ctx(tlsplat_sec_ctx sec_ctx);
+
+/* ---- Secure storage: the device's certificate and key -------------------------------------------------------- */
+
+/* Prepares the store's crypto support. Called before each pair of fetches; the result is not used. */
+int secstore_init_ssl_lib(void);
+
+/* Writes the device certificate as DER into buffer. selector is 0: the device's own. *length holds the capacity
+ * on entry (4,096) and the length of the certificate on return.
+ * Returns 0, or a non-zero value when there is none or it does not fit; it is never truncated. */
+int secstore_get_device_cert(int selector, unsigned char *buffer, uint32_t *length);
+
+/* The same for the device's RSA private key (PKCS#1 or PKCS#8). The client wipes the buffer after use. */
+int secstore_get_private_key(int selector, unsigned char *buffer, uint32_t *length);
+
+/* ---- Identity of the device, for the User-Agent header -------------------------------------------------------- */
+
+/* Model name of the device; the first 19 characters are used. Never NULL; valid until the thread's next call. */
+const char *platform_get_device_model(void);
+
+/* Identifier of the firmware load; what follows ".loads" is cut, and 31 characters are used. As above. */
+const char *platform_get_load_id(void);
+
+/* ---- Utilities -------------------------------------------------------------------------------------------------- */
+
+/* Returns non-zero when port is a usable TCP port number. */
+int netutil_check_port(int port);
+
+/* Sets the system clock to *when, in seconds since the epoch, as stime(2) of older C libraries does.
+ * Returns 0, or -1 with errno set; EPERM when the clock is not to be set. */
+int stime(const time_t *when) ATLS_PLATFORM_NOTHROW;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
