@@ -1,0 +1,289 @@
+// atls-post: posts a message to an ATLS service and prints the answer.
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <stdexcept>
+#include <system_error>
+
+#include <CLI/CLI.hpp>
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "atls.h"
+#include "cli.h"
+
+namespace
+{
+
+constexpr int EXIT_OUTPUT = 74;
+
+struct Settings {
+    std::string url;
+    std::string message;
+    std::string output;
+    std::string tracking_id;
+    std::string ip;
+    int count = 1;
+    int log_level = -1;
+    bool with_header = false;
+    bool trace = false;
+};
+
+struct Address {
+    std::string host; // an IPv6 address keeps its brackets
+    int port = 443;
+    std::string path = "/";
+};
+
+// A wrong argument; ends the program with EXIT_USAGE.
+class UsageError : public std::runtime_error
+{
+public:
+    using std::runtime_error::runtime_error;
+};
+
+void add_options(CLI::App &app, Settings &settings)
+{
+    const std::map<std::string, int> levels{
+        {"error", LOG_ERR}, {"notice", LOG_NOTICE}, {"info", LOG_INFO}, {"debug", LOG_DEBUG}};
+    app.add_option("URL", settings.url, "https://HOST[:PORT][/PATH] of the service")->required();
+    app.add_option("MESSAGE", settings.message,
+                   "The message; @FILE takes a file's contents; without it the standard input is read");
+    app.add_option("-o,--output", settings.output, "Write the answer to this file");
+    app.add_flag("-i,--include", settings.with_header, "Write the response header block in front of the answer");
+    app.add_option("--tracking-id", settings.tracking_id, "Send this TrackingID header with every request");
+    app.add_option("--ip", settings.ip, "Connect to this IP address in place of the URL's host");
+    app.add_option("-n,--count", settings.count, "Post the message this many times on one connection")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("--log", settings.log_level,
+                   "Show the library's log up to this level: error, notice, info, debug (debug shows answers)")
+        ->transform(CLI::Transformer(levels))
+        ->type_name("LEVEL");
+    app.add_flag("--trace", settings.trace, "Show the trace of the HTTPS layer");
+    app.footer("Log and trace go to the standard error.\n"
+               "Exit status: 0, or the library's result (1 to 7), 64 wrong usage, 74 answer not written.\n"
+               "Examples:\n"
+               "  atls-post https://service.example/atls 'hello'\n"
+               "  atls-post -o answer.bin https://service.example:8443/atls @message.bin\n"
+               "  date | atls-post --log notice https://service.example/atls");
+}
+
+Address parse_url(const std::string &url)
+{
+    const std::string scheme = "https://";
+    if (url.compare(0, scheme.size(), scheme) != 0)
+        throw UsageError("not an https:// URL: " + url);
+    const size_t host_start = scheme.size();
+    const size_t path_start = std::min(url.find('/', host_start), url.size());
+    const std::string authority = url.substr(host_start, path_start - host_start);
+    const size_t bracket = authority.find(']');
+    const size_t colon = authority.find(':', bracket == std::string::npos ? 0 : bracket);
+
+    Address address;
+    address.host = authority.substr(0, colon);
+    if (address.host.empty() || authority.find('@') != std::string::npos)
+        throw UsageError("no usable host in the URL: " + url);
+    if (colon != std::string::npos) {
+        const std::string port = authority.substr(colon + 1);
+        if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
+            throw UsageError("not a port number in the URL: " + url);
+        address.port = std::stoi(port);
+    }
+    if (path_start < url.size())
+        address.path = url.substr(path_start);
+    return address;
+}
+
+std::string read_all(std::istream &input, const std::string &name)
+{
+    std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+    if (input.bad())
+        throw UsageError("cannot read " + name);
+    return text;
+}
+
+std::string read_message(const CLI::App &app, const Settings &settings)
+{
+    std::string message = settings.message;
+    if (app.count("MESSAGE") == 0) {
+        message = read_all(std::cin, "the standard input");
+    } else if (!message.empty() && message[0] == '@') {
+        const std::string name = message.substr(1);
+        std::ifstream file(name, std::ios::binary);
+        if (!file)
+            throw UsageError("cannot open " + name + ": " + strerror(errno));
+        message = read_all(file, name);
+    }
+    if (message.empty())
+        throw UsageError("the message is empty");
+    if (message.size() > INT_MAX)
+        throw UsageError("the message is longer than 2 GiB");
+    return message;
+}
+
+// Where answers go. An existing file is only emptied when the first answer is there.
+class Output
+{
+public:
+    explicit Output(const std::string &name)
+    {
+        if (name.empty())
+            return;
+        const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+        file_ = descriptor < 0 ? nullptr : fdopen(descriptor, "wb");
+        if (!file_)
+            throw UsageError("cannot write " + name + ": " + strerror(errno));
+        truncate_ = true;
+    }
+    Output(const Output &) = delete;
+    Output &operator=(const Output &) = delete;
+    ~Output()
+    {
+        if (file_ != stdout)
+            fclose(file_);
+    }
+
+    bool write(const atls_resp &answer, bool with_header)
+    {
+        if (truncate_ && ftruncate(fileno(file_), 0) != 0 && errno != EINVAL) // a pipe or device has no length
+            return false;
+        truncate_ = false;
+        if (with_header)
+            fwrite(answer.header, 1, answer.header_len, file_);
+        fwrite(answer.body, 1, answer.body_len, file_);
+        const bool on_terminal = isatty(fileno(file_)) && answer.body[answer.body_len - 1] != '\n';
+        if (on_terminal)
+            fputc('\n', file_);
+        return fflush(file_) == 0 && !ferror(file_);
+    }
+
+private:
+    FILE *file_ = stdout;
+    bool truncate_ = false;
+};
+
+// libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr is
+// pointed elsewhere for the time of the connection, which the C library allows.
+class TraceHidden
+{
+public:
+    explicit TraceHidden(bool hide)
+    {
+        if (hide && (null_ = fopen("/dev/null", "we")))
+            stderr = null_;
+    }
+    TraceHidden(const TraceHidden &) = delete;
+    TraceHidden &operator=(const TraceHidden &) = delete;
+    ~TraceHidden()
+    {
+        stderr = saved_;
+        if (null_)
+            fclose(null_);
+    }
+
+private:
+    FILE *saved_ = stderr;
+    FILE *null_ = nullptr;
+};
+
+void set_up_log(int level)
+{
+    openlog("atls-post", level < 0 ? 0 : LOG_PERROR, LOG_USER);
+    // Not below notice unless asked for: debug lines hold decrypted answers.
+    setlogmask(LOG_UPTO(level < 0 ? LOG_NOTICE : level));
+}
+
+const char *meaning(int result)
+{
+    static const char *const TEXTS[] = {"success",
+                                        "invalid arguments, or the session has ended",
+                                        "set-up failed: device certificate, key or trust store",
+                                        "handshake failed",
+                                        "the response could not be processed",
+                                        "no cookie",
+                                        "the message could not be exchanged",
+                                        "unexpected HTTP status in the handshake"};
+    const auto index = static_cast<size_t>(result);
+    return index < std::size(TEXTS) ? TEXTS[index] : "unknown result";
+}
+
+int report_failure(const char *doing, const Settings &settings, int result)
+{
+    std::cerr << "atls-post: " << doing << ' ' << settings.url << ": " << meaning(result) << " (result " << result
+              << ')' << (settings.log_level < 0 ? "; --log error shows why" : "") << std::endl;
+    return result;
+}
+
+int exchange(atls_handle *handle, const Settings &settings, const std::string &path, const std::string &message,
+             Output &output)
+{
+    atls_resp answer = {};
+    const int result =
+        atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), path.c_str(), &answer);
+    int status = result;
+    if (result != ATLS_OK) {
+        report_failure("posting to", settings, result);
+    } else if (!output.write(answer, settings.with_header)) {
+        std::cerr << "atls-post: answer not written: " << strerror(errno) << std::endl;
+        status = EXIT_OUTPUT;
+    } else if (answer.status_code != 200) {
+        std::cerr << "atls-post: the service answered with HTTP status " << answer.status_code << std::endl;
+    }
+    cleanup_atls_resp(&answer);
+    return status;
+}
+
+int post(atls_handle *handle, const Settings &settings, const Address &address, const std::string &message,
+         Output &output)
+{
+    const bool by_ip = !settings.ip.empty();
+    const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
+    int status = atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
+                              address.port, address.path.c_str(), tracking_id);
+    if (status != ATLS_OK)
+        return report_failure("connecting to", settings, status);
+    for (int i = 0; i < settings.count && status == ATLS_OK; i++)
+        status = exchange(handle, settings, address.path, message, output);
+    return status;
+}
+
+int run(const CLI::App &app, const Settings &settings)
+{
+    const Address address = parse_url(settings.url);
+    const std::string message = read_message(app, settings);
+    Output output(settings.output);
+    set_up_log(settings.log_level);
+    const TraceHidden hidden(!settings.trace);
+    atls_handle *handle = create_atls_handle();
+    if (!handle)
+        throw std::bad_alloc();
+    const int status = post(handle, settings, address, message, output);
+    free_atls_handle(handle);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    return cli::guarded("atls-post", [&] {
+        CLI::App app("Posts a message to an ATLS service and prints the answer.", "atls-post");
+        Settings settings;
+        add_options(app, settings);
+        if (const auto status = cli::parse(app, argc, argv))
+            return *status;
+        try {
+            return run(app, settings);
+        } catch (const UsageError &error) {
+            std::cerr << "atls-post: " << error.what() << std::endl;
+            return cli::EXIT_USAGE;
+        }
+    });
+}
