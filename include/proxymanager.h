@@ -1,0 +1,220 @@
+/*
+ * proxymanager.h - client of the device's proxy manager service.
+ *
+ * The proxy manager is a process of its own on the D-Bus system bus. Through this interface a program reads
+ * and changes the HTTP proxy configuration of the device, asks which proxies serve a URL, and is told of
+ * changes. The order of calls is
+ *
+ *     create_proxy_manager_client -> get_proxy_url, get_http_proxy_config, update_proxy_config,
+ *                                    check_service_started, set_proxy_manager_event_cb (any number of times)
+ *                                 -> cleanup_proxy_manager_client
+ *
+ * One client serves the whole process: one connection to the system bus and one dispatch thread, which alone
+ * talks on that connection. Answers of get_proxy_url are kept in a cache of 50 hosts.
+ *
+ * Threads: every function may be called on any thread. Creating and cleaning up are safe at the same time on
+ * several threads, but no other call may be under way on any thread while cleanup_proxy_manager_client runs.
+ *
+ * Blocking: a call that asks the service waits for its answer, at most about 25 seconds. Calls of different
+ * threads do not wait for each other. The dispatch thread carries the calls out, so
+ *   - callbacks must be short: all calls to the service, and all other events, wait while one runs;
+ *   - callbacks run on the dispatch thread with locks of the client held and must not call any function of
+ *     this interface but the record functions. Hand such work to another thread;
+ *   - no thread may call this interface while it holds a lock that a callback wants: the call would wait for
+ * the callback, and the callback for the lock, until the time limit. A C++ callback should not throw; what it
+ * throws is logged and goes no further.
+ *
+ * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
+ * one call, counts as a failed call: it is logged, and the function returns its neutral result.
+ *
+ * A lost bus: when the connection to the bus is lost, calls fail at once and no more events come. Clean the
+ * client up and create it again; it does not come back by itself. A service that ends and starts again on a
+ * living bus needs nothing of the kind.
+ *
+ * fork: the client belongs to the process that created it. In a child process every function gives its
+ * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with
+ * exec.
+ *
+ * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
+ * calls openlog. The user name of a cached answer is logged at LOG_NOTICE, passwords never are.
+ */
+#ifndef PROXYMANAGER_H
+#define PROXYMANAGER_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * Modes and events are integers of 32 bits, not enumerations: the service may send events without a name, and
+ * the size of an enumeration depends on the compiler's options.
+ */
+typedef int32_t ProxyMode;
+enum {
+    PROXY_MODE_OFF = 0,    /* "off": no proxy */
+    PROXY_MODE_MANUAL = 1, /* "manual": one proxy, configured by hand */
+    PROXY_MODE_PACURL = 2, /* "pacurl": the service evaluates a script from a configured URL */
+    PROXY_MODE_WPAD = 3    /* "wpad": the service evaluates a script that it finds by itself */
+};
+
+typedef int32_t ProxyMgrEventType;
+enum {
+    PROXY_MGR_EVENT_STATE_0 = 0, /* state event 0, and every state event without a callback of its own */
+    PROXY_MGR_EVENT_STATE_1 = 1, /* state event 1 */
+    PROXY_MGR_EVENT_CONFIG_UPDATED = 2 /* the proxy configuration has changed */
+};
+
+/*
+ * Told of an event. type is the event as it came, which may be a value without a name. Runs on the dispatch
+ * thread; see "Blocking" above for what it may do.
+ */
+typedef void (*ProxyMgrEventCallback)(ProxyMgrEventType type);
+
+/*
+ * Strings in records are NULL when absent, never empty when the library made them, and otherwise heap blocks
+ * of their own, to be released with free() or with the record's clean-up function.
+ */
+
+/* The proxy configuration as the service holds it. */
+typedef struct ProxyManagerConfig {
+    ProxyMode mode;
+    char *proxyUrl;  /* the proxy of mode 1: host:port; a leading http:// or https:// is removed when it is
+                        sent */
+    char *pacUrl;    /* the URL of the script of mode 2 */
+    bool optionFlag; /* a yes-or-no setting of the service; the library only carries it */
+    char *userName;  /* for authentication at the proxy */
+    char *password;
+} ProxyManagerConfig;
+
+/* The proxies to use for one URL. */
+typedef struct ProxyUrlInformation {
+    ProxyMode mode;        /* 0: use no proxy */
+    char **proxyUrlList;   /* NULL or proxyUrlCount entries, best first; an entry may be NULL. Mode 1: the one
+                              configured proxy. Modes 2 and 3: "PROXY host:port" or "DIRECT" */
+    char *userName;        /* mode 1 only */
+    char *password;        /* mode 1 only */
+    int32_t proxyUrlCount; /* number of entries of proxyUrlList */
+} ProxyUrlInformation;
+
+/* A single setting, for callers that hold one; the library only releases it. */
+typedef struct ProxySetting {
+    int32_t kind;
+    char *value;
+} ProxySetting;
+
+/*
+ * Makes the process's client: connects to the system bus, reads the configuration and starts the dispatch
+ * thread, which has all signals blocked. Calling it again is cheap and changes nothing.
+ *
+ * Returns 1 when a client exists on return, also when its dispatch thread could not be started (calls then
+ * work, events do not come); 0 when the bus cannot be reached or the service does not answer.
+ */
+int create_proxy_manager_client(void);
+
+/*
+ * Stops the dispatch thread, releases the client with its cache and its callbacks, and closes the connection.
+ * The strings of all answers of get_proxy_url become invalid. No other call may be under way; not to be
+ * called from a callback, where it does nothing.
+ *
+ * Returns 1 when a client was released, 0 when there was none.
+ */
+int cleanup_proxy_manager_client(void);
+
+/*
+ * Returns a copy of the configuration that the client holds, without asking the service. The caller owns the
+ * strings: release them with cleanupProxyConfig. All fields are zero and NULL when there is no client. After
+ * a change to any mode but manual only the mode is known.
+ */
+ProxyManagerConfig get_http_proxy_config(void);
+
+/*
+ * Sends a new configuration to the service. The caller keeps the strings. proxyUrl is sent in mode 1 only.
+ * The client's own copy, and its cache, change only when the service announces the change.
+ *
+ * Returns the service's own result code; -1 when there is no client, when the call failed, or when proxyUrl
+ * contains "http:" or "https:" and is too short for the prefix.
+ */
+int update_proxy_config(ProxyManagerConfig config);
+
+/*
+ * Returns the proxies for requestUrl, from the cache if its host was asked for before. Failed and empty
+ * answers are kept in the cache too, until the service has it cleared.
+ *
+ * The strings belong to the client: never free them. They stay readable for the calling thread until its next
+ * call of get_proxy_url or until the client is cleaned up, whichever is first; copy what is needed for longer
+ * or on other threads.
+ *
+ * All fields are zero and NULL when requestUrl is NULL, the mode is off, the service gave no answer in time
+ * or an empty one, or there is no client.
+ */
+ProxyUrlInformation get_proxy_url(const char *requestUrl);
+
+/*
+ * Asks the service whether it has started. Returns its answer; false when there is no client or no answer.
+ */
+bool check_service_started(void);
+
+/*
+ * Registers cb for events of one type, in place of an earlier callback for it; NULL changes nothing.
+ * Callbacks are forgotten when the client is cleaned up. State events go to the callback of their type, or
+ * else to that of type 0. Registering for type 0 or 1 absorbs the next change of the configuration: it is not
+ * told as event 2.
+ *
+ * When the call returns, an event that is already on its way may still go to the callback that was replaced.
+ */
+void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb);
+
+/*
+ * The record functions. None of them takes a lock or keeps anything; a record belongs to one thread at a
+ * time. Record pointers must not be NULL where nothing else is said.
+ */
+
+/* Clears a configuration record: mode off, flag false, no strings. Releases nothing. */
+void initProxyConfig(ProxyManagerConfig *config);
+
+/* Releases the strings of a configuration and clears them. Mode and flag stay. May be repeated. */
+void cleanupProxyConfig(ProxyManagerConfig *config);
+
+/*
+ * Copies a configuration with its strings into destConfig, which must hold no strings of its own
+ * (initProxyConfig). Empty strings become NULL. The caller owns the copies. A NULL pointer is logged and
+ * nothing is copied.
+ */
+void cloneProxyConfig(const ProxyManagerConfig *srcConfig, ProxyManagerConfig *destConfig);
+
+/*
+ * Sets an answer record to mode and a new list of count NULL entries (none when count is 0 or negative),
+ * without user name and password. Releases nothing. Without memory for the list the count is 0.
+ */
+void initProxyUrlInfo(ProxyUrlInformation *info, int mode, int count);
+
+/*
+ * Releases list and strings of an answer record and clears it. May be repeated. For records that the caller
+ * has filled; not for answers of get_proxy_url.
+ */
+void cleanupProxyUrlInfo(ProxyUrlInformation *info);
+
+/* Releases the value of a setting and clears it. May be repeated. */
+void cleanupProxySetting(ProxySetting *setting);
+
+/* Mode of a text, in any case: "off", "manual", "pacurl", "wpad". Any other text is mode off. text: not NULL.
+ */
+int str2ProxyMode(const char *text);
+
+/* Text of a mode, a constant; "off", with a log line, when there is no such mode. */
+const char *proxyMode2Str(int mode);
+
+/*
+ * Returns a heap copy of len bytes of src with a terminating NUL; release it with free(). NULL when src is
+ * NULL, len is not positive, or there is no memory.
+ */
+char *string2Char(const char *src, int len);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
