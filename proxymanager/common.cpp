@@ -1,0 +1,153 @@
+// The record functions of the public header, and the helpers that go with them.
+
+#include "common.h"
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include <strings.h>
+#include <syslog.h>
+
+namespace
+{
+
+// Indexed by mode.
+constexpr const char *MODE_TEXTS[] = {"off", "manual", "pacurl", "wpad"};
+constexpr int MODE_COUNT = sizeof MODE_TEXTS / sizeof MODE_TEXTS[0];
+
+int textLength(size_t length)
+{
+    return length > static_cast<size_t>(INT_MAX) ? -1 : static_cast<int>(length);
+}
+
+void cloneText(const char *source, char **destination)
+{
+    if (source)
+        *destination = string2Char(source, textLength(strlen(source)));
+}
+
+} // namespace
+
+void freeMem(char **text)
+{
+    if (*text) {
+        free(*text);
+        *text = nullptr;
+    }
+}
+
+char *copyText(const std::string &text)
+{
+    return string2Char(text.data(), textLength(text.length()));
+}
+
+char *getHost(const std::string &url)
+{
+    const size_t scheme = url.find("://");
+    if (scheme == std::string::npos)
+        return copyText(url);
+    std::string rest = url.substr(scheme + strlen("://"));
+    const size_t slash = rest.find('/');
+    if (slash != std::string::npos && slash > 0)
+        rest.resize(slash);
+    return copyText(rest.substr(0, rest.find(':')));
+}
+
+void initProxyConfig(ProxyManagerConfig *config)
+{
+    config->mode = PROXY_MODE_OFF;
+    config->proxyUrl = nullptr;
+    config->pacUrl = nullptr;
+    config->optionFlag = false;
+    config->userName = nullptr;
+    config->password = nullptr;
+}
+
+void cleanupProxyConfig(ProxyManagerConfig *config)
+{
+    freeMem(&config->proxyUrl);
+    freeMem(&config->pacUrl);
+    freeMem(&config->userName);
+    freeMem(&config->password);
+}
+
+void cloneProxyConfig(const ProxyManagerConfig *srcConfig, ProxyManagerConfig *destConfig)
+{
+    if (!srcConfig || !destConfig) {
+        syslog(LOG_ERR, "%s srcConfig or destConfig is null", __func__);
+        return;
+    }
+    destConfig->mode = srcConfig->mode;
+    destConfig->optionFlag = srcConfig->optionFlag;
+    cloneText(srcConfig->proxyUrl, &destConfig->proxyUrl);
+    cloneText(srcConfig->pacUrl, &destConfig->pacUrl);
+    cloneText(srcConfig->userName, &destConfig->userName);
+    cloneText(srcConfig->password, &destConfig->password);
+}
+
+void initProxyUrlInfo(ProxyUrlInformation *info, int mode, int count)
+{
+    info->mode = mode;
+    info->userName = nullptr;
+    info->password = nullptr;
+    info->proxyUrlCount = count;
+    info->proxyUrlList = nullptr;
+    if (count > 0) {
+        info->proxyUrlList = static_cast<char **>(calloc(static_cast<size_t>(count), sizeof(char *)));
+        if (!info->proxyUrlList)
+            info->proxyUrlCount = 0;
+    }
+}
+
+void cleanupProxyUrlInfo(ProxyUrlInformation *info)
+{
+    info->mode = PROXY_MODE_OFF;
+    if (info->proxyUrlList && info->proxyUrlCount > 0) {
+        for (int32_t i = 0; i < info->proxyUrlCount; i++)
+            freeMem(&info->proxyUrlList[i]);
+        free(info->proxyUrlList);
+        info->proxyUrlList = nullptr;
+    }
+    freeMem(&info->userName);
+    freeMem(&info->password);
+    info->proxyUrlCount = 0;
+}
+
+void cleanupProxySetting(ProxySetting *setting)
+{
+    setting->kind = 0;
+    freeMem(&setting->value);
+}
+
+int str2ProxyMode(const char *text)
+{
+    for (int mode = 0; mode < MODE_COUNT; mode++) {
+        if (strcasecmp(text, MODE_TEXTS[mode]) == 0)
+            return mode;
+    }
+    return PROXY_MODE_OFF;
+}
+
+const char *proxyMode2Str(int mode)
+{
+    if (mode < 0 || mode >= MODE_COUNT) {
+        syslog(LOG_ERR, "%s: mode:%d is invalid", __func__, mode);
+        return MODE_TEXTS[PROXY_MODE_OFF];
+    }
+    syslog(LOG_INFO, "%s: str mode:%s", __func__, MODE_TEXTS[mode]);
+    return MODE_TEXTS[mode];
+}
+
+char *string2Char(const char *src, int len)
+{
+    if (!src || len <= 0) {
+        syslog(LOG_INFO, "%s: input is null, or length:%d <= 0", __func__, len);
+        return nullptr;
+    }
+    const size_t length = static_cast<size_t>(len);
+    char *copy = static_cast<char *>(calloc(length + 1, 1));
+    if (copy)
+        memcpy(copy, src, length);
+    return copy;
+}

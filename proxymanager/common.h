@@ -1,0 +1,19 @@
+// Helpers that the files of the proxy manager client share beside the record functions of the public header.
+#ifndef PROXYMANAGER_COMMON_H
+#define PROXYMANAGER_COMMON_H
+
+#include "proxymanager.h"
+
+#include <string>
+
+// Releases a heap block unless it is NULL, and clears the pointer to it.
+void freeMem(char **text);
+
+// Returns a heap copy of the host part of a URL, NULL when that part is empty. A text without "://" is its
+// own host.
+char *getHost(const std::string &url);
+
+// string2Char for a whole text; one that is too long for it yields NULL.
+char *copyText(const std::string &text);
+
+#endif

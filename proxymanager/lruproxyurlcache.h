@@ -1,0 +1,163 @@
+// A least-recently-used cache of proxy answers: a list for the order, two maps for the keys. It has no lock;
+// its owner guards every use. Values are plain records: what they point at is released through the callback
+// only.
+#ifndef PROXYMANAGER_LRUPROXYURLCACHE_H
+#define PROXYMANAGER_LRUPROXYURLCACHE_H
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include <syslog.h>
+
+class ProxyURLCacheNode
+{
+public:
+    explicit ProxyURLCacheNode(std::string nodeKey) : key(std::move(nodeKey)) {}
+    ProxyURLCacheNode(const ProxyURLCacheNode &) = delete;
+    ProxyURLCacheNode &operator=(const ProxyURLCacheNode &) = delete;
+
+    ~ProxyURLCacheNode()
+    {
+        syslog(LOG_INFO, "%s%s called ", "", "~ProxyURLCacheNode");
+        prev = nullptr;
+        next = nullptr;
+    }
+
+    std::string key;
+    ProxyURLCacheNode *prev = nullptr; // towards the head: used more recently
+    ProxyURLCacheNode *next = nullptr; // towards the tail
+};
+
+template <typename T>
+class LRUProxyURLCache
+{
+public:
+    using ClearCallback = void (*)(T &value, void *data);
+
+    LRUProxyURLCache(uint32_t entries, ClearCallback callback, void *callbackData)
+        : capacity(entries), clearCallback(callback), clearCallbackData(callbackData)
+    {
+    }
+    LRUProxyURLCache(const LRUProxyURLCache &) = delete;
+    LRUProxyURLCache &operator=(const LRUProxyURLCache &) = delete;
+
+    ~LRUProxyURLCache()
+    {
+        clearCache();
+        clearCallback = nullptr;
+    }
+
+    // A value that is replaced does not pass through the callback: see find.
+    void set(std::string key, T value)
+    {
+        syslog(LOG_NOTICE, "%s%s key:%s", "", __func__, key.c_str());
+        const auto present = nodeMap.find(key);
+        if (present != nodeMap.end()) {
+            remove(present->second, false);
+            setHead(present->second);
+            valueMap[key] = value;
+            return;
+        }
+        // All memory is had before the first change, so that a failure leaves the cache as it was.
+        std::map<std::string, std::unique_ptr<ProxyURLCacheNode>> created;
+        created.emplace(key, std::make_unique<ProxyURLCacheNode>(key));
+        std::map<std::string, ProxyURLCacheNode *> newNode{{key, created.begin()->second.get()}};
+        std::map<std::string, T> newValue{{key, value}};
+        if (nodeMap.size() >= capacity && tail)
+            remove(tail, true);
+        setHead(created.begin()->second.release());
+        nodeMap.insert(newNode.extract(newNode.begin()));
+        valueMap.insert(newValue.extract(newValue.begin()));
+    }
+
+    bool get(const std::string &key, T &out)
+    {
+        const auto present = nodeMap.find(key);
+        if (present == nodeMap.end())
+            return false;
+        remove(present->second, false);
+        setHead(present->second);
+        out = valueMap[key];
+        return true;
+    }
+
+    // The value under a key without counting as a use, NULL when there is none.
+    const T *find(const std::string &key) const
+    {
+        const auto present = valueMap.find(key);
+        return present == valueMap.end() ? nullptr : &present->second;
+    }
+
+    void setHead(ProxyURLCacheNode *node)
+    {
+        syslog(LOG_INFO, "%s%s key:%s", "", __func__, node->key.c_str());
+        node->prev = nullptr;
+        node->next = head;
+        if (head)
+            head->prev = node;
+        head = node;
+        if (!tail)
+            tail = node;
+    }
+
+    void remove(ProxyURLCacheNode *node, bool deleteNode)
+    {
+        syslog(LOG_INFO, "%s%s key:%s", "", __func__, node->key.c_str());
+        if (node->prev)
+            node->prev->next = node->next;
+        else
+            head = node->next;
+        if (node->next)
+            node->next->prev = node->prev;
+        else
+            tail = node->prev;
+        if (!deleteNode)
+            return;
+
+        const std::string key = std::move(node->key);
+        syslog(LOG_INFO, "%s%s deleteNode key:%s", "", __func__, key.c_str());
+        const auto present = nodeMap.find(key);
+        if (present != nodeMap.end()) {
+            delete present->second;
+            nodeMap.erase(present);
+        }
+        const auto stored = valueMap.find(key);
+        if (stored != valueMap.end()) {
+            if (clearCallback)
+                clearCallback(stored->second, clearCallbackData);
+            valueMap.erase(stored);
+        }
+    }
+
+    void clearCache()
+    {
+        syslog(LOG_INFO, "%s%s called ", "", __func__);
+        for (auto &[key, value] : valueMap) {
+            if (clearCallback)
+                clearCallback(value, clearCallbackData);
+            const auto present = nodeMap.find(key);
+            if (present != nodeMap.end() && present->second) {
+                delete present->second;
+                present->second = nullptr;
+            }
+        }
+        nodeMap.clear();
+        valueMap.clear();
+        head = nullptr;
+        tail = nullptr;
+    }
+
+    // Read by tests; changed by the operations above only.
+    uint32_t capacity;
+    ProxyURLCacheNode *head = nullptr;
+    ProxyURLCacheNode *tail = nullptr;
+    std::map<std::string, ProxyURLCacheNode *> nodeMap;
+    std::map<std::string, T> valueMap;
+    ClearCallback clearCallback;
+    void *clearCallbackData;
+};
+
+#endif

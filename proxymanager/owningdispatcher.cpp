@@ -1,0 +1,521 @@
+// The dispatch loop of the owning thread: its life, the calls that it carries out, and its sockets.
+
+#include "owningdispatcher.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <new>
+
+#include <dbus/dbus.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace
+{
+
+// D-Bus leaves the default time-out of a call to the library; this is that of libdbus.
+constexpr std::chrono::milliseconds DEFAULT_TIMEOUT(25000);
+constexpr const char *NO_REPLY_TEXT =
+    "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
+    "message "
+    "bus security policy blocked the reply, the reply timeout expired, or the network connection was broken.";
+// What has arrived is taken in at most this often in a row: a peer that never stops sending must not hold us.
+constexpr int DISPATCH_ROUNDS = 4096;
+
+thread_local const OwningDispatcher *enteredHere = nullptr;
+
+int toWatchFlags(short events)
+{
+    int flags = 0;
+    if (events & POLLIN)
+        flags |= DBUS_WATCH_READABLE;
+    if (events & POLLOUT)
+        flags |= DBUS_WATCH_WRITABLE;
+    if (events & POLLHUP)
+        flags |= DBUS_WATCH_HANGUP;
+    if (events & POLLERR)
+        flags |= DBUS_WATCH_ERROR;
+    if (events & POLLNVAL) // somebody closed the socket
+        flags |= DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP;
+    return flags;
+}
+
+// Time-outs are kept by the waiting callers. Those of libdbus's own blocking calls need no timer of ours, and
+// dbus-c++'s timers read the wall clock and use freed memory when they fire.
+class InertTimeout : public DBus::Timeout
+{
+public:
+    explicit InertTimeout(DBus::Timeout::Internal *internal) : DBus::Timeout(internal) {}
+    void toggle() override {}
+};
+
+} // namespace
+
+// ---- Condition variable
+// ---------------------------------------------------------------------------------------
+
+MonotonicCondition::MonotonicCondition()
+{
+    pthread_condattr_t attributes;
+    pthread_condattr_init(&attributes);
+    pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
+    pthread_cond_init(&condition_, &attributes);
+    pthread_condattr_destroy(&attributes);
+}
+
+MonotonicCondition::~MonotonicCondition()
+{
+    pthread_cond_destroy(&condition_);
+}
+
+timespec MonotonicCondition::deadline(std::chrono::milliseconds fromNow)
+{
+    constexpr long NANOSECONDS = 1000000000L;
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    time.tv_sec += static_cast<time_t>(fromNow.count() / 1000);
+    time.tv_nsec += static_cast<long>(fromNow.count() % 1000) * 1000000L;
+    if (time.tv_nsec >= NANOSECONDS) {
+        time.tv_sec++;
+        time.tv_nsec -= NANOSECONDS;
+    }
+    return time;
+}
+
+bool MonotonicCondition::waitUntil(std::unique_lock<std::mutex> &lock, const timespec &deadline)
+{
+    return pthread_cond_timedwait(&condition_, lock.mutex()->native_handle(), &deadline) != ETIMEDOUT;
+}
+
+void MonotonicCondition::notifyAll()
+{
+    pthread_cond_broadcast(&condition_);
+}
+
+// ---- Life of the thread
+// ---------------------------------------------------------------------------------------
+
+OwningDispatcher::OwningDispatcher() : wakeDescriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    for (const int descriptor : _fdunlock) {
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        fcntl(descriptor, F_SETFL, O_NONBLOCK);
+    }
+    rememberUnlockPair();
+    replyFilter_ =
+        new DBus::Callback<OwningDispatcher, bool, const DBus::Message &>(this, &OwningDispatcher::receive);
+}
+
+OwningDispatcher::~OwningDispatcher()
+{
+    if (unlockPairIntact()) {
+        close(_fdunlock[0]);
+        close(_fdunlock[1]);
+    }
+    if (wakeDescriptor_ >= 0)
+        close(wakeDescriptor_);
+}
+
+bool OwningDispatcher::expectThread()
+{
+    if (wakeDescriptor_ < 0)
+        wakeDescriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeDescriptor_ < 0)
+        return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = false;
+    running_ = true;
+    return true;
+}
+
+void OwningDispatcher::forgetThread()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+}
+
+bool OwningDispatcher::beginThread()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (entered_)
+        return false;
+    if (!unlockPairIntact()) {
+        if (pipe2(_fdunlock, O_CLOEXEC | O_NONBLOCK) != 0)
+            _fdunlock[0] = _fdunlock[1] = -1;
+        rememberUnlockPair();
+    }
+    entered_ = true;
+    running_ = true;
+    enteredHere = this;
+    return true;
+}
+
+void OwningDispatcher::endThread()
+{
+    arrived_.clear();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    failAll();
+    enteredHere = nullptr;
+    entered_ = false;
+    running_ = false;
+    stop_ = false;
+    left_.notifyAll();
+}
+
+void OwningDispatcher::enter()
+{
+    if (!beginThread())
+        return;
+    while (!stop_)
+        do_iteration();
+    endThread();
+}
+
+void OwningDispatcher::leave()
+{
+    stop_ = true;
+    wake();
+}
+
+bool OwningDispatcher::onThread() const
+{
+    return enteredHere == this;
+}
+
+bool OwningDispatcher::waitUntilLeft(std::chrono::milliseconds limit)
+{
+    const timespec deadline = MonotonicCondition::deadline(limit);
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (running_) {
+        if (!left_.waitUntil(lock, deadline))
+            return !running_;
+    }
+    return true;
+}
+
+// The wake-up is drained before anything is looked at: whatever is asked for later wakes the poll at the end.
+void OwningDispatcher::do_iteration()
+{
+    drainWake();
+    if (!unlockPairIntact())
+        stop_ = true;
+    if (stop_)
+        return;
+    sendQueued();
+    dispatch_pending();
+    handOverReplies();
+    failLostCalls();
+    dispatch();
+}
+
+void OwningDispatcher::wake()
+{
+    const eventfd_t one = 1;
+    while (wakeDescriptor_ >= 0 && eventfd_write(wakeDescriptor_, one) != 0 && errno == EINTR) {
+    }
+}
+
+void OwningDispatcher::drainWake()
+{
+    eventfd_t count;
+    while (wakeDescriptor_ >= 0 && eventfd_read(wakeDescriptor_, &count) != 0 && errno == EINTR) {
+    }
+}
+
+// A program that names the dispatcher as a DBus::BusDispatcher object may reach leave() of the base class,
+// which writes to the base class's pipe and closes it. That has to stop the thread as well, and the two
+// numbers must not be mistaken for ours when they come back as somebody else's files.
+void OwningDispatcher::rememberUnlockPair()
+{
+    struct stat status = {};
+    if (_fdunlock[0] >= 0 && fstat(_fdunlock[0], &status) == 0) {
+        unlockDevice_ = status.st_dev;
+        unlockInode_ = status.st_ino;
+    }
+}
+
+bool OwningDispatcher::unlockPairIntact() const
+{
+    struct stat status = {};
+    return _fdunlock[0] < 0 || (fstat(_fdunlock[0], &status) == 0 && status.st_dev == unlockDevice_ &&
+                                status.st_ino == unlockInode_);
+}
+
+// ---- Calls
+// ----------------------------------------------------------------------------------------------------
+
+void OwningDispatcher::own(DBus::Connection *connection)
+{
+    connection->add_filter(replyFilter_);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    owned_ = connection;
+}
+
+void OwningDispatcher::disown()
+{
+    DBus::Connection *connection = nullptr;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        std::swap(connection, owned_);
+    }
+    if (connection)
+        connection->remove_filter(replyFilter_);
+}
+
+bool OwningDispatcher::isOwned(const DBus::Connection &connection) const
+{
+    return owned_ && *owned_ == connection;
+}
+
+DBus::Message OwningDispatcher::call(DBus::Connection &connection, DBus::CallMessage &message, int timeout)
+{
+    Call call;
+    call.message = &message;
+    if (!onThread() && awaitReply(connection, call)) {
+        if (call.state == Call::State::Lost)
+            throw DBus::ErrorDisconnected("Connection is closed");
+        if (call.state == Call::State::Unsendable)
+            throw DBus::ErrorNoMemory("The call could not be sent");
+        if (call.state == Call::State::Waiting)
+            throw DBus::ErrorNoReply(NO_REPLY_TEXT);
+        if (call.reply.front().is_error())
+            throw DBus::Error(call.reply.front());
+        return call.reply.front();
+    }
+    DBus::Message reply = connection.send_blocking(message, timeout);
+    wake(); // libdbus may have read signals along with the reply
+    return reply;
+}
+
+// False when there is no thread to carry the call out.
+bool OwningDispatcher::awaitReply(DBus::Connection &connection, Call &call)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!running_ || !isOwned(connection))
+        return false;
+    queued_.push_back(&call);
+    wake();
+    const timespec deadline = MonotonicCondition::deadline(DEFAULT_TIMEOUT);
+    while (call.state == Call::State::Waiting) {
+        if (!call.changed.waitUntil(lock, deadline))
+            break;
+    }
+    if (call.state == Call::State::Waiting) {
+        queued_.remove(&call);
+        sent_.remove(&call);
+    }
+    return true;
+}
+
+// Sent under the lock, so that no caller goes away with its message meanwhile; sending does not block.
+void OwningDispatcher::sendQueued()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (!owned_ || !owned_->connected())
+        return;
+    while (!queued_.empty()) {
+        Call *call = queued_.front();
+        if (owned_->send(*call->message, &call->serial)) {
+            sent_.splice(sent_.end(), queued_, queued_.begin());
+        } else {
+            queued_.pop_front();
+            call->state = Call::State::Unsendable;
+            call->changed.notifyAll();
+        }
+    }
+}
+
+std::list<OwningDispatcher::Call *>::iterator OwningDispatcher::findSent(const DBus::Message &reply)
+{
+    const auto serial = static_cast<unsigned int>(reply.reply_serial());
+    return std::find_if(sent_.begin(), sent_.end(), [=](const Call *call) { return call->serial == serial; });
+}
+
+bool OwningDispatcher::receive(const DBus::Message &message)
+{
+    if (message.type() != DBUS_MESSAGE_TYPE_METHOD_RETURN && message.type() != DBUS_MESSAGE_TYPE_ERROR)
+        return false;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (findSent(message) == sent_.end())
+        return false;
+    try {
+        arrived_.push_back(message);
+    } catch (const std::bad_alloc &) { // libdbus calls this: the caller's time-out has to do
+    }
+    return true;
+}
+
+// The counts of dbus-c++'s references are not atomic: a reply changes hands as a whole, under the lock, and
+// only when dispatching has let go of it.
+void OwningDispatcher::handOverReplies()
+{
+    if (arrived_.empty())
+        return;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    while (!arrived_.empty()) {
+        const auto sent = findSent(arrived_.front());
+        if (sent == sent_.end()) {
+            arrived_.pop_front(); // its caller has given up
+            continue;
+        }
+        Call *call = *sent;
+        sent_.erase(sent);
+        call->reply.splice(call->reply.end(), arrived_, arrived_.begin());
+        call->state = Call::State::Answered;
+        call->changed.notifyAll();
+    }
+}
+
+void OwningDispatcher::failLostCalls()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (owned_ && !owned_->connected())
+        failAll();
+}
+
+void OwningDispatcher::failAll()
+{
+    const auto fail = [](Call *call) {
+        call->state = Call::State::Lost;
+        call->changed.notifyAll();
+    };
+    std::for_each(queued_.begin(), queued_.end(), fail);
+    std::for_each(sent_.begin(), sent_.end(), fail);
+    queued_.clear();
+    sent_.clear();
+}
+
+// ---- Sockets
+// --------------------------------------------------------------------------------------------------
+
+// libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
+class OwningDispatcher::SocketWatch : public DBus::Watch
+{
+public:
+    SocketWatch(DBus::Watch::Internal *internal, OwningDispatcher &dispatcher)
+        : DBus::Watch(internal), dispatcher_(dispatcher), descriptor_(descriptor()), isEnabled_(enabled()),
+          reads_((flags() & DBUS_WATCH_READABLE) != 0), writes_((flags() & DBUS_WATCH_WRITABLE) != 0)
+    {
+    }
+
+    void toggle() override
+    {
+        const bool on = enabled();
+        {
+            const std::lock_guard<std::mutex> lock(dispatcher_.watchMutex_);
+            isEnabled_ = on;
+        }
+        if (!dispatcher_.onThread())
+            dispatcher_.wake();
+    }
+
+    bool reads() const { return reads_; }
+    bool isEnabled() const { return isEnabled_; }
+    pollfd request() const
+    {
+        const int events = (reads_ ? POLLIN : 0) | (writes_ ? POLLOUT : 0);
+        return {descriptor_, static_cast<short>(events), 0};
+    }
+
+private:
+    OwningDispatcher &dispatcher_;
+    const int descriptor_;
+    bool isEnabled_;
+    const bool reads_;
+    const bool writes_;
+};
+
+DBus::Watch *OwningDispatcher::add_watch(DBus::Watch::Internal *internal)
+{
+    auto *watch = new SocketWatch(internal, *this);
+    {
+        const std::lock_guard<std::mutex> lock(watchMutex_);
+        // Those that read come first: an end of the connection must not hide what was sent before it.
+        watches_.insert(watch->reads() ? watches_.begin() : watches_.end(), watch);
+    }
+    if (!onThread())
+        wake();
+    return watch;
+}
+
+void OwningDispatcher::rem_watch(DBus::Watch *watch)
+{
+    {
+        const std::lock_guard<std::mutex> lock(watchMutex_);
+        watches_.erase(std::remove(watches_.begin(), watches_.end(), watch), watches_.end());
+    }
+    delete watch;
+    if (!onThread())
+        wake();
+}
+
+DBus::Timeout *OwningDispatcher::add_timeout(DBus::Timeout::Internal *internal)
+{
+    return new InertTimeout(internal);
+}
+
+void OwningDispatcher::rem_timeout(DBus::Timeout *timeout)
+{
+    delete timeout;
+}
+
+void OwningDispatcher::dispatch()
+{
+    if (pollSockets(-1) <= 0)
+        return;
+    if (polled_.back().revents != 0)
+        stop_ = true;
+    handleReady();
+}
+
+void OwningDispatcher::dispatchArrived()
+{
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (running_)
+            return; // it does so itself
+    }
+    for (int round = 0; round < DISPATCH_ROUNDS; round++) {
+        dispatch_pending();
+        drainWake();
+        if (pollSockets(0) <= 0)
+            return;
+        handleReady();
+    }
+}
+
+int OwningDispatcher::pollSockets(int timeout)
+{
+    polled_.clear();
+    ready_.clear();
+    {
+        const std::lock_guard<std::mutex> lock(watchMutex_);
+        for (SocketWatch *watch : watches_) {
+            if (watch->isEnabled()) {
+                polled_.push_back(watch->request());
+                ready_.push_back(watch);
+            }
+        }
+    }
+    polled_.push_back({wakeDescriptor_, POLLIN, 0});
+    polled_.push_back({_fdunlock[0], POLLIN, 0});
+    return poll(polled_.data(), polled_.size(), timeout);
+}
+
+void OwningDispatcher::handleReady()
+{
+    for (size_t i = 0; i < ready_.size(); i++) {
+        if (polled_[i].revents != 0 && isRegistered(ready_[i]))
+            ready_[i]->handle(toWatchFlags(polled_[i].revents));
+    }
+}
+
+bool OwningDispatcher::isRegistered(const SocketWatch *watch)
+{
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    return std::find(watches_.begin(), watches_.end(), watch) != watches_.end();
+}

@@ -1,0 +1,135 @@
+// A D-Bus dispatcher whose thread owns a connection: while it runs, that thread alone sends, reads and
+// dispatches, and carries out the calls of all other threads. So a slow answer holds nobody else up, signals
+// are handled as they come, and neither libdbus nor dbus-c++ ever sees two threads on the connection at once.
+#ifndef PROXYMANAGER_OWNINGDISPATCHER_H
+#define PROXYMANAGER_OWNINGDISPATCHER_H
+
+#include <atomic>
+#include <chrono>
+#include <list>
+#include <mutex>
+#include <vector>
+
+#include <dbus-c++/dbus.h>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/types.h>
+
+// A condition variable on the monotonic clock, whatever happens to the wall clock.
+class MonotonicCondition
+{
+public:
+    MonotonicCondition();
+    ~MonotonicCondition();
+    MonotonicCondition(const MonotonicCondition &) = delete;
+    MonotonicCondition &operator=(const MonotonicCondition &) = delete;
+
+    static timespec deadline(std::chrono::milliseconds fromNow);
+    // False when the deadline has passed. May wake for no reason.
+    bool waitUntil(std::unique_lock<std::mutex> &lock, const timespec &deadline);
+    void notifyAll();
+
+private:
+    pthread_cond_t condition_;
+};
+
+class OwningDispatcher : public DBus::BusDispatcher
+{
+public:
+    OwningDispatcher();
+    ~OwningDispatcher() override;
+
+    // ---- For the creating and destroying thread, while no thread is in enter()
+
+    // Makes calls on this connection the business of the thread that runs enter(). The connection must stay
+    // until disown().
+    void own(DBus::Connection *connection);
+    void disown();
+    // To be called before the thread is started: from here on calls wait for it, and leave() will end it.
+    // False when there are no means to wake it.
+    bool expectThread();
+    // The thread could not be started after all.
+    void forgetThread();
+    // Takes in and dispatches what has arrived on the connections, without waiting.
+    void dispatchArrived();
+
+    // ---- For any thread
+
+    // Sends a call and waits for its reply. Throws DBus::Error: the service's own, NoReply after the default
+    // time-out of D-Bus, Disconnected when the connection is lost.
+    DBus::Message call(DBus::Connection &connection, DBus::CallMessage &message, int timeout);
+    // True on the thread that runs enter().
+    bool onThread() const;
+    // Waits until no thread is in enter() or about to be; false when the time is up.
+    bool waitUntilLeft(std::chrono::milliseconds limit);
+
+    // ---- DBus::BusDispatcher
+
+    void enter() override;
+    // Makes enter() return, also when it has not been reached yet. Does not wait.
+    void leave() override;
+    void do_iteration() override;
+    void dispatch() override;
+    DBus::Watch *add_watch(DBus::Watch::Internal *internal) override;
+    void rem_watch(DBus::Watch *watch) override;
+    DBus::Timeout *add_timeout(DBus::Timeout::Internal *internal) override;
+    void rem_timeout(DBus::Timeout *timeout) override;
+
+private:
+    class SocketWatch;
+    // A call that its thread waits for; lives on that thread's stack.
+    struct Call {
+        enum class State { Waiting, Answered, Lost, Unsendable };
+
+        DBus::CallMessage *message;
+        unsigned int serial = 0; // once it is sent
+        State state = State::Waiting;
+        std::list<DBus::Message> reply;
+        MonotonicCondition changed;
+    };
+
+    bool beginThread();
+    void endThread();
+    void wake();
+    void drainWake();
+
+    bool isOwned(const DBus::Connection &connection) const;
+    bool awaitReply(DBus::Connection &connection, Call &call);
+    std::list<Call *>::iterator findSent(const DBus::Message &reply);
+    void sendQueued();
+    bool receive(const DBus::Message &message);
+    void handOverReplies();
+    void failLostCalls();
+    void failAll();
+
+    int pollSockets(int timeout);
+    void handleReady();
+    bool isRegistered(const SocketWatch *watch);
+
+    void rememberUnlockPair();
+    bool unlockPairIntact() const;
+
+    std::atomic<bool> stop_{false};
+    int wakeDescriptor_ = -1;
+    dev_t unlockDevice_ = 0;
+    ino_t unlockInode_ = 0;
+
+    mutable std::mutex mutex_; // guards the next five
+    bool running_ = false;     // a thread is in enter(), or expected there
+    bool entered_ = false;
+    DBus::Connection *owned_ = nullptr;
+    std::list<Call *> queued_;
+    std::list<Call *> sent_;
+    MonotonicCondition left_;
+
+    DBus::MessageSlot replyFilter_;
+    std::list<DBus::Message> arrived_; // of the thread alone
+
+    std::mutex watchMutex_; // taken inside libdbus's locks: nothing of libdbus is called under it
+    std::vector<SocketWatch *> watches_;
+    std::vector<pollfd> polled_; // of the thread alone; the watches of the first entries are in ready_
+    std::vector<SocketWatch *> ready_;
+};
+
+#endif

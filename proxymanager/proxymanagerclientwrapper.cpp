@@ -1,0 +1,419 @@
+// The C interface of the proxy manager client, and what there is one of in a process: the client, its
+// connection, its dispatch thread.
+
+#include "proxymanagerclientwrapper.h"
+
+#include "proxymanagerclientimpl.h"
+
+#include <atomic>
+#include <csignal>
+#include <memory>
+#include <mutex>
+
+#include <pthread.h>
+#include <sys/types.h>
+#include <syslog.h>
+#include <unistd.h>
+
+DBus::Connection *dbus_conn = nullptr;
+OwningDispatcher dbus_dispatcher;
+
+namespace
+{
+
+constexpr const char *OBJECT_PATH = "/com/halvo/ProxyManagerService";
+constexpr const char *BUS_NAME = "com.halvo.ProxyManagerService";
+constexpr const char *CALLED = "%s%s called ";
+constexpr const char *CLIENT_IS_NULL = "%s%s proxy manager client is null";
+constexpr const char *DBUS_ERROR = "%s%s DBus Error occured: %s";
+constexpr const char *CREATE_ERROR = "%s%s error: pDBus Error occured: %s";
+constexpr const char *CREATE = "create_proxy_manager_client";
+constexpr const char *CLEANUP_WITHOUT_CONN = "cleanup_without_conn";
+// How long the end of the process waits for a callback that is still running.
+constexpr std::chrono::milliseconds EXIT_PATIENCE(2000);
+
+std::mutex lifeMutex; // guards the next two, dbus_conn and tidp
+ProxyManagerClientImpl *pProxyMgrClient = nullptr;
+std::atomic<bool> dispactcherEnter{false};
+pthread_t tidp;
+
+// The client once it may be used: with its dispatch thread.
+std::atomic<ProxyManagerClientImpl *> readyClient{nullptr};
+// The process that the client and the connection belong to, 0 when there are none.
+std::atomic<pid_t> ownerProcess{0};
+
+// After a fork the child shares the parent's socket, and finds locks as threads that it does not have left
+// them.
+bool isOtherProcess()
+{
+    const pid_t owner = ownerProcess;
+    return owner != 0 && owner != getpid();
+}
+
+ProxyManagerClientImpl *usableClient()
+{
+    return isOtherProcess() ? nullptr : readyClient.load();
+}
+
+// Being cancelled inside libdbus would leave its locks locked for ever.
+class NotCancellable
+{
+public:
+    NotCancellable() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
+    ~NotCancellable() { pthread_setcancelstate(former_, nullptr); }
+    NotCancellable(const NotCancellable &) = delete;
+    NotCancellable &operator=(const NotCancellable &) = delete;
+
+private:
+    int former_ = PTHREAD_CANCEL_ENABLE;
+};
+
+// Nothing is thrown across the C interface: whatever comes is logged, and the neutral result returned.
+template <typename Result, typename Action>
+Result contain(const char *caller, const char *errorFormat, Result neutral, Action action)
+{
+    const NotCancellable here;
+    constexpr const char *FAILED = "%s%s error: %s";
+    try {
+        return action();
+    } catch (const DBus::Error &error) {
+        const char *text = error.what();
+        syslog(LOG_ERR, errorFormat, "", caller, text ? text : "");
+    } catch (const std::exception &error) {
+        syslog(LOG_ERR, FAILED, "", caller, error.what());
+    } catch (...) {
+        syslog(LOG_ERR, FAILED, "", caller, "unknown error");
+    }
+    return neutral;
+}
+
+// ---- Dispatch thread
+
+// The thread must not take a signal that the program wants to handle elsewhere.
+int startThreadWithSignalsBlocked()
+{
+    sigset_t all;
+    sigset_t former;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &former);
+    const int result = pthread_create(&tidp, nullptr, dbusLoopFunc, nullptr);
+    pthread_sigmask(SIG_SETMASK, &former, nullptr);
+    return result;
+}
+
+void startThread()
+{
+    if (dispactcherEnter)
+        return;
+    if (!dbus_dispatcher.expectThread()) {
+        syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
+    } else if (startThreadWithSignalsBlocked() != 0) {
+        dbus_dispatcher.forgetThread();
+        syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
+    } else {
+        dispactcherEnter = true;
+    }
+}
+
+void stopThread()
+{
+    if (!dispactcherEnter)
+        return;
+    syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
+    dbus_dispatcher.leave();
+    dispactcherEnter = false;
+    if (pthread_join(tidp, nullptr) != 0)
+        syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
+}
+
+// Ends the thread of a process that exits without cleaning up, before dbus_dispatcher is destroyed under it.
+// Defined after it, hence destroyed first.
+struct ThreadStopper {
+    ~ThreadStopper()
+    {
+        if (!dispactcherEnter || isOtherProcess() || dbus_dispatcher.onThread())
+            return;
+        // A callback that does not return must not keep the process, and a cleanup elsewhere does the rest
+        // itself.
+        const std::unique_lock<std::mutex> lock(lifeMutex, std::try_to_lock);
+        dbus_dispatcher.leave();
+        if (dbus_dispatcher.waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
+            dispactcherEnter.exchange(false))
+            pthread_join(tidp, nullptr);
+    }
+} threadStopper;
+
+// ---- Connection
+
+// A connection that is deleted must have left the dispatcher's queue, which keeps a plain pointer to it.
+void dropConnection()
+{
+    if (!dbus_conn)
+        return;
+    dbus_dispatcher.disown();
+    dbus_conn->disconnect();
+    dbus_dispatcher.dispatch_pending();
+    delete dbus_conn;
+    dbus_conn = nullptr;
+}
+
+void openConnection()
+{
+    DBus::_init_threading();
+    dbus_conn = new DBus::Connection(DBus::Connection::SystemBus());
+    dbus_dispatcher.own(dbus_conn);
+}
+
+// Takes a kept connection up again: what came for an earlier client is not for the next one.
+bool reuseConnection()
+{
+    if (!dbus_conn)
+        return false;
+    dbus_dispatcher.dispatchArrived();
+    if (dbus_conn->connected())
+        return true;
+    dropConnection();
+    return false;
+}
+
+// ---- Client
+
+bool checkServiceStarted(ProxyManagerClientImpl &client)
+{
+    syslog(LOG_INFO, CALLED, "", "check_service_started");
+    return client.checkServicestarted();
+}
+
+int deleteClient()
+{
+    syslog(LOG_INFO, CALLED, "", CLEANUP_WITHOUT_CONN);
+    stopThread();
+    if (!pProxyMgrClient) {
+        syslog(LOG_NOTICE, "%s%s pProxyMgrClient already null", "", CLEANUP_WITHOUT_CONN);
+        return 0;
+    }
+    readyClient = nullptr;
+    delete pProxyMgrClient;
+    pProxyMgrClient = nullptr;
+    if (dbus_conn)
+        dbus_dispatcher.dispatchArrived(); // signals for the client that is gone
+    return 1;
+}
+
+enum class Outcome { Made, NotConstructed, NotAnswering };
+
+Outcome makeClient(DBus::Connection &conn)
+{
+    Outcome outcome = Outcome::NotConstructed;
+    try {
+        pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME);
+        outcome = Outcome::NotAnswering;
+        pProxyMgrClient->carryCallsWith(&dbus_dispatcher);
+        checkServiceStarted(*pProxyMgrClient);
+        return Outcome::Made;
+    } catch (const DBus::Error &error) {
+        const char *text = error.what();
+        syslog(LOG_ERR, CREATE_ERROR, "", CREATE, text ? text : "");
+    } catch (const std::exception &error) {
+        syslog(LOG_ERR, CREATE_ERROR, "", CREATE, error.what());
+    }
+    deleteClient();
+    return outcome;
+}
+
+bool clientExists(const char *alreadyExists)
+{
+    syslog(LOG_INFO, CALLED, "", CREATE);
+    if (!pProxyMgrClient)
+        return false;
+    syslog(LOG_NOTICE, alreadyExists, "", CREATE);
+    return true;
+}
+
+int createOn(DBus::Connection &conn, Outcome &outcome)
+{
+    outcome = Outcome::Made;
+    if (!clientExists("%s%s (conn)proxy_manager_client already exist"))
+        outcome = makeClient(conn);
+    return outcome == Outcome::Made ? 1 : 0;
+}
+
+// Makes the client on dbus_conn. A constructor that has thrown leaves a filter with a dangling pointer on the
+// connection, which then cannot be kept. True in *lost when the connection was found closed.
+int createOnKeptConnection(bool *lost)
+{
+    Outcome outcome;
+    const int made = createOn(*dbus_conn, outcome);
+    *lost = outcome == Outcome::NotConstructed && !dbus_conn->connected();
+    if (outcome == Outcome::NotConstructed)
+        dropConnection();
+    return made;
+}
+
+int createOnSystemBus()
+{
+    if (clientExists("%s%s (void)proxy_manager_client already exist"))
+        return 1;
+    DBus::default_dispatcher = &dbus_dispatcher;
+    syslog(LOG_NOTICE, "%s%s create dbus connection", "", CREATE);
+    const bool kept = reuseConnection();
+    if (!kept)
+        openConnection();
+    bool lost = false;
+    int made = createOnKeptConnection(&lost);
+    if (kept && lost) {
+        openConnection();
+        made = createOnKeptConnection(&lost);
+    }
+    if (made) {
+        startThread();
+        readyClient = pProxyMgrClient;
+    }
+    return made;
+}
+
+// ---- Changes of the process-wide objects
+
+// Claims them before the lock is taken: a child that is forked in between finds the claim, not a lost lock.
+bool claimProcess(const char *caller)
+{
+    pid_t nobody = 0;
+    if (ownerProcess.compare_exchange_strong(nobody, getpid()) || !isOtherProcess())
+        return true;
+    syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
+    return false;
+}
+
+// On the dispatch thread the lock must not be waited for: its holder may wait for that thread.
+bool refuseOnThread(const char *caller)
+{
+    if (dbus_dispatcher.onThread())
+        syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
+    return dbus_dispatcher.onThread();
+}
+
+template <typename Action>
+int changeLife(const char *caller, const char *errorFormat, Action action)
+{
+    return contain(caller, errorFormat, 0, [&]() -> int {
+        if (refuseOnThread(caller) || !claimProcess(caller))
+            return 0;
+        const std::lock_guard<std::mutex> lock(lifeMutex);
+        struct ReleaseWhenIdle {
+            ~ReleaseWhenIdle()
+            {
+                if (!pProxyMgrClient && !dbus_conn)
+                    ownerProcess = 0;
+            }
+        };
+        const ReleaseWhenIdle atEnd{};
+        return action();
+    });
+}
+
+} // namespace
+
+// ---- Entry points for C++ programs
+
+int create_proxy_manager_client(DBus::Connection &conn)
+{
+    return changeLife(CREATE, CREATE_ERROR, [&] {
+        Outcome outcome;
+        const int made = createOn(conn, outcome);
+        readyClient = pProxyMgrClient;
+        return made;
+    });
+}
+
+int cleanup_without_conn()
+{
+    return changeLife(CLEANUP_WITHOUT_CONN, DBUS_ERROR, deleteClient);
+}
+
+void *dbusLoopFunc(void *)
+{
+    return contain<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
+        syslog(LOG_NOTICE, "%s%s dbus loop start", "", "dbusLoopFunc");
+        dbus_dispatcher.enter();
+        return nullptr;
+    });
+}
+
+// ---- C interface
+
+int create_proxy_manager_client(void)
+{
+    return changeLife(CREATE, CREATE_ERROR, createOnSystemBus);
+}
+
+int cleanup_proxy_manager_client(void)
+{
+    syslog(LOG_INFO, CALLED, "", __func__);
+    return changeLife(__func__, DBUS_ERROR, [] {
+        const int deleted = deleteClient();
+        dropConnection();
+        return deleted;
+    });
+}
+
+ProxyManagerConfig get_http_proxy_config(void)
+{
+    syslog(LOG_INFO, CALLED, "", __func__);
+    ProxyManagerConfig config;
+    initProxyConfig(&config);
+    ProxyManagerClientImpl *client = usableClient();
+    if (!client) {
+        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
+        return config;
+    }
+    contain(__func__, DBUS_ERROR, 0, [&] {
+        client->getProxyConfig(&config);
+        return 0;
+    });
+    return config;
+}
+
+int update_proxy_config(ProxyManagerConfig config)
+{
+    syslog(LOG_INFO, CALLED, "", __func__);
+    ProxyManagerClientImpl *client = usableClient();
+    if (!client) {
+        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
+        return -1;
+    }
+    return contain(__func__, DBUS_ERROR, -1, [&] { return client->updateProxyConfig(config); });
+}
+
+ProxyUrlInformation get_proxy_url(const char *requestUrl)
+{
+    const ProxyUrlInformation none{};
+    ProxyManagerClientImpl *client = usableClient();
+    if (!client)
+        return none;
+    return contain(__func__, DBUS_ERROR, none, [&] { return client->getProxyUrl(requestUrl); });
+}
+
+bool check_service_started(void)
+{
+    ProxyManagerClientImpl *client = usableClient();
+    if (!client) {
+        syslog(LOG_INFO, CALLED, "", __func__);
+        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
+        return false;
+    }
+    return contain(__func__, DBUS_ERROR, false, [&] { return checkServiceStarted(*client); });
+}
+
+void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb)
+{
+    syslog(LOG_NOTICE, "%s%s event type:%d", "", __func__, type);
+    ProxyManagerClientImpl *client = usableClient();
+    if (!client) {
+        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
+        return;
+    }
+    contain(__func__, DBUS_ERROR, 0, [&] {
+        client->AddEventNotifyHandler(type, cb);
+        return 0;
+    });
+}
