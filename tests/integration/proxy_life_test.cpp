@@ -1,0 +1,238 @@
+// Life and death of the client: cycles, many threads, process ends, kept connections, the exported symbols.
+
+#include "proxy_fixture.h"
+
+#include <dbus-c++/dbus.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+// What C++ programs find in the library.
+extern DBus::Connection *dbus_conn;
+extern DBus::BusDispatcher dbus_dispatcher;
+int create_proxy_manager_client(DBus::Connection &conn);
+int cleanup_without_conn();
+void *dbusLoopFunc(void *);
+
+namespace
+{
+
+size_t countIn(const char *folder)
+{
+    const auto entries = std::filesystem::directory_iterator(folder);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+// Starts the test program with no descriptor of this one's.
+pid_t start(const std::vector<const char *> &arguments)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int descriptor = 3; descriptor < 1024; descriptor++)
+            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        std::vector<char *> list = {const_cast<char *>(PROXY_PROGRAM)};
+        for (const char *argument : arguments)
+            list.push_back(const_cast<char *>(argument));
+        list.push_back(nullptr);
+        execv(PROXY_PROGRAM, list.data());
+        _exit(127);
+    }
+    return child;
+}
+
+void expectToEndWell(const std::vector<const char *> &arguments)
+{
+    int status = -1;
+    waitpid(start(arguments), &status, 0);
+    EXPECT_EQ(status, 0) << arguments[0];
+}
+
+// A service that never stops sending events.
+class BusyService : public ScriptedService
+{
+public:
+    BusyService()
+    {
+        thread_ = std::thread([this] {
+            while (!stop_)
+                emit("ProxyMgrStateEvent", {int32_t{9}});
+        });
+    }
+    ~BusyService()
+    {
+        stop_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+} // namespace
+
+TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
+{
+    proxy_log::ignore();
+    ScriptedService service;
+    size_t descriptors = 0, threads = 0, names = 0;
+    int file = -1;
+    size_t heap = 0;
+    for (int cycle = 0; cycle < 1000; cycle++) {
+        if (cycle == 20) {
+            descriptors = countIn("/proc/self/fd");
+            threads = countIn("/proc/self/task");
+            names = service.namesOnBus().size();
+            heap = mallinfo2().uordblks;
+        }
+        ASSERT_EQ(create_proxy_manager_client(), 1);
+        if (cycle % 2 == 0) {
+            ASSERT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p1:80, DIRECT");
+        }
+        ASSERT_EQ(cleanup_proxy_manager_client(), 1);
+        if (cycle == 0) // must keep its number, whatever the client closes
+            file = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+    EXPECT_EQ(countIn("/proc/self/fd"), descriptors);
+    EXPECT_EQ(countIn("/proc/self/task"), threads);
+    EXPECT_EQ(service.namesOnBus().size(), names);
+    EXPECT_LT(mallinfo2().uordblks, heap + 980 * 10000);
+    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)), "/dev/null");
+    close(file);
+}
+
+TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
+{
+    auto service = std::make_unique<ScriptedService>();
+    ASSERT_EQ(create_proxy_manager_client(), 1);
+    set_proxy_manager_event_cb(0, Events::callback);
+    const std::string name = dbus_conn->unique_name();
+    EXPECT_EQ(cleanup_without_conn(), 1);
+    service->emit("ProxyMgrStateEvent", {int32_t{1}}, name); // for nobody
+    ASSERT_EQ(create_proxy_manager_client(), 1);
+    EXPECT_EQ(dbus_conn->unique_name(), name);
+    set_proxy_manager_event_cb(0, Events::callback);
+    service->emit("ProxyMgrStateEvent", {int32_t{2}});
+    EXPECT_EQ(Events::take(1), std::vector<int>{2});
+
+    // A failed create keeps the connection as well; one that is dead by then is replaced.
+    EXPECT_EQ(cleanup_without_conn(), 1);
+    service.reset();
+    EXPECT_EQ(create_proxy_manager_client(), 0);
+    EXPECT_EQ(dbus_conn->unique_name(), name);
+    bus.kill();
+    EXPECT_EQ(create_proxy_manager_client(), 0);
+    bus.start("<limit name='max_match_rules_per_connection'>0</limit>");
+    EXPECT_EQ(create_proxy_manager_client(), 0); // the constructor fails half-way
+    bus.kill();
+    bus.start();
+    service = std::make_unique<ScriptedService>();
+    ASSERT_EQ(create_proxy_manager_client(), 1);
+    set_proxy_manager_event_cb(0, Events::callback);
+    service->emit("ProxyMgrStateEvent", {int32_t{3}});
+    EXPECT_EQ(Events::take(1), std::vector<int>{3});
+    EXPECT_EQ(cleanup_proxy_manager_client(), 1);
+    EXPECT_EQ(dbus_conn, nullptr);
+}
+
+TEST_F(ProxyTest, EightThreadsMakeOneClient)
+{
+    ScriptedService service;
+    const size_t threads = countIn("/proc/self/task");
+    const size_t names = service.namesOnBus().size();
+    for (int round = 0; round < 20; round++) {
+        std::vector<std::thread> creators;
+        for (int i = 0; i < 8; i++) {
+            creators.emplace_back([] {
+                EXPECT_EQ(create_proxy_manager_client(), 1);
+                EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p1:80, DIRECT");
+            });
+        }
+        for (std::thread &creator : creators)
+            creator.join();
+        EXPECT_EQ(countIn("/proc/self/task"), threads + 1);
+        EXPECT_EQ(service.namesOnBus().size(), names + 1);
+        EXPECT_EQ(cleanup_proxy_manager_client(), 1);
+    }
+}
+
+TEST_F(ProxyTest, AProgramMayBringItsOwnConnection)
+{
+    ScriptedService service;
+    for (int round = 0; round < 2; round++) {
+        DBus::default_dispatcher = &dbus_dispatcher;
+        DBus::Connection own = DBus::Connection::SystemBus();
+        ASSERT_EQ(create_proxy_manager_client(own), 1);
+        EXPECT_EQ(create_proxy_manager_client(), 1);
+        EXPECT_EQ(dbus_conn, nullptr);
+        set_proxy_manager_event_cb(0, Events::callback);
+        std::thread loop([] { dbusLoopFunc(nullptr); });
+        for (int i = 0; i < 20; i++) {
+            service.emit("ProxyMgrStateEvent", {i});
+            EXPECT_TRUE(check_service_started());
+            EXPECT_EQ(Events::take(1), std::vector<int>{i});
+        }
+        dbus_dispatcher.leave(); // to the compiler this is leave() of the base class
+        loop.join();
+        EXPECT_EQ(cleanup_without_conn(), 1);
+        own.disconnect();
+        dbus_dispatcher.dispatch_pending();
+    }
+}
+
+TEST_F(ProxyTest, ProcessesEndWell)
+{
+    BusyService service;
+    for (int i = 0; i < 25; i++) {
+        expectToEndWell({"exit"});
+        expectToEndWell({"exit-in-callback"});
+    }
+    expectToEndWell({"fork"});
+    expectToEndWell({"descriptors"});
+    expectToEndWell({"unload", LIBRARY});
+}
+
+TEST(ProxyLibrary, ExportsTheDocumentedSymbolsOnly)
+{
+    FILE *list = popen("nm -D --defined-only " LIBRARY, "r");
+    std::set<std::string> exported;
+    char address[64], kind[8], name[4096];
+    while (fscanf(list, "%63s %7s %4095s", address, kind, name) == 3)
+        exported.insert(std::string(name).substr(0, std::string(name).find('@')));
+    pclose(list);
+    for (const char *expected : {"create_proxy_manager_client",
+                                 "cleanup_proxy_manager_client",
+                                 "get_http_proxy_config",
+                                 "update_proxy_config",
+                                 "get_proxy_url",
+                                 "check_service_started",
+                                 "set_proxy_manager_event_cb",
+                                 "initProxyConfig",
+                                 "cleanupProxyConfig",
+                                 "cloneProxyConfig",
+                                 "initProxyUrlInfo",
+                                 "cleanupProxyUrlInfo",
+                                 "cleanupProxySetting",
+                                 "str2ProxyMode",
+                                 "proxyMode2Str",
+                                 "string2Char",
+                                 "dbus_conn",
+                                 "dbus_dispatcher",
+                                 "_Z27create_proxy_manager_clientRN4DBus10ConnectionE",
+                                 "_Z20cleanup_without_connv",
+                                 "_Z12dbusLoopFuncPv"})
+        EXPECT_EQ(exported.erase(expected), 1u) << expected;
+    for (const std::string &other : exported)
+        EXPECT_TRUE(other.find("_Z") != 0 && other.find("roxy") == std::string::npos) << other;
+}

@@ -1,0 +1,33 @@
+# The tests of the proxy manager client. Each program runs as one test, on private buses of its own.
+find_package(GTest REQUIRED)
+
+set(ATLS_TEST_LAUNCHER "" CACHE STRING "Command to run the tested programs under, such as valgrind")
+separate_arguments(launcher UNIX_COMMAND "${ATLS_TEST_LAUNCHER}")
+
+add_library(proxy-test-support STATIC support/proxy_log.cpp support/proxy_bus.cpp)
+target_include_directories(proxy-test-support PUBLIC support)
+target_link_libraries(proxy-test-support PUBLIC PkgConfig::DBUSCXX GTest::gtest GTest::gtest_main Threads::Threads)
+
+function(add_proxy_test name)
+    add_executable(${name} ${ARGN})
+    target_link_libraries(${name} PRIVATE proxy-test-support)
+    # The log of the tests must be found by the library.
+    set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
+    add_test(NAME ${name} COMMAND ${launcher} $<TARGET_FILE:${name}>)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 900
+        ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp")
+endfunction()
+
+add_proxy_test(proxy-unit-tests unit/proxy_records_test.cpp unit/proxy_cache_test.cpp)
+target_link_libraries(proxy-unit-tests PRIVATE proxymanager-objects)
+
+# A plain C program that links the library; see the file for what it does.
+add_executable(proxy-program integration/proxy_program.c)
+target_link_libraries(proxy-program PRIVATE atls ${CMAKE_DL_LIBS})
+
+add_proxy_test(proxy-integration-tests integration/proxy_client_test.cpp integration/proxy_faults_test.cpp
+                                       integration/proxy_life_test.cpp)
+target_link_libraries(proxy-integration-tests PRIVATE atls)
+target_compile_definitions(proxy-integration-tests PRIVATE PROXY_PROGRAM="$<TARGET_FILE:proxy-program>"
+                                                           LIBRARY="$<TARGET_FILE:atls>")
+add_dependencies(proxy-integration-tests proxy-program)
