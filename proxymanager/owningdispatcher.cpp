@@ -26,7 +26,7 @@ constexpr const char *NO_REPLY_TEXT =
 // What has arrived is taken in at most this often in a row: a peer that never stops sending must not hold us.
 constexpr int DISPATCH_ROUNDS = 4096;
 
-thread_local const OwningDispatcher *enteredHere = nullptr;
+thread_local const CallDesk *enteredHere = nullptr;
 
 int toWatchFlags(short events)
 {
@@ -56,8 +56,6 @@ public:
 } // namespace
 
 // ---- Condition variable
-// ---------------------------------------------------------------------------------------
-
 MonotonicCondition::MonotonicCondition()
 {
     pthread_condattr_t attributes;
@@ -96,31 +94,13 @@ void MonotonicCondition::notifyAll()
     pthread_cond_broadcast(&condition_);
 }
 
-// ---- Life of the thread
-// ---------------------------------------------------------------------------------------
-
-OwningDispatcher::OwningDispatcher() : wakeDescriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+// ---- Calls
+CallDesk::CallDesk() : wakeDescriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
-    for (const int descriptor : _fdunlock) {
-        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        fcntl(descriptor, F_SETFL, O_NONBLOCK);
-    }
-    rememberUnlockPair();
-    replyFilter_ =
-        new DBus::Callback<OwningDispatcher, bool, const DBus::Message &>(this, &OwningDispatcher::receive);
+    replyFilter_ = new DBus::Callback<CallDesk, bool, const DBus::Message &>(this, &CallDesk::receive);
 }
 
-OwningDispatcher::~OwningDispatcher()
-{
-    if (unlockPairIntact()) {
-        close(_fdunlock[0]);
-        close(_fdunlock[1]);
-    }
-    if (wakeDescriptor_ >= 0)
-        close(wakeDescriptor_);
-}
-
-bool OwningDispatcher::expectThread()
+bool CallDesk::expectThread()
 {
     if (wakeDescriptor_ < 0)
         wakeDescriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -132,29 +112,30 @@ bool OwningDispatcher::expectThread()
     return true;
 }
 
-void OwningDispatcher::forgetThread()
+void CallDesk::forgetThread()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;
 }
 
-bool OwningDispatcher::beginThread()
+bool CallDesk::hasThread()
+{
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return running_;
+}
+
+bool CallDesk::beginThread()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (entered_)
         return false;
-    if (!unlockPairIntact()) {
-        if (pipe2(_fdunlock, O_CLOEXEC | O_NONBLOCK) != 0)
-            _fdunlock[0] = _fdunlock[1] = -1;
-        rememberUnlockPair();
-    }
     entered_ = true;
     running_ = true;
     enteredHere = this;
     return true;
 }
 
-void OwningDispatcher::endThread()
+void CallDesk::endThread()
 {
     arrived_.clear();
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -166,27 +147,25 @@ void OwningDispatcher::endThread()
     left_.notifyAll();
 }
 
-void OwningDispatcher::enter()
+bool CallDesk::onThread() const
 {
-    if (!beginThread())
-        return;
-    while (!stop_)
-        do_iteration();
-    endThread();
+    return enteredHere == this;
 }
 
-void OwningDispatcher::leave()
+void CallDesk::stop()
 {
     stop_ = true;
     wake();
 }
 
-bool OwningDispatcher::onThread() const
+void CallDesk::retire()
 {
-    return enteredHere == this;
+    const std::lock_guard<std::mutex> lock(mutex_);
+    retired_ = true;
+    failAll();
 }
 
-bool OwningDispatcher::waitUntilLeft(std::chrono::milliseconds limit)
+bool CallDesk::waitUntilLeft(std::chrono::milliseconds limit)
 {
     const timespec deadline = MonotonicCondition::deadline(limit);
     std::unique_lock<std::mutex> lock(mutex_);
@@ -197,65 +176,27 @@ bool OwningDispatcher::waitUntilLeft(std::chrono::milliseconds limit)
     return true;
 }
 
-// The wake-up is drained before anything is looked at: whatever is asked for later wakes the poll at the end.
-void OwningDispatcher::do_iteration()
+void CallDesk::wake()
 {
-    drainWake();
-    if (!unlockPairIntact())
-        stop_ = true;
-    if (stop_)
-        return;
-    sendQueued();
-    dispatch_pending();
-    handOverReplies();
-    failLostCalls();
-    dispatch();
-}
-
-void OwningDispatcher::wake()
-{
-    const eventfd_t one = 1;
-    while (wakeDescriptor_ >= 0 && eventfd_write(wakeDescriptor_, one) != 0 && errno == EINTR) {
+    while (wakeDescriptor_ >= 0 && eventfd_write(wakeDescriptor_, 1) != 0 && errno == EINTR) {
     }
 }
 
-void OwningDispatcher::drainWake()
+void CallDesk::drainWake()
 {
     eventfd_t count;
     while (wakeDescriptor_ >= 0 && eventfd_read(wakeDescriptor_, &count) != 0 && errno == EINTR) {
     }
 }
 
-// A program that names the dispatcher as a DBus::BusDispatcher object may reach leave() of the base class,
-// which writes to the base class's pipe and closes it. That has to stop the thread as well, and the two
-// numbers must not be mistaken for ours when they come back as somebody else's files.
-void OwningDispatcher::rememberUnlockPair()
-{
-    struct stat status = {};
-    if (_fdunlock[0] >= 0 && fstat(_fdunlock[0], &status) == 0) {
-        unlockDevice_ = status.st_dev;
-        unlockInode_ = status.st_ino;
-    }
-}
-
-bool OwningDispatcher::unlockPairIntact() const
-{
-    struct stat status = {};
-    return _fdunlock[0] < 0 || (fstat(_fdunlock[0], &status) == 0 && status.st_dev == unlockDevice_ &&
-                                status.st_ino == unlockInode_);
-}
-
-// ---- Calls
-// ----------------------------------------------------------------------------------------------------
-
-void OwningDispatcher::own(DBus::Connection *connection)
+void CallDesk::own(DBus::Connection *connection)
 {
     connection->add_filter(replyFilter_);
     const std::lock_guard<std::mutex> lock(mutex_);
     owned_ = connection;
 }
 
-void OwningDispatcher::disown()
+void CallDesk::disown()
 {
     DBus::Connection *connection = nullptr;
     {
@@ -266,12 +207,12 @@ void OwningDispatcher::disown()
         connection->remove_filter(replyFilter_);
 }
 
-bool OwningDispatcher::isOwned(const DBus::Connection &connection) const
+bool CallDesk::isOwned(const DBus::Connection &connection) const
 {
     return owned_ && *owned_ == connection;
 }
 
-DBus::Message OwningDispatcher::call(DBus::Connection &connection, DBus::CallMessage &message, int timeout)
+DBus::Message CallDesk::call(DBus::Connection &connection, DBus::CallMessage &message, int timeout)
 {
     Call call;
     call.message = &message;
@@ -292,9 +233,13 @@ DBus::Message OwningDispatcher::call(DBus::Connection &connection, DBus::CallMes
 }
 
 // False when there is no thread to carry the call out.
-bool OwningDispatcher::awaitReply(DBus::Connection &connection, Call &call)
+bool CallDesk::awaitReply(DBus::Connection &connection, Call &call)
 {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (retired_) {
+        call.state = Call::State::Lost;
+        return true;
+    }
     if (!running_ || !isOwned(connection))
         return false;
     queued_.push_back(&call);
@@ -312,7 +257,7 @@ bool OwningDispatcher::awaitReply(DBus::Connection &connection, Call &call)
 }
 
 // Sent under the lock, so that no caller goes away with its message meanwhile; sending does not block.
-void OwningDispatcher::sendQueued()
+void CallDesk::sendQueued()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!owned_ || !owned_->connected())
@@ -329,13 +274,13 @@ void OwningDispatcher::sendQueued()
     }
 }
 
-std::list<OwningDispatcher::Call *>::iterator OwningDispatcher::findSent(const DBus::Message &reply)
+std::list<CallDesk::Call *>::iterator CallDesk::findSent(const DBus::Message &reply)
 {
     const auto serial = static_cast<unsigned int>(reply.reply_serial());
     return std::find_if(sent_.begin(), sent_.end(), [=](const Call *call) { return call->serial == serial; });
 }
 
-bool OwningDispatcher::receive(const DBus::Message &message)
+bool CallDesk::receive(const DBus::Message &message)
 {
     if (message.type() != DBUS_MESSAGE_TYPE_METHOD_RETURN && message.type() != DBUS_MESSAGE_TYPE_ERROR)
         return false;
@@ -351,7 +296,7 @@ bool OwningDispatcher::receive(const DBus::Message &message)
 
 // The counts of dbus-c++'s references are not atomic: a reply changes hands as a whole, under the lock, and
 // only when dispatching has let go of it.
-void OwningDispatcher::handOverReplies()
+void CallDesk::handOverReplies()
 {
     if (arrived_.empty())
         return;
@@ -370,14 +315,14 @@ void OwningDispatcher::handOverReplies()
     }
 }
 
-void OwningDispatcher::failLostCalls()
+void CallDesk::failLostCalls()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (owned_ && !owned_->connected())
         failAll();
 }
 
-void OwningDispatcher::failAll()
+void CallDesk::failAll()
 {
     const auto fail = [](Call *call) {
         call->state = Call::State::Lost;
@@ -389,9 +334,75 @@ void OwningDispatcher::failAll()
     sent_.clear();
 }
 
-// ---- Sockets
-// --------------------------------------------------------------------------------------------------
+// ---- Loop
+OwningDispatcher::OwningDispatcher() : desk_(*new CallDesk)
+{
+    for (const int descriptor : _fdunlock) {
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+        fcntl(descriptor, F_SETFL, O_NONBLOCK);
+    }
+    rememberUnlockPair();
+}
 
+void OwningDispatcher::enter()
+{
+    if (!desk_.beginThread())
+        return;
+    repairUnlockPair();
+    while (!desk_.stopped())
+        do_iteration();
+    desk_.endThread();
+}
+
+void OwningDispatcher::leave()
+{
+    desk_.stop();
+}
+
+// The wake-up is drained before anything is looked at: whatever is asked for later wakes the poll at the end.
+void OwningDispatcher::do_iteration()
+{
+    desk_.drainWake();
+    if (!unlockPairIntact())
+        desk_.stop();
+    if (desk_.stopped())
+        return;
+    desk_.sendQueued();
+    dispatch_pending();
+    desk_.handOverReplies();
+    desk_.failLostCalls();
+    dispatch();
+}
+
+// A program that names the dispatcher as a DBus::BusDispatcher object may reach leave() of the base class,
+// which writes to the base class's pipe and closes it. That has to stop the thread as well, and the two
+// numbers must not be mistaken for ours when they come back as somebody else's files.
+bool OwningDispatcher::unlockPairIntact() const
+{
+    struct stat status = {};
+    return _fdunlock[0] < 0 || (fstat(_fdunlock[0], &status) == 0 && status.st_dev == unlockDevice_ &&
+                                status.st_ino == unlockInode_);
+}
+
+void OwningDispatcher::rememberUnlockPair()
+{
+    struct stat status = {};
+    if (_fdunlock[0] >= 0 && fstat(_fdunlock[0], &status) == 0) {
+        unlockDevice_ = status.st_dev;
+        unlockInode_ = status.st_ino;
+    }
+}
+
+void OwningDispatcher::repairUnlockPair()
+{
+    if (unlockPairIntact())
+        return;
+    if (pipe2(_fdunlock, O_CLOEXEC | O_NONBLOCK) != 0)
+        _fdunlock[0] = _fdunlock[1] = -1;
+    rememberUnlockPair();
+}
+
+// ---- Sockets
 // libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
 class OwningDispatcher::SocketWatch : public DBus::Watch
 {
@@ -409,8 +420,7 @@ public:
             const std::lock_guard<std::mutex> lock(dispatcher_.watchMutex_);
             isEnabled_ = on;
         }
-        if (!dispatcher_.onThread())
-            dispatcher_.wake();
+        dispatcher_.wakeFromOutside();
     }
 
     bool reads() const { return reads_; }
@@ -429,6 +439,13 @@ private:
     const bool writes_;
 };
 
+// A poll that another thread is in has to see the change.
+void OwningDispatcher::wakeFromOutside()
+{
+    if (!desk_.onThread())
+        desk_.wake();
+}
+
 DBus::Watch *OwningDispatcher::add_watch(DBus::Watch::Internal *internal)
 {
     auto *watch = new SocketWatch(internal, *this);
@@ -437,8 +454,7 @@ DBus::Watch *OwningDispatcher::add_watch(DBus::Watch::Internal *internal)
         // Those that read come first: an end of the connection must not hide what was sent before it.
         watches_.insert(watch->reads() ? watches_.begin() : watches_.end(), watch);
     }
-    if (!onThread())
-        wake();
+    wakeFromOutside();
     return watch;
 }
 
@@ -449,8 +465,7 @@ void OwningDispatcher::rem_watch(DBus::Watch *watch)
         watches_.erase(std::remove(watches_.begin(), watches_.end(), watch), watches_.end());
     }
     delete watch;
-    if (!onThread())
-        wake();
+    wakeFromOutside();
 }
 
 DBus::Timeout *OwningDispatcher::add_timeout(DBus::Timeout::Internal *internal)
@@ -468,20 +483,17 @@ void OwningDispatcher::dispatch()
     if (pollSockets(-1) <= 0)
         return;
     if (polled_.back().revents != 0)
-        stop_ = true;
+        desk_.stop();
     handleReady();
 }
 
 void OwningDispatcher::dispatchArrived()
 {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (running_)
-            return; // it does so itself
-    }
+    if (desk_.hasThread())
+        return;
     for (int round = 0; round < DISPATCH_ROUNDS; round++) {
         dispatch_pending();
-        drainWake();
+        desk_.drainWake();
         if (pollSockets(0) <= 0)
             return;
         handleReady();
@@ -501,7 +513,7 @@ int OwningDispatcher::pollSockets(int timeout)
             }
         }
     }
-    polled_.push_back({wakeDescriptor_, POLLIN, 0});
+    polled_.push_back({desk_.wakeDescriptor(), POLLIN, 0});
     polled_.push_back({_fdunlock[0], POLLIN, 0});
     return poll(polled_.data(), polled_.size(), timeout);
 }

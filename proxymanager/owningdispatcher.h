@@ -34,35 +34,97 @@ private:
     pthread_cond_t condition_;
 };
 
-class OwningDispatcher : public DBus::BusDispatcher
+// Where callers leave their calls and the thread leaves the replies. It is never destroyed: threads may still
+// come to it while the process ends, when the dispatcher is gone already.
+class CallDesk
 {
 public:
-    OwningDispatcher();
-    ~OwningDispatcher() override;
+    CallDesk();
+    CallDesk(const CallDesk &) = delete;
+    CallDesk &operator=(const CallDesk &) = delete;
 
-    // ---- For the creating and destroying thread, while no thread is in enter()
+    // ---- For callers
 
-    // Makes calls on this connection the business of the thread that runs enter(). The connection must stay
-    // until disown().
+    // Sends a call and waits for its reply. Throws DBus::Error: the service's own, NoReply after the default
+    // time-out of D-Bus, Disconnected when the connection is lost. Without a thread that owns the connection,
+    // and on that thread, the call goes out directly.
+    DBus::Message call(DBus::Connection &connection, DBus::CallMessage &message, int timeout);
+    // Waits until no thread is at the desk or expected; false when the time is up.
+    bool waitUntilLeft(std::chrono::milliseconds limit);
+    // Fails all calls from here on: the process ends.
+    void retire();
+
+    // ---- For the creating and destroying thread, while no thread is at the desk
+
+    // The connection must stay until disown().
     void own(DBus::Connection *connection);
     void disown();
-    // To be called before the thread is started: from here on calls wait for it, and leave() will end it.
+    // To be called before the thread is started: from here on calls wait for it, and stop() will end it.
     // False when there are no means to wake it.
     bool expectThread();
     // The thread could not be started after all.
     void forgetThread();
-    // Takes in and dispatches what has arrived on the connections, without waiting.
-    void dispatchArrived();
+    bool hasThread();
 
-    // ---- For any thread
+    // ---- For the thread
 
-    // Sends a call and waits for its reply. Throws DBus::Error: the service's own, NoReply after the default
-    // time-out of D-Bus, Disconnected when the connection is lost.
-    DBus::Message call(DBus::Connection &connection, DBus::CallMessage &message, int timeout);
-    // True on the thread that runs enter().
+    // False when another thread is at the desk.
+    bool beginThread();
+    void endThread();
     bool onThread() const;
-    // Waits until no thread is in enter() or about to be; false when the time is up.
-    bool waitUntilLeft(std::chrono::milliseconds limit);
+    void stop();
+    bool stopped() const { return stop_; }
+    void wake();
+    void drainWake();
+    int wakeDescriptor() const { return wakeDescriptor_; }
+    void sendQueued();
+    void handOverReplies();
+    void failLostCalls();
+
+private:
+    // A call that its thread waits for; lives on that thread's stack.
+    struct Call {
+        enum class State { Waiting, Answered, Lost, Unsendable };
+
+        DBus::CallMessage *message;
+        unsigned int serial = 0; // once it is sent
+        State state = State::Waiting;
+        std::list<DBus::Message> reply;
+        MonotonicCondition changed;
+    };
+
+    bool isOwned(const DBus::Connection &connection) const;
+    bool awaitReply(DBus::Connection &connection, Call &call);
+    bool receive(const DBus::Message &message);
+    std::list<Call *>::iterator findSent(const DBus::Message &reply);
+    void failAll();
+
+    std::atomic<bool> stop_{false};
+    int wakeDescriptor_;
+
+    std::mutex mutex_;     // guards the next seven
+    bool running_ = false; // a thread is at the desk, or expected
+    bool entered_ = false;
+    bool retired_ = false;
+    DBus::Connection *owned_ = nullptr;
+    std::list<Call *> queued_;
+    std::list<Call *> sent_;
+    MonotonicCondition left_;
+
+    DBus::MessageSlot replyFilter_;
+    std::list<DBus::Message> arrived_; // of the thread alone
+};
+
+class OwningDispatcher : public DBus::BusDispatcher
+{
+public:
+    OwningDispatcher();
+    // Comes with the end of the process only, and leaves the descriptors to it.
+    ~OwningDispatcher() override = default;
+
+    CallDesk &calls() { return desk_; }
+    // Takes in and dispatches what has arrived on the connections, without waiting, while no thread does.
+    void dispatchArrived();
 
     // ---- DBus::BusDispatcher
 
@@ -78,53 +140,18 @@ public:
 
 private:
     class SocketWatch;
-    // A call that its thread waits for; lives on that thread's stack.
-    struct Call {
-        enum class State { Waiting, Answered, Lost, Unsendable };
 
-        DBus::CallMessage *message;
-        unsigned int serial = 0; // once it is sent
-        State state = State::Waiting;
-        std::list<DBus::Message> reply;
-        MonotonicCondition changed;
-    };
-
-    bool beginThread();
-    void endThread();
-    void wake();
-    void drainWake();
-
-    bool isOwned(const DBus::Connection &connection) const;
-    bool awaitReply(DBus::Connection &connection, Call &call);
-    std::list<Call *>::iterator findSent(const DBus::Message &reply);
-    void sendQueued();
-    bool receive(const DBus::Message &message);
-    void handOverReplies();
-    void failLostCalls();
-    void failAll();
-
+    void wakeFromOutside();
     int pollSockets(int timeout);
     void handleReady();
     bool isRegistered(const SocketWatch *watch);
-
     void rememberUnlockPair();
     bool unlockPairIntact() const;
+    void repairUnlockPair();
 
-    std::atomic<bool> stop_{false};
-    int wakeDescriptor_ = -1;
+    CallDesk &desk_;
     dev_t unlockDevice_ = 0;
     ino_t unlockInode_ = 0;
-
-    mutable std::mutex mutex_; // guards the next five
-    bool running_ = false;     // a thread is in enter(), or expected there
-    bool entered_ = false;
-    DBus::Connection *owned_ = nullptr;
-    std::list<Call *> queued_;
-    std::list<Call *> sent_;
-    MonotonicCondition left_;
-
-    DBus::MessageSlot replyFilter_;
-    std::list<DBus::Message> arrived_; // of the thread alone
 
     std::mutex watchMutex_; // taken inside libdbus's locks: nothing of libdbus is called under it
     std::vector<SocketWatch *> watches_;

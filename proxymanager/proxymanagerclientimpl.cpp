@@ -65,7 +65,6 @@ private:
 } // namespace
 
 // ---- Interface proxy
-// ------------------------------------------------------------------------------------------
 
 namespace com
 {
@@ -181,7 +180,6 @@ bool ProxyManagerServiceInterface_proxy::checkServicestarted()
 } // namespace com
 
 // ---- Owner of the service's name
-// ------------------------------------------------------------------------------
 
 NameOwner::NameOwner(DBus::Connection &connection, const std::string &name)
     : connection_(connection), name_(name),
@@ -238,7 +236,6 @@ bool NameOwner::sent(const DBus::Message &message) const
 }
 
 // ---- Holders of answers
-// ---------------------------------------------------------------------------------------
 
 namespace
 {
@@ -309,7 +306,6 @@ void AnswerHolders::dropAllThreads()
 }
 
 // ---- Life
-// -----------------------------------------------------------------------------------------------------
 
 ProxyManagerClientImpl::ProxyManagerClientImpl(DBus::Connection &connection, const char *path,
                                                const char *name)
@@ -343,7 +339,7 @@ DBus::Message ProxyManagerClientImpl::_invoke_method(DBus::CallMessage &call)
         require(call.path(path().c_str()));
     if (!call.destination())
         require(call.destination(service().c_str()));
-    return carrier ? carrier->call(conn(), call, get_timeout()) : conn().send_blocking(call, get_timeout());
+    return desk ? desk->call(conn(), call, get_timeout()) : conn().send_blocking(call, get_timeout());
 }
 
 bool ProxyManagerClientImpl::isFromService(const DBus::SignalMessage &signal) const
@@ -352,7 +348,6 @@ bool ProxyManagerClientImpl::isFromService(const DBus::SignalMessage &signal) co
 }
 
 // ---- Configuration
-// --------------------------------------------------------------------------------------------
 
 namespace
 {
@@ -421,7 +416,6 @@ void ProxyManagerClientImpl::getProxyConfig(ProxyManagerConfig *out)
 }
 
 // ---- Events
-// ---------------------------------------------------------------------------------------------------
 
 void ProxyManagerClientImpl::AddEventNotifyHandler(ProxyMgrEventType type, EventHandler handler)
 {
@@ -491,7 +485,6 @@ void ProxyManagerClientImpl::notifyClearcache()
 }
 
 // ---- Resolution of URLs
-// ---------------------------------------------------------------------------------------
 
 namespace
 {

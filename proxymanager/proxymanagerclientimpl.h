@@ -16,7 +16,7 @@
 
 #include <dbus-c++/dbus.h>
 
-class OwningDispatcher;
+class CallDesk;
 
 namespace com
 {
@@ -148,8 +148,8 @@ public:
     void notifyClearcache() override;
     void ProxyMgrStateEvent(const int32_t &eventType) override;
 
-    // Lets the thread of a dispatcher carry the calls out, if it owns the connection.
-    void carryCallsWith(OwningDispatcher *dispatcher) { carrier = dispatcher; }
+    // Leaves the calls to a thread, if it owns the connection.
+    void leaveCallsAt(CallDesk *callDesk) { desk = callDesk; }
 
     int updateProxyConfig(const ProxyManagerConfig &config);
     // Asks the service. For the constructor only: takes no lock.
@@ -185,7 +185,7 @@ private:
     // When false, the next change of the configuration is absorbed. Guarded by eventMutex.
     bool configEventArmed = false;
     std::unique_ptr<NameOwner> serviceOwner;
-    OwningDispatcher *carrier = nullptr;
+    CallDesk *desk = nullptr;
 };
 
 #endif

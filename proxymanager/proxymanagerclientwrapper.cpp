@@ -88,7 +88,6 @@ Result contain(const char *caller, const char *errorFormat, Result neutral, Acti
 }
 
 // ---- Dispatch thread
-
 // The thread must not take a signal that the program wants to handle elsewhere.
 int startThreadWithSignalsBlocked()
 {
@@ -105,10 +104,10 @@ void startThread()
 {
     if (dispactcherEnter)
         return;
-    if (!dbus_dispatcher.expectThread()) {
+    if (!dbus_dispatcher.calls().expectThread()) {
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
     } else if (startThreadWithSignalsBlocked() != 0) {
-        dbus_dispatcher.forgetThread();
+        dbus_dispatcher.calls().forgetThread();
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
     } else {
         dispactcherEnter = true;
@@ -126,31 +125,38 @@ void stopThread()
         syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
 }
 
-// Ends the thread of a process that exits without cleaning up, before dbus_dispatcher is destroyed under it.
-// Defined after it, hence destroyed first.
+// Ends the thread of a process that exits without cleaning up, before dbus_dispatcher is destroyed under it,
+// and the calls of other threads. Defined after dbus_dispatcher, hence destroyed first.
 struct ThreadStopper {
     ~ThreadStopper()
     {
-        if (!dispactcherEnter || isOtherProcess() || dbus_dispatcher.onThread())
+        if (isOtherProcess())
             return;
-        // A callback that does not return must not keep the process, and a cleanup elsewhere does the rest
-        // itself.
+        if (dispactcherEnter && !dbus_dispatcher.calls().onThread())
+            stop();
+        dbus_dispatcher.calls().retire();
+    }
+
+private:
+    // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by
+    // itself.
+    static void stop()
+    {
         const std::unique_lock<std::mutex> lock(lifeMutex, std::try_to_lock);
         dbus_dispatcher.leave();
-        if (dbus_dispatcher.waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
+        if (dbus_dispatcher.calls().waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
             dispactcherEnter.exchange(false))
             pthread_join(tidp, nullptr);
     }
 } threadStopper;
 
 // ---- Connection
-
 // A connection that is deleted must have left the dispatcher's queue, which keeps a plain pointer to it.
 void dropConnection()
 {
     if (!dbus_conn)
         return;
-    dbus_dispatcher.disown();
+    dbus_dispatcher.calls().disown();
     dbus_conn->disconnect();
     dbus_dispatcher.dispatch_pending();
     delete dbus_conn;
@@ -161,7 +167,7 @@ void openConnection()
 {
     DBus::_init_threading();
     dbus_conn = new DBus::Connection(DBus::Connection::SystemBus());
-    dbus_dispatcher.own(dbus_conn);
+    dbus_dispatcher.calls().own(dbus_conn);
 }
 
 // Takes a kept connection up again: what came for an earlier client is not for the next one.
@@ -177,7 +183,6 @@ bool reuseConnection()
 }
 
 // ---- Client
-
 bool checkServiceStarted(ProxyManagerClientImpl &client)
 {
     syslog(LOG_INFO, CALLED, "", "check_service_started");
@@ -208,7 +213,7 @@ Outcome makeClient(DBus::Connection &conn)
     try {
         pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME);
         outcome = Outcome::NotAnswering;
-        pProxyMgrClient->carryCallsWith(&dbus_dispatcher);
+        pProxyMgrClient->leaveCallsAt(&dbus_dispatcher.calls());
         checkServiceStarted(*pProxyMgrClient);
         return Outcome::Made;
     } catch (const DBus::Error &error) {
@@ -273,7 +278,6 @@ int createOnSystemBus()
 }
 
 // ---- Changes of the process-wide objects
-
 // Claims them before the lock is taken: a child that is forked in between finds the claim, not a lost lock.
 bool claimProcess(const char *caller)
 {
@@ -287,9 +291,9 @@ bool claimProcess(const char *caller)
 // On the dispatch thread the lock must not be waited for: its holder may wait for that thread.
 bool refuseOnThread(const char *caller)
 {
-    if (dbus_dispatcher.onThread())
+    if (dbus_dispatcher.calls().onThread())
         syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
-    return dbus_dispatcher.onThread();
+    return dbus_dispatcher.calls().onThread();
 }
 
 template <typename Action>
@@ -314,7 +318,6 @@ int changeLife(const char *caller, const char *errorFormat, Action action)
 } // namespace
 
 // ---- Entry points for C++ programs
-
 int create_proxy_manager_client(DBus::Connection &conn)
 {
     return changeLife(CREATE, CREATE_ERROR, [&] {
@@ -340,7 +343,6 @@ void *dbusLoopFunc(void *)
 }
 
 // ---- C interface
-
 int create_proxy_manager_client(void)
 {
     return changeLife(CREATE, CREATE_ERROR, createOnSystemBus);

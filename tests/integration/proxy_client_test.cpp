@@ -31,39 +31,47 @@ Lines resolutionLog(const char *url)
 
 } // namespace
 
-TEST_F(ProxyTest, CreatesOnceAndLogsIt)
+TEST_F(ProxyTest, CreatesOnceAndLogsEachStep)
 {
-    ScriptedService service;
-    ASSERT_EQ(create_proxy_manager_client(), 1);
+    ScriptedService service({"off", "p:1", "x", "y", "u", ""});
     const std::string called = " called ";
-    EXPECT_EQ(proxy_log::lines(), (Lines{"<6> create_proxy_manager_client" + called,
-                                         "<5> create_proxy_manager_client create dbus connection",
-                                         "<6> create_proxy_manager_client" + called,
-                                         "<6> ProxyManagerClientImpl-ProxyManagerClientImpl" + called,
-                                         "<6> ProxyManagerClientImpl-getProxyConfig" + called,
-                                         "<6> string2Char: input is null, or length:0 <= 0",
-                                         "<6> string2Char: input is null, or length:0 <= 0",
-                                         "<6> string2Char: input is null, or length:0 <= 0",
-                                         "<6> check_service_started" + called}));
-    proxy_log::record();
-    EXPECT_EQ(create_proxy_manager_client(), 1);
-    EXPECT_EQ(proxy_log::lines(),
-              (Lines{"<6> create_proxy_manager_client" + called,
-                     "<5> create_proxy_manager_client (void)proxy_manager_client already exist"}));
-    EXPECT_TRUE(check_service_started()); // the thread has logged its start by now
-    proxy_log::record();
-    EXPECT_EQ(cleanup_proxy_manager_client(), 1);
-    EXPECT_EQ(proxy_log::lines(),
-              (Lines{"<6> cleanup_proxy_manager_client" + called, "<6> cleanup_without_conn" + called,
-                     "<5> cleanup_without_conn dbus loop end",
-                     "<6> ProxyManagerClientImpl-~ProxyManagerClientImpl" + called,
-                     "<5> ProxyManagerClientImpl-clearProxyUrlCache clear cache", "<6> clearCache" + called,
-                     "<6> clearCache" + called}));
-    proxy_log::record();
-    EXPECT_EQ(cleanup_proxy_manager_client(), 0);
-    EXPECT_EQ(proxy_log::lines(),
-              (Lines{"<6> cleanup_proxy_manager_client" + called, "<6> cleanup_without_conn" + called,
-                     "<5> cleanup_without_conn pProxyMgrClient already null"}));
+    struct {
+        std::function<int()> step;
+        int result;
+        Lines lines;
+    } const steps[] = {
+        {create_proxy_manager_client,
+         1,
+         {"<6> create_proxy_manager_client" + called,
+          "<5> create_proxy_manager_client create dbus connection",
+          "<6> create_proxy_manager_client" + called,
+          "<6> ProxyManagerClientImpl-ProxyManagerClientImpl" + called,
+          "<6> ProxyManagerClientImpl-getProxyConfig" + called,
+          "<6> string2Char: input is null, or length:0 <= 0", "<6> check_service_started" + called}},
+        {create_proxy_manager_client,
+         1,
+         {"<6> create_proxy_manager_client" + called,
+          "<5> create_proxy_manager_client (void)proxy_manager_client already exist"}},
+        {cleanup_proxy_manager_client,
+         1,
+         {"<6> cleanup_proxy_manager_client" + called, "<6> cleanup_without_conn" + called,
+          "<5> cleanup_without_conn dbus loop end",
+          "<6> ProxyManagerClientImpl-~ProxyManagerClientImpl" + called,
+          "<5> ProxyManagerClientImpl-clearProxyUrlCache clear cache", "<6> clearCache" + called,
+          "<6> clearCache" + called}},
+        {cleanup_proxy_manager_client,
+         0,
+         {"<6> cleanup_proxy_manager_client" + called, "<6> cleanup_without_conn" + called,
+          "<5> cleanup_without_conn pProxyMgrClient already null"}},
+    };
+    for (const auto &each : steps) {
+        proxy_log::record();
+        EXPECT_EQ(each.step(), each.result);
+        Lines lines = proxy_log::lines();
+        // The thread logs its start at its own time.
+        lines.erase(std::remove(lines.begin(), lines.end(), "<5> dbusLoopFunc dbus loop start"), lines.end());
+        EXPECT_EQ(lines, each.lines);
+    }
 }
 
 TEST_F(ProxyTest, WithoutServiceThereIsNoClient)

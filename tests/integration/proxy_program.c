@@ -15,7 +15,7 @@
 #include <unistd.h>
 
 static int faults;
-static volatile int events;
+static int events;
 
 static void check(int fine, const char *what)
 {
@@ -28,7 +28,7 @@ static void check(int fine, const char *what)
 static void on_event(ProxyMgrEventType type)
 {
     (void)type;
-    events++;
+    __atomic_add_fetch(&events, 1, __ATOMIC_RELAXED);
 }
 
 static void on_exit_event(ProxyMgrEventType type)
@@ -39,10 +39,13 @@ static void on_exit_event(ProxyMgrEventType type)
 
 static void wait_for_event(void)
 {
-    const int seen = events;
-    for (int i = 0; i < 1000 && events == seen; i++)
+    const int seen = __atomic_load_n(&events, __ATOMIC_RELAXED);
+    int now = seen;
+    for (int i = 0; i < 1000 && now == seen; i++) {
         usleep(10000);
-    check(events != seen, "no event came");
+        now = __atomic_load_n(&events, __ATOMIC_RELAXED);
+    }
+    check(now != seen, "no event came");
 }
 
 static int child_status(pid_t child)

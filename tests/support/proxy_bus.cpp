@@ -121,6 +121,7 @@ void PrivateBus::start(const std::string &limits)
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         fcntl(ready[1], F_SETFD, 0);
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // it complains about limits
         execlp("dbus-daemon", "dbus-daemon", "--nofork", config.c_str(), print.c_str(), nullptr);
         _exit(127);
     }
