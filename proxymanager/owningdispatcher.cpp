@@ -95,18 +95,30 @@ void MonotonicCondition::notifyAll()
 }
 
 // ---- Calls
-CallDesk::CallDesk() : wakeDescriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+CallDesk::CallDesk()
 {
+    makeWakeDescriptor();
     replyFilter_ = new DBus::Callback<CallDesk, bool, const DBus::Message &>(this, &CallDesk::receive);
+}
+
+// A process that was forked before its first thread needs one of its own: a shared one would wake the other
+// process.
+bool CallDesk::makeWakeDescriptor()
+{
+    if (wakeDescriptor_ < 0 || wakeProcess_ != getpid()) {
+        if (wakeDescriptor_ >= 0)
+            close(wakeDescriptor_);
+        wakeDescriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        wakeProcess_ = getpid();
+    }
+    return wakeDescriptor_ >= 0;
 }
 
 bool CallDesk::expectThread()
 {
-    if (wakeDescriptor_ < 0)
-        wakeDescriptor_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wakeDescriptor_ < 0)
-        return false;
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (!makeWakeDescriptor())
+        return false;
     stop_ = false;
     running_ = true;
     return true;
@@ -127,7 +139,7 @@ bool CallDesk::hasThread()
 bool CallDesk::beginThread()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (entered_)
+    if (entered_ || !makeWakeDescriptor())
         return false;
     entered_ = true;
     running_ = true;
@@ -391,12 +403,19 @@ void OwningDispatcher::rememberUnlockPair()
         unlockDevice_ = status.st_dev;
         unlockInode_ = status.st_ino;
     }
+    unlockProcess_ = getpid();
 }
 
+// Also makes a new pair in a process that shares the present one with its parent.
 void OwningDispatcher::repairUnlockPair()
 {
-    if (unlockPairIntact())
+    const bool intact = unlockPairIntact();
+    if (intact && unlockProcess_ == getpid())
         return;
+    for (const int descriptor : _fdunlock) {
+        if (intact && descriptor >= 0)
+            close(descriptor);
+    }
     if (pipe2(_fdunlock, O_CLOEXEC | O_NONBLOCK) != 0)
         _fdunlock[0] = _fdunlock[1] = -1;
     rememberUnlockPair();

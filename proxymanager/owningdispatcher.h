@@ -93,6 +93,7 @@ private:
         MonotonicCondition changed;
     };
 
+    bool makeWakeDescriptor();
     bool isOwned(const DBus::Connection &connection) const;
     bool awaitReply(DBus::Connection &connection, Call &call);
     bool receive(const DBus::Message &message);
@@ -100,7 +101,8 @@ private:
     void failAll();
 
     std::atomic<bool> stop_{false};
-    int wakeDescriptor_;
+    int wakeDescriptor_ = -1;
+    pid_t wakeProcess_ = 0;
 
     std::mutex mutex_;     // guards the next seven
     bool running_ = false; // a thread is at the desk, or expected
@@ -152,6 +154,7 @@ private:
     CallDesk &desk_;
     dev_t unlockDevice_ = 0;
     ino_t unlockInode_ = 0;
+    pid_t unlockProcess_ = 0;
 
     std::mutex watchMutex_; // taken inside libdbus's locks: nothing of libdbus is called under it
     std::vector<SocketWatch *> watches_;

@@ -288,21 +288,20 @@ bool claimProcess(const char *caller)
     return false;
 }
 
-// On the dispatch thread the lock must not be waited for: its holder may wait for that thread.
-bool refuseOnThread(const char *caller)
-{
-    if (dbus_dispatcher.calls().onThread())
-        syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
-    return dbus_dispatcher.calls().onThread();
-}
-
+// Runs a change of the process-wide objects, one at a time. On the dispatch thread it does not, and returns
+// what is given for that: whoever holds the lock may be waiting for that thread.
 template <typename Action>
-int changeLife(const char *caller, const char *errorFormat, Action action)
+int changeLife(const char *caller, const char *errorFormat, int onThread, Action action)
 {
     return contain(caller, errorFormat, 0, [&]() -> int {
-        if (refuseOnThread(caller) || !claimProcess(caller))
+        if (dbus_dispatcher.calls().onThread()) {
+            syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
+            return onThread;
+        }
+        if (!claimProcess(caller))
             return 0;
         const std::lock_guard<std::mutex> lock(lifeMutex);
+        ownerProcess = getpid(); // the claim may have been given up while we waited
         struct ReleaseWhenIdle {
             ~ReleaseWhenIdle()
             {
@@ -320,7 +319,7 @@ int changeLife(const char *caller, const char *errorFormat, Action action)
 // ---- Entry points for C++ programs
 int create_proxy_manager_client(DBus::Connection &conn)
 {
-    return changeLife(CREATE, CREATE_ERROR, [&] {
+    return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, [&] {
         Outcome outcome;
         const int made = createOn(conn, outcome);
         readyClient = pProxyMgrClient;
@@ -330,7 +329,7 @@ int create_proxy_manager_client(DBus::Connection &conn)
 
 int cleanup_without_conn()
 {
-    return changeLife(CLEANUP_WITHOUT_CONN, DBUS_ERROR, deleteClient);
+    return changeLife(CLEANUP_WITHOUT_CONN, DBUS_ERROR, 0, deleteClient);
 }
 
 void *dbusLoopFunc(void *)
@@ -345,13 +344,13 @@ void *dbusLoopFunc(void *)
 // ---- C interface
 int create_proxy_manager_client(void)
 {
-    return changeLife(CREATE, CREATE_ERROR, createOnSystemBus);
+    return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, createOnSystemBus);
 }
 
 int cleanup_proxy_manager_client(void)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    return changeLife(__func__, DBUS_ERROR, [] {
+    return changeLife(__func__, DBUS_ERROR, 0, [] {
         const int deleted = deleteClient();
         dropConnection();
         return deleted;

@@ -207,8 +207,8 @@ TEST_F(ProxyTest, ProcessesEndWell)
         expectToEndWell({"exit"});
         expectToEndWell({"exit-in-callback"});
     }
-    expectToEndWell({"fork"});
-    expectToEndWell({"descriptors"});
+    for (const char *what : {"fork", "fork-early", "descriptors"})
+        expectToEndWell({what});
     expectToEndWell({"unload", LIBRARY});
 }
 

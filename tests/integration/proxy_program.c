@@ -84,6 +84,19 @@ static void run_forked(void)
     check(child_status(second) == 0, "the second child");
 }
 
+/* Two processes with one past have a client each. */
+static void run_forked_early(void)
+{
+    const pid_t child = fork();
+    check(create_proxy_manager_client() == 1, "create");
+    for (int i = 0; i < 3000; i++)
+        check(check_service_started(), "a call was lost");
+    check(cleanup_proxy_manager_client() == 1, "cleanup");
+    if (child == 0)
+        exit(faults);
+    check(child_status(child) == 0, "the child");
+}
+
 /* The program was started with the first three descriptors only. */
 static void check_descriptors(void)
 {
@@ -116,6 +129,8 @@ int main(int argc, char **argv)
     const char *what = argc > 1 ? argv[1] : "";
     if (strcmp(what, "unload") == 0)
         return run_unloaded(argv[2]);
+    if (strcmp(what, "fork-early") == 0)
+        run_forked_early();
     check(create_proxy_manager_client() == 1, "create");
     set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_exit_event : on_event);
     get_proxy_url("http://a/");
