@@ -126,6 +126,7 @@ TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
     const std::string name = dbus_conn->unique_name();
     EXPECT_EQ(cleanup_without_conn(), 1);
     service->emit("ProxyMgrStateEvent", {int32_t{1}}, name); // for nobody
+    service->namesOnBus();                                   // the bus has passed it on by now
     ASSERT_EQ(create_proxy_manager_client(), 1);
     EXPECT_EQ(dbus_conn->unique_name(), name);
     set_proxy_manager_event_cb(0, Events::callback);
