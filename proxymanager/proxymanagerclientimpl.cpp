@@ -299,10 +299,11 @@ void AnswerHolders::dropThread()
     threads_.erase(pthread_self());
 }
 
-void AnswerHolders::dropAllThreads()
+void AnswerHolders::dropAll()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     threads_.clear();
+    cached_.clear();
 }
 
 // ---- Life
@@ -325,7 +326,7 @@ ProxyManagerClientImpl::~ProxyManagerClientImpl()
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
     clearProxyUrlCache();
     urlCache.reset();
-    AnswerHolders::instance().dropAllThreads();
+    AnswerHolders::instance().dropAll();
     {
         const std::lock_guard<std::mutex> lock(eventMutex);
         eventHandlers.clear();

@@ -122,8 +122,8 @@ public:
     // The calling thread holds the record of the cache from now on, and nothing else.
     void holdForThread(const ProxyUrlInformation &record);
     void dropThread();
-    // No thread holds anything any more.
-    void dropAllThreads();
+    // Neither the cache nor any thread holds anything any more.
+    void dropAll();
 
     static AnswerHolders &instance();
 
