@@ -56,6 +56,7 @@ public:
 } // namespace
 
 // ---- Condition variable
+
 MonotonicCondition::MonotonicCondition()
 {
     pthread_condattr_t attributes;
@@ -95,6 +96,7 @@ void MonotonicCondition::notifyAll()
 }
 
 // ---- Calls
+
 CallDesk::CallDesk()
 {
     makeWakeDescriptor();
@@ -347,6 +349,7 @@ void CallDesk::failAll()
 }
 
 // ---- Loop
+
 OwningDispatcher::OwningDispatcher() : desk_(*new CallDesk)
 {
     for (const int descriptor : _fdunlock) {
@@ -422,6 +425,7 @@ void OwningDispatcher::repairUnlockPair()
 }
 
 // ---- Sockets
+
 // libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
 class OwningDispatcher::SocketWatch : public DBus::Watch
 {

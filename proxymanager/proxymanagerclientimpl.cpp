@@ -20,7 +20,7 @@ constexpr const char *INTERFACE_NAME = "com.halvo.ProxyManagerServiceInterface";
 constexpr const char *DBUS_ERROR_FORMAT = "%s%s DBus Error occured: %s";
 constexpr uint32_t CACHE_CAPACITY = 50;
 // A bus drops a client that sends it more than it takes in one message, 32 MiB as it comes.
-constexpr size_t TEXT_LIMIT = 16 * 1024 * 1024;
+constexpr size_t TEXT_LIMIT = size_t{16} * 1024 * 1024;
 
 const char *orEmpty(const char *text)
 {

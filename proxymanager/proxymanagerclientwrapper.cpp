@@ -88,6 +88,7 @@ Result contain(const char *caller, const char *errorFormat, Result neutral, Acti
 }
 
 // ---- Dispatch thread
+
 // The thread must not take a signal that the program wants to handle elsewhere.
 int startThreadWithSignalsBlocked()
 {
@@ -151,6 +152,7 @@ private:
 } threadStopper;
 
 // ---- Connection
+
 // A connection that is deleted must have left the dispatcher's queue, which keeps a plain pointer to it.
 void dropConnection()
 {
@@ -183,6 +185,7 @@ bool reuseConnection()
 }
 
 // ---- Client
+
 bool checkServiceStarted(ProxyManagerClientImpl &client)
 {
     syslog(LOG_INFO, CALLED, "", "check_service_started");
@@ -209,10 +212,8 @@ enum class Outcome { Made, NotConstructed, NotAnswering };
 
 Outcome makeClient(DBus::Connection &conn)
 {
-    Outcome outcome = Outcome::NotConstructed;
     try {
         pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME);
-        outcome = Outcome::NotAnswering;
         pProxyMgrClient->leaveCallsAt(&dbus_dispatcher.calls());
         checkServiceStarted(*pProxyMgrClient);
         return Outcome::Made;
@@ -222,6 +223,7 @@ Outcome makeClient(DBus::Connection &conn)
     } catch (const std::exception &error) {
         syslog(LOG_ERR, CREATE_ERROR, "", CREATE, error.what());
     }
+    const Outcome outcome = pProxyMgrClient ? Outcome::NotAnswering : Outcome::NotConstructed;
     deleteClient();
     return outcome;
 }
@@ -278,6 +280,7 @@ int createOnSystemBus()
 }
 
 // ---- Changes of the process-wide objects
+
 // Claims them before the lock is taken: a child that is forked in between finds the claim, not a lost lock.
 bool claimProcess(const char *caller)
 {
@@ -317,6 +320,7 @@ int changeLife(const char *caller, const char *errorFormat, int onThread, Action
 } // namespace
 
 // ---- Entry points for C++ programs
+
 int create_proxy_manager_client(DBus::Connection &conn)
 {
     return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, [&] {
@@ -342,6 +346,7 @@ void *dbusLoopFunc(void *)
 }
 
 // ---- C interface
+
 int create_proxy_manager_client(void)
 {
     return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, createOnSystemBus);

@@ -15,7 +15,9 @@ function(add_proxy_test name)
     set_target_properties(${name} PROPERTIES ENABLE_EXPORTS ON)
     add_test(NAME ${name} COMMAND ${launcher} $<TARGET_FILE:${name}>)
     set_tests_properties(${name} PROPERTIES TIMEOUT 900
-        ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp;LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp")
+        ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/tsan.supp;\
+LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp;\
+VALGRIND_OPTS=--suppressions=${CMAKE_CURRENT_SOURCE_DIR}/proxy-valgrind.supp")
 endfunction()
 
 add_proxy_test(proxy-unit-tests unit/proxy_records_test.cpp unit/proxy_cache_test.cpp)
