@@ -20,7 +20,7 @@ LSAN_OPTIONS=suppressions=${CMAKE_CURRENT_SOURCE_DIR}/lsan.supp;\
 VALGRIND_OPTS=--suppressions=${CMAKE_CURRENT_SOURCE_DIR}/proxy-valgrind.supp")
 endfunction()
 
-add_proxy_test(proxy-unit-tests unit/proxy_records_test.cpp unit/proxy_cache_test.cpp)
+add_proxy_test(proxy-unit-tests unit/proxy_unit_test.cpp)
 target_link_libraries(proxy-unit-tests PRIVATE proxymanager-objects)
 
 # A plain C program that links the library; see the file for what it does.

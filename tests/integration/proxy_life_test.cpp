@@ -90,7 +90,7 @@ private:
 
 TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
 {
-    proxy_log::ignore();
+    proxy_log::record(false);
     ScriptedService service;
     size_t descriptors = 0, threads = 0, names = 0;
     int file = -1;
@@ -104,7 +104,7 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
         }
         ASSERT_EQ(create_proxy_manager_client(), 1);
         if (cycle % 2 == 0) {
-            ASSERT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p1:80, DIRECT");
+            ASSERT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
         }
         ASSERT_EQ(cleanup_proxy_manager_client(), 1);
         if (cycle == 0) // must keep its number, whatever the client closes
@@ -163,7 +163,7 @@ TEST_F(ProxyTest, EightThreadsMakeOneClient)
         for (int i = 0; i < 8; i++) {
             creators.emplace_back([] {
                 EXPECT_EQ(create_proxy_manager_client(), 1);
-                EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p1:80, DIRECT");
+                EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
             });
         }
         for (std::thread &creator : creators)

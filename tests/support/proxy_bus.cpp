@@ -2,17 +2,15 @@
 
 #include "proxy_bus.h"
 
-#include <cassert>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -24,105 +22,95 @@ constexpr const char *INTERFACE = "com.halvo.ProxyManagerServiceInterface";
 
 // The folder of the socket, removed at the end of the program.
 struct BusFolder {
-    std::string path;
+    char path[32] = "/tmp/proxy-test-XXXXXX";
+    std::string address;
     BusFolder()
     {
-        char name[] = "/tmp/proxy-test-XXXXXX";
-        if (!mkdtemp(name))
+        if (!mkdtemp(path))
             throw std::runtime_error("no temporary folder");
-        path = name;
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + path + "/bus").c_str(), 1);
+        address = "unix:path=" + std::string(path) + "/bus";
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     }
-    ~BusFolder()
-    {
-        unlink((path + "/bus").c_str());
-        unlink((path + "/config").c_str());
-        rmdir(path.c_str());
-    }
+    ~BusFolder() { std::filesystem::remove_all(path); }
 };
 
-const std::string &folder()
+const BusFolder &folder()
 {
     static const BusFolder instance;
-    return instance.path;
+    return instance;
 }
 
-void appendTexts(DBusMessageIter *to, int type, const char *signature, const Texts &texts)
-{
-    DBusMessageIter container;
-    dbus_message_iter_open_container(to, type, signature, &container);
-    for (const std::string &text : texts) {
-        const char *chars = text.c_str();
-        dbus_message_iter_append_basic(&container, DBUS_TYPE_STRING, &chars);
-    }
-    dbus_message_iter_close_container(to, &container);
-}
-
-void append(DBusMessage *message, const Arguments &arguments)
-{
+struct Appender {
     DBusMessageIter to;
-    dbus_message_iter_init_append(message, &to);
-    for (const Argument &argument : arguments) {
-        if (const auto *text = std::get_if<std::string>(&argument)) {
-            const char *chars = text->c_str();
-            dbus_message_iter_append_basic(&to, DBUS_TYPE_STRING, &chars);
-        } else if (const auto *number = std::get_if<int32_t>(&argument)) {
-            dbus_message_iter_append_basic(&to, DBUS_TYPE_INT32, number);
-        } else if (const auto *flag = std::get_if<bool>(&argument)) {
-            const dbus_bool_t value = *flag;
-            dbus_message_iter_append_basic(&to, DBUS_TYPE_BOOLEAN, &value);
-        } else if (const auto *texts = std::get_if<Texts>(&argument)) {
-            appendTexts(&to, DBUS_TYPE_ARRAY, "s", *texts);
-        } else {
-            appendTexts(&to, DBUS_TYPE_STRUCT, nullptr, std::get<Structure>(argument).fields);
-        }
+
+    void basic(int type, const void *value) { dbus_message_iter_append_basic(&to, type, value); }
+    void container(int type, const char *signature, const Texts &texts)
+    {
+        Appender inner{};
+        dbus_message_iter_open_container(&to, type, signature, &inner.to);
+        for (const std::string &text : texts)
+            inner(text);
+        dbus_message_iter_close_container(&to, &inner.to);
     }
+    void operator()(const std::string &text)
+    {
+        const char *chars = text.c_str();
+        basic(DBUS_TYPE_STRING, &chars);
+    }
+    void operator()(int32_t number) { basic(DBUS_TYPE_INT32, &number); }
+    void operator()(bool flag)
+    {
+        const dbus_bool_t value = flag;
+        basic(DBUS_TYPE_BOOLEAN, &value);
+    }
+    void operator()(const Texts &texts) { container(DBUS_TYPE_ARRAY, "s", texts); }
+    void operator()(const Structure &structure) { container(DBUS_TYPE_STRUCT, nullptr, structure.fields); }
+};
+
+DBusMessage *append(DBusMessage *message, const Arguments &arguments)
+{
+    Appender appender{};
+    dbus_message_iter_init_append(message, &appender.to);
+    for (const Argument &argument : arguments)
+        std::visit(appender, argument);
+    return message;
 }
 
-Arguments readBasics(DBusMessage *message)
+// The strings and booleans of a call.
+Arguments readArguments(DBusMessage *message)
 {
     Arguments arguments;
     DBusMessageIter from;
     for (bool more = dbus_message_iter_init(message, &from); more; more = dbus_message_iter_next(&from)) {
-        const int type = dbus_message_iter_get_arg_type(&from);
-        const char *text = nullptr;
-        dbus_bool_t flag = 0;
-        if (type == DBUS_TYPE_STRING) {
-            dbus_message_iter_get_basic(&from, &text);
-            arguments.emplace_back(std::string(text));
-        } else if (type == DBUS_TYPE_BOOLEAN) {
-            dbus_message_iter_get_basic(&from, &flag);
-            arguments.emplace_back(flag != 0);
-        }
+        DBusBasicValue value;
+        dbus_message_iter_get_basic(&from, &value);
+        if (dbus_message_iter_get_arg_type(&from) == DBUS_TYPE_STRING)
+            arguments.emplace_back(std::string(value.str));
+        else
+            arguments.emplace_back(value.bool_val != 0);
     }
     return arguments;
 }
 
 } // namespace
 
-std::string PrivateBus::address()
-{
-    return "unix:path=" + folder() + "/bus";
-}
-
 void PrivateBus::start(const std::string &limits)
 {
-    unlink((folder() + "/bus").c_str());
-    std::ofstream(folder() + "/config")
-        << "<busconfig><type>system</type><listen>" << address() << "</listen><auth>EXTERNAL</auth>"
-        << "<policy context='default'><allow send_destination='*'/><allow receive_sender='*'/>"
-        << "<allow own='*'/></policy>" << limits << "</busconfig>";
+    const std::string config = std::string(folder().path) + "/config";
+    std::filesystem::remove(std::string(folder().path) + "/bus");
+    std::ofstream(config)
+        << "<busconfig><type>system</type><listen>" << folder().address
+        << "</listen><auth>EXTERNAL</auth><policy context='default'><allow send_destination='*'/>"
+        << "<allow receive_sender='*'/><allow own='*'/></policy>" << limits << "</busconfig>";
     int ready[2];
-    if (pipe2(ready, O_CLOEXEC) != 0)
-        throw std::runtime_error("no pipe");
-    const std::string config = "--config-file=" + folder() + "/config";
-    const std::string print = "--print-address=" + std::to_string(ready[1]);
+    (void)!pipe2(ready, O_CLOEXEC);
     pid_ = fork();
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
-        fcntl(ready[1], F_SETFD, 0);
+        dup2(ready[1], STDOUT_FILENO);
         dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // it complains about limits
-        execlp("dbus-daemon", "dbus-daemon", "--nofork", config.c_str(), print.c_str(), nullptr);
+        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--print-address",
+               ("--config-file=" + config).c_str(), nullptr);
         _exit(127);
     }
     close(ready[1]);
@@ -142,27 +130,20 @@ void PrivateBus::kill()
     pid_ = -1;
 }
 
-DBusMessage *makeReply(DBusMessage *call, const Arguments &arguments)
-{
-    DBusMessage *reply = dbus_message_new_method_return(call);
-    append(reply, arguments);
-    return reply;
-}
-
 BusPeer::BusPeer(const std::string &name)
 {
-    connection_ = dbus_connection_open_private(PrivateBus::address().c_str(), nullptr);
+    connection_ = dbus_connection_open_private(folder().address.c_str(), nullptr);
     if (!connection_ || !dbus_bus_register(connection_, nullptr) || pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
         throw std::runtime_error("no connection to the private bus");
     dbus_connection_set_exit_on_disconnect(connection_, false);
     if (!name.empty())
         dbus_bus_request_name(connection_, name.c_str(), 0, nullptr);
-    thread_ = std::thread([this] { run(); });
+    thread_ = std::thread([this] { loop(); });
 }
 
 BusPeer::~BusPeer()
 {
-    runOnThread([this] { stop_ = true; });
+    run([this](DBusConnection *) { stop_ = true; });
     thread_.join();
     for (DBusMessage *call : held_)
         dbus_message_unref(call);
@@ -172,30 +153,28 @@ BusPeer::~BusPeer()
     close(wake_[1]);
 }
 
-void BusPeer::run()
+void BusPeer::loop()
 {
     int socket = -1;
     dbus_connection_get_unix_fd(connection_, &socket);
-    while (!stop_) {
+    while (true) {
         dbus_connection_read_write(connection_, 0);
         while (DBusMessage *message = dbus_connection_pop_message(connection_)) {
             handle(message);
             dbus_message_unref(message);
         }
-        std::unique_lock<std::mutex> lock(mutex_);
-        while (!tasks_.empty()) {
-            const auto task = tasks_.front();
-            tasks_.pop_front();
-            lock.unlock();
-            task();
-            lock.lock();
+        std::deque<std::function<void()>> tasks;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            tasks.swap(tasks_);
         }
-        lock.unlock();
-        changed_.notify_all();
+        for (const auto &task : tasks)
+            task();
         if (stop_)
-            break;
-        const bool connected = dbus_connection_get_is_connected(connection_);
-        pollfd waits[] = {{wake_[0], POLLIN, 0}, {connected ? socket : -1, POLLIN, 0}};
+            return;
+        if (!dbus_connection_get_is_connected(connection_))
+            socket = -1;
+        pollfd waits[] = {{wake_[0], POLLIN, 0}, {socket, POLLIN, 0}};
         poll(waits, 2, -1);
         char bytes[64];
         while (read(wake_[0], bytes, sizeof bytes) > 0) {
@@ -203,13 +182,12 @@ void BusPeer::run()
     }
 }
 
-// Returns when the task has run.
-void BusPeer::runOnThread(std::function<void()> task)
+void BusPeer::run(const std::function<void(DBusConnection *)> &task)
 {
     bool done = false;
     std::unique_lock<std::mutex> lock(mutex_);
-    tasks_.push_back([&, run = std::move(task)] {
-        run();
+    tasks_.push_back([&] {
+        task(connection_);
         const std::lock_guard<std::mutex> inner(mutex_);
         done = true;
         changed_.notify_all();
@@ -227,22 +205,20 @@ void BusPeer::handle(DBusMessage *message)
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         calls_[member]++;
-        lastArguments_ = readBasics(message);
+        lastArguments_ = readArguments(message);
         answer = answers_[member];
     }
-    if (answer) {
-        if (DBusMessage *reply = answer(message))
-            sendNow(reply);
-    } else {
-        sendNow(dbus_message_new_error(message, DBUS_ERROR_UNKNOWN_METHOD, "no such method"));
-    }
+    DBusMessage *reply =
+        answer ? answer(message) : dbus_message_new_error(message, DBUS_ERROR_UNKNOWN_METHOD, "");
+    if (reply)
+        send(connection_, reply);
     changed_.notify_all();
 }
 
-void BusPeer::sendNow(DBusMessage *message)
+void BusPeer::send(DBusConnection *connection, DBusMessage *message)
 {
-    dbus_connection_send(connection_, message, nullptr);
-    dbus_connection_flush(connection_);
+    dbus_connection_send(connection, message, nullptr);
+    dbus_connection_flush(connection);
     dbus_message_unref(message);
 }
 
@@ -267,9 +243,9 @@ void BusPeer::hold(const std::string &member)
 
 void BusPeer::answerHeld(const Arguments &arguments)
 {
-    runOnThread([&] {
+    run([&](DBusConnection *connection) {
         for (DBusMessage *call : held_) {
-            sendNow(makeReply(call, arguments));
+            send(connection, makeReply(call, arguments));
             dbus_message_unref(call);
         }
         held_.clear();
@@ -295,40 +271,33 @@ Arguments BusPeer::lastArguments()
     return lastArguments_;
 }
 
+DBusMessage *BusPeer::makeReply(DBusMessage *call, const Arguments &arguments)
+{
+    return append(dbus_message_new_method_return(call), arguments);
+}
+
 DBusMessage *BusPeer::makeSignal(const std::string &member, const Arguments &arguments)
 {
-    DBusMessage *signal = dbus_message_new_signal(PATH, INTERFACE, member.c_str());
-    append(signal, arguments);
-    return signal;
+    return append(dbus_message_new_signal(PATH, INTERFACE, member.c_str()), arguments);
 }
 
 void BusPeer::emit(const std::string &member, const Arguments &arguments, const std::string &destination)
 {
-    runOnThread([&] {
+    run([&](DBusConnection *connection) {
         DBusMessage *signal = makeSignal(member, arguments);
         if (!destination.empty())
             dbus_message_set_destination(signal, destination.c_str());
-        sendNow(signal);
+        send(connection, signal);
     });
 }
 
-void BusPeer::releaseName(const std::string &name)
+Texts BusPeer::namesOnBus()
 {
-    runOnThread([&] { dbus_bus_release_name(connection_, name.c_str(), nullptr); });
-}
-
-void BusPeer::requestName(const std::string &name)
-{
-    runOnThread([&] { dbus_bus_request_name(connection_, name.c_str(), 0, nullptr); });
-}
-
-std::vector<std::string> BusPeer::namesOnBus()
-{
-    std::vector<std::string> names;
-    runOnThread([&] {
+    Texts names;
+    run([&](DBusConnection *connection) {
         DBusMessage *call =
             dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ListNames");
-        DBusMessage *reply = dbus_connection_send_with_reply_and_block(connection_, call, 5000, nullptr);
+        DBusMessage *reply = dbus_connection_send_with_reply_and_block(connection, call, 5000, nullptr);
         char **list = nullptr;
         int count = 0;
         dbus_message_get_args(reply, nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, &count,

@@ -1,5 +1,5 @@
-// A private bus, and a scripted proxy manager service on it that can answer wrongly, late, or not at all.
-// Written with plain libdbus, so that it shares nothing with the library under test.
+// A private bus, and peers on it that can answer wrongly, late, or not at all. Written with plain libdbus, so
+// that they share nothing with the library under test.
 #ifndef TESTS_PROXY_BUS_H
 #define TESTS_PROXY_BUS_H
 
@@ -28,7 +28,6 @@ public:
     ~PrivateBus() { kill(); }
     void start(const std::string &limits = "");
     void kill();
-    static std::string address();
 
 private:
     pid_t pid_ = -1;
@@ -43,38 +42,37 @@ struct Structure {
 using Argument = std::variant<std::string, int32_t, bool, Texts, Structure>;
 using Arguments = std::vector<Argument>;
 
-// A connection of its own on the bus, with a thread that runs it.
+// A connection of its own, with a thread that runs it.
 class BusPeer
 {
 public:
-    // Answers a call; an empty message keeps silent. Runs on the peer's thread.
-    using Answer = std::function<DBusMessage *(DBusMessage *call)>;
-
     explicit BusPeer(const std::string &name = "");
     ~BusPeer();
 
+    // What to do with the calls of a member: reply with arguments, keep them until answerHeld, or anything
+    // else, on the peer's thread; NULL is no reply.
+    using Answer = std::function<DBusMessage *(DBusMessage *call)>;
     void script(const std::string &member, Answer answer);
     void answer(const std::string &member, const Arguments &arguments);
-    // Keeps the calls of a member back until answerHeld.
     void hold(const std::string &member);
     void answerHeld(const Arguments &arguments);
-    // Waits until a member has been called count times since the peer was made.
-    void waitForCalls(const std::string &member, int count);
+
     int calls(const std::string &member);
+    void waitForCalls(const std::string &member, int count); // since the peer was made
     Arguments lastArguments();
 
     void emit(const std::string &member, const Arguments &arguments = {},
               const std::string &destination = "");
-    void releaseName(const std::string &name);
-    void requestName(const std::string &name);
-    std::vector<std::string> namesOnBus();
+    Texts namesOnBus(); // all that this peer has sent is with the bus when it returns
+    void
+    run(const std::function<void(DBusConnection *)> &task); // on the peer's thread; returns when it is done
 
     static DBusMessage *makeSignal(const std::string &member, const Arguments &arguments);
-    void sendNow(DBusMessage *message); // on the peer's thread; takes the message
+    static DBusMessage *makeReply(DBusMessage *call, const Arguments &arguments);
+    static void send(DBusConnection *connection, DBusMessage *message); // takes the message
 
 private:
-    void run();
-    void runOnThread(std::function<void()> task);
+    void loop();
     void handle(DBusMessage *message);
 
     DBusConnection *connection_;
@@ -89,8 +87,6 @@ private:
     bool stop_ = false;
     std::thread thread_;
 };
-
-DBusMessage *makeReply(DBusMessage *call, const Arguments &arguments);
 
 // The service in mode pacurl, answering each URL with one proxy and DIRECT.
 class ScriptedService : public BusPeer

@@ -8,8 +8,12 @@
 
 #include <chrono>
 #include <memory>
+#include <utility>
 
 #include <gtest/gtest.h>
+
+using Lines = std::vector<std::string>;
+constexpr const char *USUAL_ANSWER = "2 PROXY p1:80, DIRECT"; // of the scripted service, as toText has it
 
 // Collects the events told to its callback.
 class Events
@@ -21,11 +25,11 @@ public:
         told.push_back(type);
         changed.notify_all();
     }
-    // The first events, at least count of them unless the time is up; forgets them.
-    static std::vector<int> take(size_t count, std::chrono::seconds limit = std::chrono::seconds(10))
+    // Waits for count events, and takes all there are.
+    static std::vector<int> take(size_t count)
     {
         std::unique_lock<std::mutex> lock(mutex);
-        changed.wait_for(lock, limit, [&] { return told.size() >= count; });
+        changed.wait_for(lock, std::chrono::seconds(10), [&] { return told.size() >= count; });
         return std::exchange(told, {});
     }
 
@@ -45,32 +49,39 @@ protected:
         Events::take(0);
     }
 
-    // Waits until the client has handled all that the peer has sent so far.
-    static void settle(BusPeer &service)
-    {
-        set_proxy_manager_event_cb(77, Events::callback);
-        service.emit("ProxyMgrStateEvent", {int32_t{77}});
-        const auto last = Events::take(1);
-        EXPECT_FALSE(last.empty());
-    }
-
     PrivateBus bus;
 };
 
-// mode and entries of an answer, as in "2 PROXY p1:80, DIRECT".
+class RunningClient : public ProxyTest
+{
+protected:
+    RunningClient() { EXPECT_EQ(create_proxy_manager_client(), 1); }
+
+    // Sends a signal, and waits until the client has handled all that the service has sent so far.
+    void emit(const std::string &member, const Arguments &arguments)
+    {
+        service->emit(member, arguments);
+        service->answer("checkServicestarted", {true});
+        EXPECT_TRUE(check_service_started());
+    }
+
+    std::unique_ptr<ScriptedService> service = std::make_unique<ScriptedService>();
+};
+
+// Mode and entries of an answer, then user and password if there are any.
 inline std::string toText(const ProxyUrlInformation &info)
 {
+    const auto orNull = [](const char *text) { return std::string(text ? text : "NULL"); };
     std::string text = std::to_string(info.mode);
     for (int i = 0; i < info.proxyUrlCount; i++)
-        text += (i == 0 ? " " : ", ") + std::string(info.proxyUrlList[i] ? info.proxyUrlList[i] : "NULL");
-    if (info.userName || info.password)
-        text += std::string(" ") + (info.userName ? info.userName : "NULL") + "/" +
-                (info.password ? info.password : "NULL");
-    return text;
+        text += (i == 0 ? " " : ", ") + orNull(info.proxyUrlList[i]);
+    return info.userName || info.password ? text + " " + orNull(info.userName) + "/" + orNull(info.password)
+                                          : text;
 }
 
-inline std::string toText(ProxyManagerConfig config)
+inline std::string configText()
 {
+    ProxyManagerConfig config = get_http_proxy_config();
     std::string text = std::to_string(config.mode) + (config.optionFlag ? " y" : " n");
     for (const char *field : {config.proxyUrl, config.pacUrl, config.userName, config.password})
         text += std::string(" ") + (field ? field : "NULL");

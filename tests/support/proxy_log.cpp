@@ -14,61 +14,36 @@ std::mutex mutex;
 bool recording = false;
 std::vector<std::string> kept;
 
-void keep(int priority, const char *format, va_list arguments)
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    if (!recording)
-        return;
-    char text[2048];
-    vsnprintf(text, sizeof text, format, arguments);
-    kept.push_back("<" + std::to_string(priority) + "> " + text);
-}
-
 } // namespace
 
 extern "C" void syslog(int priority, const char *format, ...)
 {
+    char text[2048];
     va_list arguments;
     va_start(arguments, format);
-    keep(priority, format, arguments);
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (recording) {
+        vsnprintf(text, sizeof text, format, arguments);
+        kept.push_back("<" + std::to_string(priority) + "> " + text);
+    }
     va_end(arguments);
 }
 
-// What syslog becomes under _FORTIFY_SOURCE.
-extern "C" void __syslog_chk(int priority, int, const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    keep(priority, format, arguments);
-    va_end(arguments);
-}
-
-namespace proxy_log
-{
-
-void record()
+void proxy_log::record(bool on)
 {
     const std::lock_guard<std::mutex> lock(mutex);
     kept.clear();
-    recording = true;
+    recording = on;
 }
 
-void ignore()
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    recording = false;
-}
-
-std::vector<std::string> lines()
+std::vector<std::string> proxy_log::lines()
 {
     const std::lock_guard<std::mutex> lock(mutex);
     return kept;
 }
 
-bool contains(const std::string &line)
+bool proxy_log::contains(const std::string &line)
 {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return std::find(kept.begin(), kept.end(), line) != kept.end();
+    const auto all = lines();
+    return std::find(all.begin(), all.end(), line) != all.end();
 }
-
-} // namespace proxy_log

@@ -8,9 +8,8 @@
 namespace proxy_log
 {
 
-// From now on lines are kept as "<priority> text"; those kept so far are forgotten.
-void record();
-void ignore();
+// Forgets the lines kept so far; from now on they are kept as "<priority> text", or not.
+void record(bool on = true);
 std::vector<std::string> lines();
 bool contains(const std::string &line);
 
