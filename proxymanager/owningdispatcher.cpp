@@ -363,10 +363,13 @@ void OwningDispatcher::enter()
 {
     if (!desk_.beginThread())
         return;
+    struct AtEnd { // also when there is no memory to go on
+        CallDesk &desk;
+        ~AtEnd() { desk.endThread(); }
+    } const atEnd{desk_};
     repairUnlockPair();
     while (!desk_.stopped())
         do_iteration();
-    desk_.endThread();
 }
 
 void OwningDispatcher::leave()
