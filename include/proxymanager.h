@@ -81,8 +81,7 @@ typedef void (*ProxyMgrEventCallback)(ProxyMgrEventType type);
 /* The proxy configuration as the service holds it. */
 typedef struct ProxyManagerConfig {
     ProxyMode mode;
-    char *proxyUrl;  /* the proxy of mode 1: host:port; a leading http:// or https:// is removed when it is
-                        sent */
+    char *proxyUrl;  /* the proxy of mode 1: host:port */
     char *pacUrl;    /* the URL of the script of mode 2 */
     bool optionFlag; /* a yes-or-no setting of the service; the library only carries it */
     char *userName;  /* for authentication at the proxy */
