@@ -1,8 +1,9 @@
-// The public operations of the ATLS client: handles, the connection sequence, the exchange of messages and the
-// release of answers.
+// The public operations of the ATLS client: handles, the connection sequence, the exchange of messages and
+// the release of answers.
 
 #include "atls_internals.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -24,11 +25,12 @@ bool contains(const char *text, const char *needle)
     const size_t length = strlen(text);
     const size_t needle_length = strlen(needle);
     // Each window repeats the end of the one before it, where a match may have been cut.
-    for (size_t start = 0; start + needle_length <= length; start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
-        const size_t rest = length - start;
+    for (size_t start = 0; start + needle_length <= length;
+         start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
+        const size_t bound = std::min(length - start, SAFEC_SEARCH_LIMIT);
         char *found = nullptr;
-        if (strstr_s(const_cast<char *>(text) + start, rest < SAFEC_SEARCH_LIMIT ? rest : SAFEC_SEARCH_LIMIT, needle,
-                     needle_length, &found) == 0 && found)
+        (void)strstr_s(const_cast<char *>(text) + start, bound, needle, needle_length, &found);
+        if (found)
             return true;
     }
     return false;
@@ -36,7 +38,7 @@ bool contains(const char *text, const char *needle)
 
 } // namespace
 
-// ---- Handles and answers --------------------------------------------------------------------------------------
+// ---- Handles and answers
 
 atls_handle *create_atls_handle(void)
 {
@@ -83,7 +85,7 @@ void cleanup_atls_resp(atls_resp *resp)
     }
 }
 
-// ---- Connection sequence --------------------------------------------------------------------------------------
+// ---- Connection sequence
 
 namespace
 {
@@ -145,7 +147,7 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
     return result;
 }
 
-// ---- Exchange -------------------------------------------------------------------------------------------------
+// ---- Exchange
 
 namespace
 {
@@ -202,8 +204,8 @@ bool prepare_request(Exchange &exchange, const char *service)
                .result() == CURLE_OK;
 }
 
-// Moves all that waits in the engine's write BIO into exchange.records. Returns the bytes read, or what the failed
-// read returned; a message that fails to be read as a whole is dropped as a whole.
+// Moves all that waits in the engine's write BIO into exchange.records. Returns the bytes read, or what the
+// failed read returned; a message that fails to be read as a whole is dropped as a whole.
 int collect_records(Exchange &exchange)
 {
     const size_t pending = BIO_ctrl_pending(exchange.write_bio);
@@ -240,7 +242,8 @@ bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
 
 bool post_message(Exchange &exchange)
 {
-    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length, exchange.records);
+    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length,
+           exchange.records);
     const CURLcode code = RequestOptions(exchange.handle->curl, EXCHANGE)
                               .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(exchange.records_length),
                                    "%s: Failed to set curl post body size")
@@ -265,8 +268,8 @@ bool check_response(Exchange &exchange)
     const int body_size = static_cast<int>(exchange.body.size);
     syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", EXCHANGE, header_size,
            exchange.header.data, handle->hostname, port);
-    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE, body_size, exchange.body.data,
-           handle->hostname, port);
+    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE, body_size,
+           exchange.body.data, handle->hostname, port);
     syslog(LOG_DEBUG, "%s: ATLS received [%d] bytes from [%s:%d]", EXCHANGE,
            static_cast<int>(exchange.header.size + exchange.body.size), handle->hostname, port);
     syslog(LOG_NOTICE, "%s: ATLS received a [%d] status code from [%s:%d]", EXCHANGE,
@@ -342,8 +345,8 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
 namespace
 {
 
-// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with every
-// full read. On failure the buffer is released and *out is NULL.
+// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with
+// every full read. On failure the buffer is released and *out is NULL.
 int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
 {
     for (size_t total = 0;;) {

@@ -56,15 +56,17 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("MESSAGE", settings.message,
                    "The message; @FILE takes a file's contents; without it the standard input is read");
     app.add_option("-o,--output", settings.output, "Write the answer to this file");
-    app.add_flag("-i,--include", settings.with_header, "Write the response header block in front of the answer");
+    app.add_flag("-i,--include", settings.with_header,
+                 "Write the response header block in front of the answer");
     app.add_option("--tracking-id", settings.tracking_id, "Send this TrackingID header with every request");
     app.add_option("--ip", settings.ip, "Connect to this IP address in place of the URL's host");
     app.add_option("-n,--count", settings.count, "Post the message this many times on one connection")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    app.add_option("--log", settings.log_level,
-                   "Show the library's log up to this level: error, notice, info, debug (debug shows answers)")
-        ->transform(CLI::Transformer(levels))
+    app.add_option(
+           "--log", settings.log_level,
+           "Show the library's log up to this level: error, notice, info, debug (debug shows answers)")
+        ->transform(cli::one_of(levels))
         ->type_name("LEVEL");
     app.add_flag("--trace", settings.trace, "Show the trace of the HTTPS layer");
     app.footer("Log and trace go to the standard error.\n"
@@ -152,7 +154,8 @@ public:
 
     bool write(const atls_resp &answer, bool with_header)
     {
-        if (truncate_ && ftruncate(fileno(file_), 0) != 0 && errno != EINVAL) // a pipe or device has no length
+        if (truncate_ && ftruncate(fileno(file_), 0) != 0 &&
+            errno != EINVAL) // a pipe or device has no length
             return false;
         truncate_ = false;
         if (with_header)
@@ -169,8 +172,8 @@ private:
     bool truncate_ = false;
 };
 
-// libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr is
-// pointed elsewhere for the time of the connection, which the C library allows.
+// libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr
+// is pointed elsewhere for the time of the connection, which the C library allows.
 class TraceHidden
 {
 public:
@@ -216,13 +219,13 @@ const char *meaning(int result)
 
 int report_failure(const char *doing, const Settings &settings, int result)
 {
-    std::cerr << "atls-post: " << doing << ' ' << settings.url << ": " << meaning(result) << " (result " << result
-              << ')' << (settings.log_level < 0 ? "; --log error shows why" : "") << std::endl;
+    std::cerr << "atls-post: " << doing << ' ' << settings.url << ": " << meaning(result) << " (result "
+              << result << ')' << (settings.log_level < 0 ? "; --log error shows why" : "") << std::endl;
     return result;
 }
 
-int exchange(atls_handle *handle, const Settings &settings, const std::string &path, const std::string &message,
-             Output &output)
+int exchange(atls_handle *handle, const Settings &settings, const std::string &path,
+             const std::string &message, Output &output)
 {
     atls_resp answer = {};
     const int result =
@@ -245,8 +248,9 @@ int post(atls_handle *handle, const Settings &settings, const Address &address, 
 {
     const bool by_ip = !settings.ip.empty();
     const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
-    int status = atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
-                              address.port, address.path.c_str(), tracking_id);
+    int status =
+        atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
+                     address.port, address.path.c_str(), tracking_id);
     if (status != ATLS_OK)
         return report_failure("connecting to", settings, status);
     for (int i = 0; i < settings.count && status == ATLS_OK; i++)

@@ -4,6 +4,7 @@
 
 #include <exception>
 #include <iostream>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,22 @@ namespace cli
 
 constexpr int EXIT_USAGE = 64;
 constexpr int EXIT_UNAVAILABLE = 69;
+
+// Turns a word of a list into its number; any other word is a usage error that names the list.
+inline CLI::Validator one_of(const std::map<std::string, int> &values)
+{
+    std::string names;
+    for (const auto &[name, value] : values)
+        names += (names.empty() ? "" : ", ") + name;
+    const auto translate = [values, names](std::string &word) -> std::string {
+        const auto found = values.find(word);
+        if (found == values.end())
+            return word + " is not one of " + names;
+        word = std::to_string(found->second);
+        return {};
+    };
+    return CLI::Validator(translate, "");
+}
 
 // Parses the command line. A value is the exit status to end with at once: 0 after --help, EXIT_USAGE after a
 // one-line reason on the standard error.
