@@ -664,7 +664,7 @@ int atls_get_tracking_id_from_header(const char *header, char **tracking_id)
         syslog(LOG_ERR, "%s: Failed to allocate memory for tmpTrackingId", __func__);
         return ATLS_BAD_RESPONSE;
     }
-    memcpy(text, found, length);
+    memcpy(text, found, length + 1);
     const int result = copy_tracking_id(text, tracking_id, __func__);
     free(text);
     return result;

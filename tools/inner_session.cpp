@@ -46,7 +46,7 @@ std::string subject_of(X509 *certificate)
 std::string drain(BIO *bio)
 {
     std::string bytes(BIO_ctrl_pending(bio), '\0');
-    if (!bytes.empty() && BIO_read(bio, &bytes[0], static_cast<int>(bytes.size())) <= 0)
+    if (!bytes.empty() && BIO_read(bio, bytes.data(), static_cast<int>(bytes.size())) <= 0)
         bytes.clear();
     return bytes;
 }

@@ -108,7 +108,7 @@ CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
             text = value ? static_cast<const char *>(value) : "NULL";
         state.options.emplace_back(option, text);
         if (option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0)
-            value = reinterpret_cast<void *>(state.timeout_ms);
+            value = reinterpret_cast<void *>(state.timeout_ms); // NOLINT(performance-no-int-to-ptr)
     });
     using Setopt = CURLcode (*)(CURL *, CURLoption, ...);
     return fails("curl_easy_setopt")
