@@ -3,12 +3,8 @@
 set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
-server=
-finish() {
-    [ -z "$server" ] || { kill "$server" && wait "$server" || true; }
-    rm -rf "$work"
-}
-trap finish EXIT
+. "$source/scripts/service-functions"
+trap 'stop_service; rm -rf "$work"' EXIT
 unset https_proxy HTTPS_PROXY
 
 post() {
@@ -34,6 +30,8 @@ check "symbols of libatls.so" "$(listed "$source/atls/libatls.map")" "$(exported
 check "symbols of the platform" "$(listed "$source/platform/platform.map")" "$(exported "$build/libatls-platform.so")"
 check "soname" libatls.so.1 "$(objdump -p "$build/libatls.so" | awk '$1 == "SONAME" { print $2 }')"
 
+check "the README shows the example" "" "$(sed -n '/^```c$/,/^```$/{/^```/d;p}' "$source/README.md" | diff - "$source/examples/post.c")"
+
 # A device's own platform layer is used when it stands in the library path, its stime included. The right to set the
 # clock is given up first, in case it is not.
 check "replaced platform" "$(printf 'stime of the platform called: 1\nport 443: 1\nport 7: 2')" \
@@ -43,18 +41,9 @@ check "nothing said by the loader" "" "$(cat "$work/err")"
 
 "$source/scripts/make-identity" "$work"
 export ATLS_PLATFORM_DIR=$work/device
-certificates=(--front-cert "$work/service/front-cert.pem" --front-key "$work/service/front-key.pem"
-    --cert "$work/service/service-cert.pem" --key "$work/service/service-key.pem"
-    --device-ca "$work/service/device-ca.pem")
-mkdir "$work/seen"
-"$build/atls-server" "${certificates[@]}" --capture "$work/seen" 2>"$work/server.log" &
-server=$!
-until grep -q listening "$work/server.log"; do
-    kill -0 "$server" || { cat "$work/server.log" >&2; exit 1; }
-    sleep 0.05
-done
-port=$(sed -n 's/.*:\([0-9]*\)$/\1/p' "$work/server.log")
-url=https://127.0.0.1:$port/atls
+start_service
+port=${service_url##*:}
+url=$service_url/atls
 
 check "a message" "0 hello " "$(status_of post "$url" hello) $(cat "$work/out" "$work/err") "
 check "from the standard input" piped "$(echo -n piped | post "$url")"
@@ -92,12 +81,10 @@ echo kept >"$work/answer"
 check "a failed post keeps the file" "2 kept" \
     "$(export ATLS_PLATFORM_DIR=/none; status_of post -o "$work/answer" "$url" x) $(cat "$work/answer")"
 check "an unwritten answer" 74 "$(status_of post -o /dev/full "$url" x)"
+mapfile -t certificates < <(service_certificates)
 check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$port")"
 check "a missing key" 69 "$(status_of "$build/atls-server" "${certificates[@]/service-key/no-key}")"
-
-kill "$server"
 status=0
-wait "$server" || status=$?
-server=
+stop_service || status=$?
 check "the service ends" 0 "$status"
 echo "$passed passed, 0 failed"

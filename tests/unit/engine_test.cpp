@@ -17,6 +17,11 @@ struct IdentityFault {
     const char *name;
     const char *make; // run in the identity's folder; D is the device's folder
     int result;
+    friend std::ostream &operator<<(std::ostream &out, const IdentityFault &fault)
+    {
+        return out << fault.name;
+    }
+
     const char *message; // of atls_add_mic_to_ctx; an ssl error line follows when it ends in ".."
 };
 
