@@ -13,6 +13,9 @@
 #include <syslog.h>
 
 #undef curl_easy_setopt
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wvarargs" // libcurl's own prototype ends in an enumeration and "..."
+#endif
 
 namespace
 {
