@@ -34,7 +34,7 @@ check "the README shows the example" "" "$(sed -n '/^```c$/,/^```$/{/^```/d;p}' 
 
 # A device's own platform layer is used when it stands in the library path, its stime included. The right to set the
 # clock is given up first, in case it is not.
-check "replaced platform" "$(printf 'stime of the platform called: 1\nport 443: 1\nport 7: 2')" \
+check "replaced platform" "stime of the platform called: 1" \
     "$(LD_LIBRARY_PATH=$build/tests/double setpriv --bounding-set=-sys_time --inh-caps=-sys_time \
         "$build/tests/platform-caller" 2>"$work/err")"
 check "nothing said by the loader" "" "$(cat "$work/err")"

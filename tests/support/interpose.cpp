@@ -80,6 +80,14 @@ std::string log_of(int priority)
     return text;
 }
 
+bool logged(const std::string &text)
+{
+    for (const std::string &line : kept().log)
+        if (line.find(text) != std::string::npos)
+            return true;
+    return false;
+}
+
 } // namespace interpose
 
 extern "C" {

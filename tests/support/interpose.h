@@ -15,13 +15,11 @@
 namespace interpose
 {
 
-// Option and its number or text, "" for other pointers.
-using Option = std::pair<CURLoption, std::string>;
-
 struct State {
     std::vector<std::string> log; // rendered lines, each with its priority in front: "3 atls_connect: ..."
-    std::vector<Option> options;  // options set on request objects
-    std::map<std::string, int> calls;   // calls of the functions that can be made to fail
+    std::vector<std::pair<CURLoption, std::string>>
+        options;                        // set on request objects; number or text, "" for others
+    std::map<std::string, int> calls;   // of the functions that can be made to fail
     std::map<std::string, int> failing; // which call of a function fails, counted like that
     long timeout_ms = 0;         // what request objects get in place of the client's time-out; 0: the same
     time_t now = 0;              // what time() says; 0: the real time
@@ -29,14 +27,12 @@ struct State {
     std::vector<time_t> clock_settings; // what stime() was given
 };
 
-// A copy of what has been kept since reset().
-State kept();
-// Forgets all of it and puts these settings in force.
-void reset(long timeout_ms = 0, time_t now = 0, bool clock_settable = false);
-// Makes the nth call from now (1: the next) of a function fail.
-void fail(const std::string &function, int nth = 1);
-// The kept lines of one priority, without it, joined by newlines.
-std::string log_of(int priority);
+State kept(); // a copy of what is kept since reset()
+void reset(long timeout_ms = 0, time_t now = 0,
+           bool clock_settable = false);             // forgets it; puts these in force
+void fail(const std::string &function, int nth = 1); // makes the nth call from now (1: the next) fail
+std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
+bool logged(const std::string &text);
 
 } // namespace interpose
 

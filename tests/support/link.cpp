@@ -2,6 +2,9 @@
 
 #include "link.h"
 
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 #include <csignal>
@@ -14,48 +17,64 @@
 namespace test
 {
 
-namespace
+Folder::Folder()
 {
-
-sockaddr_in loopback(int port)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+    if (!mkdtemp(root.data()))
+        throw std::runtime_error("no temporary folder");
 }
 
-bool answers(int port)
+std::string read_file(const std::string &path)
 {
-    const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
-    const bool connected =
-        ::connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-    ::close(probe);
-    return connected;
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-} // namespace
+void write_file(const std::string &path, const std::string &bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+void run(const std::string &command)
+{
+    if (std::system(command.c_str()) != 0) // NOLINT(cert-env33-c): the tests' own commands
+        throw std::runtime_error("failed: " + command);
+}
 
 std::string pattern(size_t length)
 {
-    std::string text(length, '\0');
+    std::string text(length, 'a');
     for (size_t i = 0; i < length; i++)
         text[i] = static_cast<char>('a' + i % 26);
     return text;
 }
 
-Link::Link(int max_tls) : options(service_options())
+std::string identity(const std::string &name)
 {
-    options.inner.max_version = max_tls;
+    static const Folder folder;
+    if (!std::filesystem::exists(folder.path("device")))
+        run(std::string(MAKE_IDENTITY) + " " + folder.root);
+    return folder.path(name);
+}
+
+Device::Device()
+{
+    std::filesystem::copy(identity("device"), folder.root);
+    setenv("ATLS_PLATFORM_DIR", folder.root.c_str(), 1);
+}
+
+Link::Link(int max_tls)
+{
+    options.front_certificate = identity("service/front-cert.pem");
+    options.front_key = identity("service/front-key.pem");
+    options.inner = {identity("service/service-cert.pem"), identity("service/service-key.pem"),
+                     identity("service/device-ca.pem"), TLS1_2_VERSION, max_tls};
     options.log = [this](const std::string &line) {
         const std::lock_guard<std::mutex> lock(mutex_);
         log_ += line + "\n";
     };
-    options.on_reply = [this](const std::string &body, atls_service::Reply &out) {
+    options.on_reply = [this](const std::string &request, atls_service::Reply &out) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        posted_.push_back(body.size());
+        posted.push_back(request.size());
         if (tamper)
             tamper(out);
     };
@@ -69,72 +88,64 @@ Link::~Link()
     atls_handle_cleanup(&handle); // the service ends when its connections have
 }
 
-void Link::start()
-{
-    service_ = std::make_unique<atls_service::AtlsService>(options);
-}
-
 int Link::exchange(const std::string &message)
 {
     return atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls", &answer);
 }
 
-std::string Link::service_log() const
+bool Link::service_logged(const std::string &text)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return log_;
+    return log_.find(text) != std::string::npos;
 }
 
-std::vector<size_t> Link::posted() const
+static sockaddr_in loopback(int port)
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return posted_;
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
 }
 
-Listener::Listener() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address = loopback(0);
+    auto *generic = reinterpret_cast<sockaddr *>(&address);
     socklen_t length = sizeof address;
-    if (bind(fd_, reinterpret_cast<sockaddr *>(&address), length) != 0 || listen(fd_, 8) != 0 ||
-        getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+    if (bind(fd, generic, length) != 0 || listen(fd, 8) != 0 || getsockname(fd, generic, &length) != 0)
         throw std::runtime_error("no port to listen on");
-    port_ = ntohs(address.sin_port);
-}
-
-Listener::~Listener()
-{
-    close();
+    port = ntohs(address.sin_port);
 }
 
 void Listener::close()
 {
-    if (fd_ >= 0)
-        ::close(fd_);
-    fd_ = -1;
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
 }
 
-Daemon::Daemon(const std::vector<std::string> &command, int port) : pid_(fork())
+Daemon::Daemon(const std::string &command, int port) : pid(fork())
 {
-    if (pid_ == 0) {
+    if (pid == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing is left behind when a test crashes
-        std::vector<char *> arguments;
-        for (const std::string &argument : command)
-            arguments.push_back(const_cast<char *>(argument.c_str()));
-        arguments.push_back(nullptr);
-        execvp(arguments[0], arguments.data());
+        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
         _exit(127);
     }
-    while (!answers(port)) {
-        if (waitpid(pid_, nullptr, WNOHANG) != 0)
-            throw std::runtime_error("ended at once: " + command[0]);
-        usleep(10000);
+    const sockaddr_in address = loopback(port);
+    for (bool answers = false; !answers; usleep(10000)) {
+        const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        answers = ::connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        ::close(probe);
+        if (waitpid(pid, nullptr, WNOHANG) != 0)
+            throw std::runtime_error("ended at once: " + command);
     }
 }
 
 Daemon::~Daemon()
 {
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
 }
 
 } // namespace test
