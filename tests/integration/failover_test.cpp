@@ -73,7 +73,7 @@ protected:
     {
         interpose::reset(SHORT_TIMEOUT_MS);
         atls_handle_cleanup(&link_.handle);
-        strcpy(link_.handle->hostname, "127.0.0.1");
+        snprintf(link_.handle->hostname, sizeof link_.handle->hostname, "127.0.0.1");
         link_.handle->port = port;
         EXPECT_EQ(init_tl_curl(&link_.handle, "/", nullptr) + init_al_ssl(&link_.handle), ATLS_OK);
         use_proxies(list);

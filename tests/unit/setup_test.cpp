@@ -26,7 +26,7 @@ protected:
 
     void name_server(const std::string &host, int port = 8443)
     {
-        strcpy(handle_->hostname, host.c_str());
+        snprintf(handle_->hostname, sizeof handle_->hostname, "%s", host.c_str());
         handle_->port = port;
         interpose::reset();
     }
