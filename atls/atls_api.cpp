@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <syslog.h>
 
 #include "safec.h"
@@ -214,11 +215,13 @@ int collect_records(Exchange &exchange)
         return -1;
     int total = 0;
     do {
-        const int count = BIO_read(exchange.write_bio, exchange.records + total, ATLS_FLIGHT_SIZE);
+        const int rest = static_cast<int>(pending) - total;
+        const int count =
+            BIO_read(exchange.write_bio, exchange.records + total, std::min(rest, ATLS_FLIGHT_SIZE));
         if (count <= 0)
             return count;
         total += count;
-    } while (static_cast<size_t>(total) < pending);
+    } while (total < static_cast<int>(pending));
     exchange.records[total] = '\0';
     return total;
 }
@@ -345,6 +348,15 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
 namespace
 {
 
+// Reads the rest of an answer that there is no memory for: it must not be taken for the next one.
+void discard_answer(SSL *ssl)
+{
+    char rest[ATLS_FLIGHT_SIZE];
+    while (SSL_read(ssl, rest, ATLS_FLIGHT_SIZE) == ATLS_FLIGHT_SIZE) {
+    }
+    OPENSSL_cleanse(rest, sizeof rest);
+}
+
 // Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with
 // every full read. On failure the buffer is released and *out is NULL.
 int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
@@ -364,6 +376,7 @@ int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
         auto *larger = static_cast<char *>(realloc(*out, total + ATLS_FLIGHT_SIZE));
         if (!larger) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
+            discard_answer(ssl);
             break;
         }
         *out = larger;
@@ -388,6 +401,7 @@ int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, c
     *out = static_cast<char *>(malloc(ATLS_FLIGHT_SIZE));
     if (!*out) {
         syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", __func__);
+        discard_answer(ssl);
         return ATLS_BAD_RESPONSE;
     }
     return read_answer(ssl, __func__, out, out_length);

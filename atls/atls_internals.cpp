@@ -113,12 +113,13 @@ char user_agent[48];
 
 void build_user_agent()
 {
+    const char *model = platform_get_device_model();
     char load[128];
     snprintf(load, sizeof load, "%s", platform_get_load_id());
     if (char *suffix = strstr(load, ".loads"))
         *suffix = '\0';
     // A text that does not fit is cut.
-    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", platform_get_device_model(), load) < 0)
+    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", model, load) < 0)
         user_agent[0] = '\0';
 }
 
@@ -554,13 +555,18 @@ int copy_tracking_id(char *text, char **tracking_id, const char *caller)
     return ATLS_OK;
 }
 
-// Calls the platform's stime. A plain reference would bind to the retired stime that glibc keeps for old
+using ClockSetter = int (*)(const time_t *);
+
+// Keeps the name among those that the library asks for: a program's own stime is then exported to it.
+__attribute__((used)) const ClockSetter referenced_stime = stime;
+
+// Calls the platform's stime. That reference may be bound to the retired stime that glibc keeps for old
 // programs, since a program's own libc comes before the platform library in the search order; dlsym never
 // returns that one.
 int set_system_clock(const time_t *when)
 {
     void *platform_stime = dlsym(RTLD_DEFAULT, "stime");
-    return platform_stime ? reinterpret_cast<decltype(&stime)>(platform_stime)(when) : stime(when);
+    return platform_stime ? reinterpret_cast<ClockSetter>(platform_stime)(when) : -1;
 }
 
 void write_clock_marker(const struct tm &fields, time_t when)
@@ -572,7 +578,7 @@ void write_clock_marker(const struct tm &fields, time_t when)
     const char *ctime_text = ctime_r(&when, text);
     fprintf(marker, "synced: tm_zone=%s ctime=%s", fields.tm_zone, ctime_text ? ctime_text : "");
     fclose(marker);
-    syslog(LOG_NOTICE, "%s here write the file  %s", "atls_set_date_by_http_header", HTTP_CLOCK_MARKER);
+    syslog(LOG_NOTICE, "%s here write the file  /tmp/.stime-by-http", "atls_set_date_by_http_header");
 }
 
 // The clock has been set by NTP, by the user, or from a Date header.

@@ -11,9 +11,8 @@
  * Threads: a handle, and a response record, belong to one thread at a time; different handles may be used on
  * different threads at once, the first use included. No function takes a lock while it waits for the network.
  *
- * Blocking: atls_connect posts one to three times, atls_easy_perform once. Each attempt of a post takes at
- * most 30 seconds; when a proxy cannot be reached the post is attempted again through the next one of the
- * list.
+ * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
+ * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried.
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
  * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the
@@ -85,18 +84,19 @@ atls_handle *create_atls_handle(void);
  * hostname     host name, at most 511 characters; wins over ip, even when it is empty
  * ip           IP address text, used when hostname is NULL; an IPv6 address needs its brackets
  * port         TCP port, 1 to 65535
- * service      path of the service, beginning with "/"; host, port and path together are cut at 1,023
- * characters tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
+ * service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023 characters
+ * tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
  *
  * The texts are copied. The proxy, if any, is chosen here and kept for the life of the connection.
  *
  * Returns ATLS_OK, or
- *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: the handle is
- * unchanged; an empty host name: the handle is empty ATLS_SETUP_FAILED       a host name too long, no request
- * object or engine, no usable device certificate or key ATLS_HANDSHAKE_FAILED   no connection through any
- * proxy of the list, or the TLS handshake failed ATLS_BAD_RESPONSE       the server answered with status 400
- * or with more than 1,023 characters of cookies ATLS_UNEXPECTED_STATUS  the server answered with another
- * status than 200 After a failure the handle is empty and may be connected again.
+ *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;
+ *                           or an empty host name: the handle is empty
+ *   ATLS_SETUP_FAILED       host name too long, no engine, no usable device certificate or key
+ *   ATLS_HANDSHAKE_FAILED   no connection through any proxy of the list, or the TLS handshake failed
+ *   ATLS_BAD_RESPONSE       status 400, or cookies of more than 1,022 characters in one response
+ *   ATLS_UNEXPECTED_STATUS  another status than 200
+ * After a failure the handle is empty, but for the first case, and may be connected again.
  */
 int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int port, const char *service,
                  const char *tracking_id);
@@ -108,14 +108,15 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
  * service       path of the service for this message, beginning with "/"
  * resp          zeroed, or holding an earlier answer, which is released once the arguments have been checked
  *
- * Any HTTP status counts as an answer: look at resp->status_code. A body marked
- * "Content-Type: application/octet-stream" is decrypted, any other is handed back as it came. The service
- * ends an answer with a TLS record shorter than 16,384 bytes, so an answer of an exact multiple of that
- * length cannot be received (ATLS_BAD_RESPONSE; the session stays usable).
+ * Any HTTP status counts as an answer: look at resp->status_code. A body marked with the header line
+ * "Content-Type: application/octet-stream", in exactly this spelling, is decrypted; any other is handed back
+ * as it came, and is then not protected by the session. The service ends an answer with a TLS record shorter
+ * than 16,384 bytes, so an answer of an exact multiple of that length cannot be received (ATLS_BAD_RESPONSE;
+ * the session stays usable).
  *
  * Returns ATLS_OK, or
  *   ATLS_INVALID_INPUT    a missing or wrong argument, or no established session: resp is unchanged
- *   ATLS_BAD_RESPONSE     the answer could not be decrypted, or more than 1,023 characters of cookies
+ *   ATLS_BAD_RESPONSE     the answer could not be decrypted, or cookies of more than 1,022 characters
  *   ATLS_EXCHANGE_FAILED  the message was not sent, or no answer with a body came back
  * After the last two resp holds no body and no header, but perhaps a tracking identifier; the handle stays
  * connected. A message whose post failed may or may not have reached the service; it is never sent again by a

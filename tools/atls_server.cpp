@@ -86,6 +86,8 @@ int run(Settings settings)
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr); // before the service starts its threads
 
+    if (settings.service.inner.min_version > settings.service.inner.max_version)
+        throw cli::UsageError("--min-tls is above --max-tls");
     settings.service.idle_limit = std::chrono::seconds(settings.idle_seconds);
     settings.service.log = write_log_line;
     if (!settings.capture.empty())
@@ -95,7 +97,9 @@ int run(Settings settings)
         };
     const std::string host = settings.service.host;
     const atls_service::AtlsService service(std::move(settings.service));
-    write_log_line("listening on https://" + host + ":" + std::to_string(service.port()));
+    const bool ipv6 = host.find(':') != std::string::npos;
+    write_log_line("listening on https://" + (ipv6 ? "[" + host + "]" : host) + ":" +
+                   std::to_string(service.port()));
     int signal = 0;
     sigwait(&ends, &signal);
     write_log_line("ending");

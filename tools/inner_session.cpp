@@ -5,6 +5,7 @@
 #include <array>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
@@ -24,6 +25,10 @@ std::string take_openssl_error()
     ERR_clear_error();
     if (code == 0)
         return "unknown error";
+#ifdef ERR_SYSTEM_ERROR // OpenSSL 3 has no text for these
+    if (ERR_SYSTEM_ERROR(code))
+        return std::generic_category().message(ERR_GET_REASON(code));
+#endif
     const char *reason = ERR_reason_error_string(code);
     return reason ? reason : "error " + std::to_string(code);
 }

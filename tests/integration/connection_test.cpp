@@ -74,6 +74,21 @@ TEST_P(Connection, ReadsAnswersOfEveryLengthButFullRecords)
     }
 }
 
+TEST_P(Connection, DropsAnAnswerThatThereIsNoMemoryFor)
+{
+    link_.start();
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    for (const char *function : {"malloc", "realloc"}) {
+        link_.reply = 40000;
+        interpose::fail(function);
+        EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
+        EXPECT_TRUE(interpose::logged("allocate memory for decrypted response body"));
+        link_.reply = 0;
+        EXPECT_EQ(link_.exchange("two"), ATLS_OK);
+        EXPECT_EQ(link_.body(), "two") << "not the rest of the answer before";
+    }
+}
+
 TEST_P(Connection, SendsNothingStaleAfterAFailure)
 {
     link_.start();

@@ -4,7 +4,7 @@ set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
 . "$source/scripts/service-functions"
-trap 'stop_service; rm -rf "$work"' EXIT
+trap 'stop_service || true; rm -rf "$work"' EXIT
 unset https_proxy HTTPS_PROXY
 
 post() {
@@ -70,6 +70,8 @@ done <<TABLE
 64|https://host:80x/ x
 64|$url ''
 64|$url @/no/such/file
+64|$url @/
+64|--tracking-id $'a\\r\\nb' $url x
 64|-o /no/such/file $url x
 64|-n 0 $url x
 64|--log loud $url x
@@ -82,6 +84,8 @@ check "a failed post keeps the file" "2 kept" \
     "$(export ATLS_PLATFORM_DIR=/none; status_of post -o "$work/answer" "$url" x) $(cat "$work/answer")"
 check "an unwritten answer" 74 "$(status_of post -o /dev/full "$url" x)"
 mapfile -t certificates < <(service_certificates)
+check "a closed output" 74 "$(status=0; post "$url" x >&- 2>"$work/err" || status=$?; echo $status)"
+check "TLS versions" 64 "$(status_of "$build/atls-server" "${certificates[@]}" --min-tls 1.3 --max-tls 1.2)"
 check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$port")"
 check "a missing key" 69 "$(status_of "$build/atls-server" "${certificates[@]/service-key/no-key}")"
 status=0

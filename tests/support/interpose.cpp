@@ -153,6 +153,20 @@ SSL *SSL_new(SSL_CTX *ctx)
     return fails("SSL_new") ? nullptr : call_next<SSL *>("SSL_new", ctx);
 }
 
+// Of the client's objects alone, by the linker's option --wrap, and for the blocks of answers only.
+void *__real_malloc(size_t size);
+void *__real_realloc(void *block, size_t size);
+
+void *__wrap_malloc(size_t size)
+{
+    return size == 16384 && fails("malloc") ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_realloc(void *block, size_t size)
+{
+    return size % 16384 == 0 && fails("realloc") ? nullptr : __real_realloc(block, size);
+}
+
 time_t time(time_t *out) noexcept
 {
     const time_t held = with_state([](auto &state) { return state.now; });

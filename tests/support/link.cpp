@@ -52,7 +52,7 @@ std::string identity(const std::string &name)
 {
     static const Folder folder;
     if (!std::filesystem::exists(folder.path("device")))
-        run(std::string(MAKE_IDENTITY) + " " + folder.root);
+        run("'" MAKE_IDENTITY "' " + folder.root);
     return folder.path(name);
 }
 
