@@ -1,14 +1,16 @@
-// The public operations of the ATLS client: handles, the connection sequence, the exchange of messages and the
-// release of answers.
+// The public operations of the ATLS client: handles, the connection sequence, the exchange of messages and
+// the release of answers.
 
 #include "atls_internals.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <syslog.h>
 
 #include "safec.h"
@@ -24,11 +26,12 @@ bool contains(const char *text, const char *needle)
     const size_t length = strlen(text);
     const size_t needle_length = strlen(needle);
     // Each window repeats the end of the one before it, where a match may have been cut.
-    for (size_t start = 0; start + needle_length <= length; start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
-        const size_t rest = length - start;
+    for (size_t start = 0; start + needle_length <= length;
+         start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
+        const size_t bound = std::min(length - start, SAFEC_SEARCH_LIMIT);
         char *found = nullptr;
-        if (strstr_s(const_cast<char *>(text) + start, rest < SAFEC_SEARCH_LIMIT ? rest : SAFEC_SEARCH_LIMIT, needle,
-                     needle_length, &found) == 0 && found)
+        (void)strstr_s(const_cast<char *>(text) + start, bound, needle, needle_length, &found);
+        if (found)
             return true;
     }
     return false;
@@ -36,7 +39,7 @@ bool contains(const char *text, const char *needle)
 
 } // namespace
 
-// ---- Handles and answers --------------------------------------------------------------------------------------
+// ---- Handles and answers
 
 atls_handle *create_atls_handle(void)
 {
@@ -83,7 +86,7 @@ void cleanup_atls_resp(atls_resp *resp)
     }
 }
 
-// ---- Connection sequence --------------------------------------------------------------------------------------
+// ---- Connection sequence
 
 namespace
 {
@@ -145,7 +148,7 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
     return result;
 }
 
-// ---- Exchange -------------------------------------------------------------------------------------------------
+// ---- Exchange
 
 namespace
 {
@@ -202,8 +205,8 @@ bool prepare_request(Exchange &exchange, const char *service)
                .result() == CURLE_OK;
 }
 
-// Moves all that waits in the engine's write BIO into exchange.records. Returns the bytes read, or what the failed
-// read returned; a message that fails to be read as a whole is dropped as a whole.
+// Moves all that waits in the engine's write BIO into exchange.records. Returns the bytes read, or what the
+// failed read returned; a message that fails to be read as a whole is dropped as a whole.
 int collect_records(Exchange &exchange)
 {
     const size_t pending = BIO_ctrl_pending(exchange.write_bio);
@@ -212,11 +215,13 @@ int collect_records(Exchange &exchange)
         return -1;
     int total = 0;
     do {
-        const int count = BIO_read(exchange.write_bio, exchange.records + total, ATLS_FLIGHT_SIZE);
+        const int rest = static_cast<int>(pending) - total;
+        const int count =
+            BIO_read(exchange.write_bio, exchange.records + total, std::min(rest, ATLS_FLIGHT_SIZE));
         if (count <= 0)
             return count;
         total += count;
-    } while (static_cast<size_t>(total) < pending);
+    } while (total < static_cast<int>(pending));
     exchange.records[total] = '\0';
     return total;
 }
@@ -240,7 +245,8 @@ bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
 
 bool post_message(Exchange &exchange)
 {
-    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length, exchange.records);
+    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length,
+           exchange.records);
     const CURLcode code = RequestOptions(exchange.handle->curl, EXCHANGE)
                               .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(exchange.records_length),
                                    "%s: Failed to set curl post body size")
@@ -265,8 +271,8 @@ bool check_response(Exchange &exchange)
     const int body_size = static_cast<int>(exchange.body.size);
     syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", EXCHANGE, header_size,
            exchange.header.data, handle->hostname, port);
-    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE, body_size, exchange.body.data,
-           handle->hostname, port);
+    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE, body_size,
+           exchange.body.data, handle->hostname, port);
     syslog(LOG_DEBUG, "%s: ATLS received [%d] bytes from [%s:%d]", EXCHANGE,
            static_cast<int>(exchange.header.size + exchange.body.size), handle->hostname, port);
     syslog(LOG_NOTICE, "%s: ATLS received a [%d] status code from [%s:%d]", EXCHANGE,
@@ -342,8 +348,17 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
 namespace
 {
 
-// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with every
-// full read. On failure the buffer is released and *out is NULL.
+// Reads the rest of an answer that there is no memory for: it must not be taken for the next one.
+void discard_answer(SSL *ssl)
+{
+    char rest[ATLS_FLIGHT_SIZE];
+    while (SSL_read(ssl, rest, ATLS_FLIGHT_SIZE) == ATLS_FLIGHT_SIZE) {
+    }
+    OPENSSL_cleanse(rest, sizeof rest);
+}
+
+// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with
+// every full read. On failure the buffer is released and *out is NULL.
 int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
 {
     for (size_t total = 0;;) {
@@ -361,6 +376,7 @@ int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
         auto *larger = static_cast<char *>(realloc(*out, total + ATLS_FLIGHT_SIZE));
         if (!larger) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
+            discard_answer(ssl);
             break;
         }
         *out = larger;
@@ -385,6 +401,7 @@ int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, c
     *out = static_cast<char *>(malloc(ATLS_FLIGHT_SIZE));
     if (!*out) {
         syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", __func__);
+        discard_answer(ssl);
         return ATLS_BAD_RESPONSE;
     }
     return read_answer(ssl, __func__, out, out_length);

@@ -40,7 +40,7 @@ char errbuf[CURL_ERROR_SIZE];
 
 } // namespace
 
-// ---- Logging and clean-up -------------------------------------------------------------------------------------
+// ---- Logging and clean-up
 
 void log_ssl_error(void)
 {
@@ -57,7 +57,8 @@ void log_curl_error(int code)
     if (errbuf[0] != '\0')
         syslog(LOG_ERR, "Curl error [%d] maps to [%s] buffer", code, errbuf);
     else
-        syslog(LOG_ERR, "Curl error [%d] maps to [%s]", code, curl_easy_strerror(static_cast<CURLcode>(code)));
+        syslog(LOG_ERR, "Curl error [%d] maps to [%s]", code,
+               curl_easy_strerror(static_cast<CURLcode>(code)));
 }
 
 void RequestOptions::log_failure(const char *failure) const
@@ -103,7 +104,7 @@ void release_proxy_list(atls_handle *handle)
     handle->proxyUrlCount = 0;
 }
 
-// ---- Transport ------------------------------------------------------------------------------------------------
+// ---- Transport
 
 namespace
 {
@@ -112,12 +113,13 @@ char user_agent[48];
 
 void build_user_agent()
 {
+    const char *model = platform_get_device_model();
     char load[128];
     snprintf(load, sizeof load, "%s", platform_get_load_id());
     if (char *suffix = strstr(load, ".loads"))
         *suffix = '\0';
     // A text that does not fit is cut.
-    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", platform_get_device_model(), load) < 0)
+    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", model, load) < 0)
         user_agent[0] = '\0';
 }
 
@@ -172,8 +174,9 @@ bool build_request_headers(curl_slist **list, const char *caller, const char *tr
            append_header(list, caller, "Expect:", NOT_REMOVED);
 }
 
-// HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the headers of
-// a proxy's CONNECT reply are not the server's. Without either option a plain connection still works.
+// HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the
+// headers of a proxy's CONNECT reply are not the server's. Without either option a plain connection still
+// works.
 void set_http_version_and_proxy_headers(CURL *curl)
 {
     (void)curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
@@ -209,7 +212,8 @@ int init_tl_curl(atls_handle **handle, const char *service, const char *tracking
         return ATLS_SETUP_FAILED;
     }
     char url[ATLS_LINE_SIZE];
-    snprintf(url, sizeof url, "https://%s:%d%s", connection->hostname, static_cast<int>(connection->port), service);
+    snprintf(url, sizeof url, "https://%s:%d%s", connection->hostname, static_cast<int>(connection->port),
+             service);
 
     curl_slist *header_opts = nullptr;
     CURLcode code = set_request_options(curl, __func__, url);
@@ -239,7 +243,7 @@ void init_tl_curl_cleanup(int code, CURL *curl, struct curl_slist *header_opts)
         curl_slist_free_all(header_opts);
 }
 
-// ---- Inner TLS engine and device identity ---------------------------------------------------------------------
+// ---- Inner TLS engine and device identity
 
 namespace
 {
@@ -255,7 +259,8 @@ struct DerBuffer {
     ~DerBuffer() { OPENSSL_cleanse(data, sizeof data); }
 };
 
-// The steps below log the oldest error on the queue: what earlier calls left there must not be mistaken for it.
+// The steps below log the oldest error on the queue: what earlier calls left there must not be mistaken for
+// it.
 bool succeeded(int result, const char *caller, const char *failure)
 {
     if (result == 1)
@@ -310,8 +315,8 @@ bool install_device_key(SSL_CTX *ctx, EVP_PKEY *key, const char *caller)
     return succeeded(SSL_CTX_check_private_key(ctx), caller, "%s:  SSL_check_private_key failed..");
 }
 
-// Makes the platform's security context and returns its private record; NULL, with a log line, on failure. The
-// caller destroys *sec_ctx in either case.
+// Makes the platform's security context and returns its private record; NULL, with a log line, on failure.
+// The caller destroys *sec_ctx in either case.
 tlsplat_pvt_ctx *make_security_context(tlsplat_sec_ctx *sec_ctx, const char *caller)
 {
     int tls_rc = tlsplat_api_init();
@@ -422,7 +427,7 @@ void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *rea
         tlsplat_destroy_sec_ctx(sec_ctx);
 }
 
-// ---- Response capture -----------------------------------------------------------------------------------------
+// ---- Response capture
 
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
 {
@@ -436,7 +441,8 @@ size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata
     char *old = resp->data;
     resp->data = block_size > count ? static_cast<char *>(realloc(old, block_size)) : nullptr;
     if (!resp->data) {
-        syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__, block_size);
+        syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__,
+               block_size);
         free(old);
         resp->size = 0;
         return 0;
@@ -465,7 +471,7 @@ bool is_empty(const curl_resp &part)
     return !part.data || part.size == 0;
 }
 
-// ---- Response headers -----------------------------------------------------------------------------------------
+// ---- Response headers
 
 namespace
 {
@@ -491,7 +497,8 @@ struct CookieList {
 
     int finish(int result)
     {
-        syslog(LOG_DEBUG, "%s: Done copying all Cookies, cookies found [%d]", "atls_get_cookie_from_header", count);
+        syslog(LOG_DEBUG, "%s: Done copying all Cookies, cookies found [%d]", "atls_get_cookie_from_header",
+               count);
         if (result != ATLS_NO_COOKIE)
             text[position] = '\0';
         return result;
@@ -535,8 +542,8 @@ int copy_tracking_id(char *text, char **tracking_id, const char *caller)
     }
     const size_t length = strlen(value);
     if (length > TRACKING_ID_MAX) {
-        syslog(LOG_ERR, "%s: Failed to copy tracking_id, recvd trackingId len (%d) exceeded max limit(%d)", caller,
-               static_cast<int>(length), static_cast<int>(TRACKING_ID_MAX));
+        syslog(LOG_ERR, "%s: Failed to copy tracking_id, recvd trackingId len (%d) exceeded max limit(%d)",
+               caller, static_cast<int>(length), static_cast<int>(TRACKING_ID_MAX));
         return ATLS_BAD_RESPONSE;
     }
     *tracking_id = static_cast<char *>(malloc(TRACKING_ID_MAX + 1));
@@ -548,12 +555,18 @@ int copy_tracking_id(char *text, char **tracking_id, const char *caller)
     return ATLS_OK;
 }
 
-// Calls the platform's stime. A plain reference would bind to the retired stime that glibc keeps for old programs,
-// since a program's own libc comes before the platform library in the search order; dlsym never returns that one.
+using ClockSetter = int (*)(const time_t *);
+
+// Keeps the name among those that the library asks for: a program's own stime is then exported to it.
+__attribute__((used)) const ClockSetter referenced_stime = stime;
+
+// Calls the platform's stime. That reference may be bound to the retired stime that glibc keeps for old
+// programs, since a program's own libc comes before the platform library in the search order; dlsym never
+// returns that one.
 int set_system_clock(const time_t *when)
 {
     void *platform_stime = dlsym(RTLD_DEFAULT, "stime");
-    return platform_stime ? reinterpret_cast<decltype(&stime)>(platform_stime)(when) : stime(when);
+    return platform_stime ? reinterpret_cast<ClockSetter>(platform_stime)(when) : -1;
 }
 
 void write_clock_marker(const struct tm &fields, time_t when)
@@ -565,7 +578,7 @@ void write_clock_marker(const struct tm &fields, time_t when)
     const char *ctime_text = ctime_r(&when, text);
     fprintf(marker, "synced: tm_zone=%s ctime=%s", fields.tm_zone, ctime_text ? ctime_text : "");
     fclose(marker);
-    syslog(LOG_NOTICE, "%s here write the file  %s", "atls_set_date_by_http_header", HTTP_CLOCK_MARKER);
+    syslog(LOG_NOTICE, "%s here write the file  /tmp/.stime-by-http", "atls_set_date_by_http_header");
 }
 
 // The clock has been set by NTP, by the user, or from a Date header.
@@ -657,7 +670,7 @@ int atls_get_tracking_id_from_header(const char *header, char **tracking_id)
         syslog(LOG_ERR, "%s: Failed to allocate memory for tmpTrackingId", __func__);
         return ATLS_BAD_RESPONSE;
     }
-    memcpy(text, found, length);
+    memcpy(text, found, length + 1);
     const int result = copy_tracking_id(text, tracking_id, __func__);
     free(text);
     return result;
@@ -693,7 +706,7 @@ void atls_set_date_by_http_header(const char *header)
     write_clock_marker(fields, header_time);
 }
 
-// ---- Handshake ------------------------------------------------------------------------------------------------
+// ---- Handshake
 
 namespace
 {
@@ -885,7 +898,7 @@ void atls_handshake_cleanup(atls_handle *handle, curl_resp *body, curl_resp *hea
     cleanup_curl_resp(header);
 }
 
-// ---- Steps that handshake and exchange share ------------------------------------------------------------------
+// ---- Steps that handshake and exchange share
 
 bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio)
 {
@@ -922,7 +935,8 @@ namespace
 // Results that another proxy of the list may mend.
 bool is_connection_failure(CURLcode code)
 {
-    return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT || code == CURLE_OPERATION_TIMEDOUT;
+    return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
+           code == CURLE_OPERATION_TIMEDOUT;
 }
 
 void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)

@@ -1,5 +1,5 @@
-// What the two files of the ATLS client share: the operations behind the public header. All of them are exported
-// from the library with C linkage; none is meant for programs. Results are those of atls.h.
+// What the two files of the ATLS client share: the operations behind the public header. All of them are
+// exported from the library with C linkage; none is meant for programs. Results are those of atls.h.
 #ifndef ATLS_INTERNALS_H
 #define ATLS_INTERNALS_H
 
@@ -30,7 +30,8 @@ extern "C" {
 
 // Logs the oldest error of the calling thread's OpenSSL error queue and takes it off the queue.
 void log_ssl_error(void);
-// Logs a libcurl result, with the text of the process's last transfer failure if there is one; 0 is not logged.
+// Logs a libcurl result, with the text of the process's last transfer failure if there is one; 0 is not
+// logged.
 void log_curl_error(int code);
 
 // ---- Transport: the HTTPS POST request object
@@ -52,15 +53,17 @@ void atls_add_mic_to_ctx_cleanup(X509 *cert, EVP_PKEY *key);
 
 // ---- Response capture and response headers
 
-// libcurl write callback for header block and body; userdata is a curl_resp. Returns the bytes taken, 0 on failure.
+// libcurl write callback for header block and body; userdata is a curl_resp. Returns the bytes taken, 0 on
+// failure.
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata);
 void cleanup_curl_resp(curl_resp *resp);
-// Collects the name=value parts of all Set-Cookie headers, joined by ";". ATLS_NO_COOKIE leaves cookies alone;
-// ATLS_BAD_RESPONSE means that the list was cut to the buffer.
+// Collects the name=value parts of all Set-Cookie headers, joined by ";". ATLS_NO_COOKIE leaves cookies
+// alone; ATLS_BAD_RESPONSE means that the list was cut to the buffer.
 int atls_get_cookie_from_header(const char *header, char *cookies, int size);
 // Replaces the Cookie line of the handle's request headers.
 int atls_set_cookies(atls_handle **handle, const char *cookies);
-// Stores a heap copy of the TrackingID header in *tracking_id, which is left alone when there is no such header.
+// Stores a heap copy of the TrackingID header in *tracking_id, which is left alone when there is no such
+// header.
 int atls_get_tracking_id_from_header(const char *header, char **tracking_id);
 // Moves the system clock forward to the Date header, and leaves a marker file when it did.
 void atls_set_date_by_http_header(const char *header);

@@ -1,5 +1,5 @@
-// The bounds-checked string and memory functions, as libsafec provides them. Include this header last, and only
-// from source files: libsafec defines restrict as a macro in C++.
+// The bounds-checked string and memory functions, as libsafec provides them. Include this header last, and
+// only from source files: libsafec defines restrict as a macro in C++.
 #ifndef ATLS_SAFEC_H
 #define ATLS_SAFEC_H
 

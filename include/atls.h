@@ -2,8 +2,8 @@
  * atls.h - application-layer TLS over HTTPS POSTs.
  *
  * An ATLS connection is a TLS session between this device and a remote service whose every record travels in
- * the body of an HTTPS POST, so that it passes HTTPS front ends and HTTP proxies end to end. The device proves
- * its identity with its own certificate and key. The order of calls is
+ * the body of an HTTPS POST, so that it passes HTTPS front ends and HTTP proxies end to end. The device
+ * proves its identity with its own certificate and key. The order of calls is
  *
  *     create_atls_handle -> atls_connect -> atls_easy_perform, cleanup_atls_resp (any number of times)
  *                        -> free_atls_handle
@@ -11,11 +11,12 @@
  * Threads: a handle, and a response record, belong to one thread at a time; different handles may be used on
  * different threads at once, the first use included. No function takes a lock while it waits for the network.
  *
- * Blocking: atls_connect posts one to three times, atls_easy_perform once. Each attempt of a post takes at most
- * 30 seconds; when a proxy cannot be reached the post is attempted again through the next one of the list.
+ * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
+ * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried.
  *
- * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never calls
- * openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the standard error.
+ * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
+ * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the
+ * standard error.
  */
 #ifndef ATLS_H
 #define ATLS_H
@@ -33,13 +34,13 @@ struct ssl_st;     /* OpenSSL's SSL */
 /* Result of every operation that reports one. */
 enum {
     ATLS_OK = 0,
-    ATLS_INVALID_INPUT = 1,      /* a required argument is missing or wrong, or the handle is in the wrong state */
-    ATLS_SETUP_FAILED = 2,       /* request object, TLS engine, device certificate or key could not be set up */
-    ATLS_HANDSHAKE_FAILED = 3,   /* the handshake could not be completed: network, proxy, refused certificate */
-    ATLS_BAD_RESPONSE = 4,       /* HTTP status 400 in the handshake, or a response that cannot be processed */
-    ATLS_NO_COOKIE = 5,          /* internal: a response without cookies */
-    ATLS_EXCHANGE_FAILED = 6,    /* the message could not be sent, or no response came back */
-    ATLS_UNEXPECTED_STATUS = 7   /* an HTTP status other than 200 and 400 in the handshake */
+    ATLS_INVALID_INPUT = 1, /* a required argument is missing or wrong, or the handle is in the wrong state */
+    ATLS_SETUP_FAILED = 2,  /* request object, TLS engine, device certificate or key could not be set up */
+    ATLS_HANDSHAKE_FAILED = 3, /* the handshake could not be completed: network, proxy, refused certificate */
+    ATLS_BAD_RESPONSE = 4,     /* HTTP status 400 in the handshake, or a response that cannot be processed */
+    ATLS_NO_COOKIE = 5,        /* internal: a response without cookies */
+    ATLS_EXCHANGE_FAILED = 6,  /* the message could not be sent, or no response came back */
+    ATLS_UNEXPECTED_STATUS = 7 /* an HTTP status other than 200 and 400 in the handshake */
 };
 
 /* Room for a host name or an IP address text, terminating NUL included. */
@@ -51,7 +52,7 @@ enum {
 typedef struct atls_handle {
     char hostname[ATLS_HOSTNAME_SIZE]; /* host name, or IP address text; empty when not connected */
     int32_t port;                      /* TCP port; 0 when not connected */
-    char **proxyUrlList;               /* proxies to fall back on: NULL or proxyUrlCount entries; an entry may be NULL */
+    char **proxyUrlList;               /* NULL, or proxies to fall back on; entries may be NULL */
     int32_t proxyUrlCount;             /* number of entries of proxyUrlList */
     void *curl;                        /* libcurl easy handle: the HTTPS POST request object */
     struct curl_slist *header_opts;    /* request headers, the server's cookies among them */
@@ -63,7 +64,7 @@ typedef struct atls_handle {
  * fills it; cleanup_atls_resp releases what it holds.
  */
 typedef struct atls_resp {
-    char *body;        /* the decrypted answer, or the body as received if it was not encrypted; NUL-terminated */
+    char *body;        /* the decrypted answer, or the body as received; NUL-terminated */
     size_t body_len;   /* bytes in body, without the NUL */
     char *header;      /* status line and header lines as received; NUL-terminated */
     size_t header_len; /* bytes in header, without the NUL */
@@ -83,19 +84,19 @@ atls_handle *create_atls_handle(void);
  * hostname     host name, at most 511 characters; wins over ip, even when it is empty
  * ip           IP address text, used when hostname is NULL; an IPv6 address needs its brackets
  * port         TCP port, 1 to 65535
- * service      path of the service, beginning with "/"; host, port and path together are cut at 1,023 characters
+ * service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023 characters
  * tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
  *
  * The texts are copied. The proxy, if any, is chosen here and kept for the life of the connection.
  *
  * Returns ATLS_OK, or
- *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: the handle is unchanged;
- *                           an empty host name: the handle is empty
- *   ATLS_SETUP_FAILED       a host name too long, no request object or engine, no usable device certificate or key
+ *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;
+ *                           or an empty host name: the handle is empty
+ *   ATLS_SETUP_FAILED       host name too long, no engine, no usable device certificate or key
  *   ATLS_HANDSHAKE_FAILED   no connection through any proxy of the list, or the TLS handshake failed
- *   ATLS_BAD_RESPONSE       the server answered with status 400 or with more than 1,023 characters of cookies
- *   ATLS_UNEXPECTED_STATUS  the server answered with another status than 200
- * After a failure the handle is empty and may be connected again.
+ *   ATLS_BAD_RESPONSE       status 400, or cookies of more than 1,022 characters in one response
+ *   ATLS_UNEXPECTED_STATUS  another status than 200
+ * After a failure the handle is empty, but for the first case, and may be connected again.
  */
 int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int port, const char *service,
                  const char *tracking_id);
@@ -107,31 +108,34 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
  * service       path of the service for this message, beginning with "/"
  * resp          zeroed, or holding an earlier answer, which is released once the arguments have been checked
  *
- * Any HTTP status counts as an answer: look at resp->status_code. A body marked
- * "Content-Type: application/octet-stream" is decrypted, any other is handed back as it came. The service ends an
- * answer with a TLS record shorter than 16,384 bytes, so an answer of an exact multiple of that length cannot
- * be received (ATLS_BAD_RESPONSE; the session stays usable).
+ * Any HTTP status counts as an answer: look at resp->status_code. A body marked with the header line
+ * "Content-Type: application/octet-stream", in exactly this spelling, is decrypted; any other is handed back
+ * as it came, and is then not protected by the session. The service ends an answer with a TLS record shorter
+ * than 16,384 bytes, so an answer of an exact multiple of that length cannot be received (ATLS_BAD_RESPONSE;
+ * the session stays usable).
  *
  * Returns ATLS_OK, or
  *   ATLS_INVALID_INPUT    a missing or wrong argument, or no established session: resp is unchanged
- *   ATLS_BAD_RESPONSE     the answer could not be decrypted, or more than 1,023 characters of cookies
+ *   ATLS_BAD_RESPONSE     the answer could not be decrypted, or cookies of more than 1,022 characters
  *   ATLS_EXCHANGE_FAILED  the message was not sent, or no answer with a body came back
  * After the last two resp holds no body and no header, but perhaps a tracking identifier; the handle stays
  * connected. A message whose post failed may or may not have reached the service; it is never sent again by a
- * later call. If the service did not get it, or its answer was lost, the inner session ends: the next exchange
- * fails with ATLS_BAD_RESPONSE and later ones with ATLS_INVALID_INPUT. Clean the handle up and connect again.
+ * later call. If the service did not get it, or its answer was lost, the inner session ends: the next
+ * exchange fails with ATLS_BAD_RESPONSE and later ones with ATLS_INVALID_INPUT. Clean the handle up and
+ * connect again.
  */
-int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const char *service, atls_resp *resp);
+int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const char *service,
+                      atls_resp *resp);
 
 /*
- * Releases the buffers that a response record holds and clears it for reuse. The record itself is the caller's.
- * NULL is ignored.
+ * Releases the buffers that a response record holds and clears it for reuse. The record itself is the
+ * caller's. NULL is ignored.
  */
 void cleanup_atls_resp(atls_resp *resp);
 
 /*
- * Disconnects: releases the connection and wipes the host name. The handle stays allocated and may be connected
- * again. A NULL handle is logged and ignored. The proxy list is kept until the next atls_connect or
+ * Disconnects: releases the connection and wipes the host name. The handle stays allocated and may be
+ * connected again. A NULL handle is logged and ignored. The proxy list is kept until the next atls_connect or
  * free_atls_handle.
  */
 void atls_handle_cleanup(atls_handle **handle);

@@ -130,8 +130,9 @@ int cleanup_proxy_manager_client(void);
 ProxyManagerConfig get_http_proxy_config(void);
 
 /*
- * Sends a new configuration to the service. The caller keeps the strings. proxyUrl is sent in mode 1 only.
- * The client's own copy, and its cache, change only when the service announces the change.
+ * Sends a new configuration to the service. The caller keeps the strings. proxyUrl is sent in mode 1 only,
+ * without its scheme: a text that contains "http:" loses its first seven characters, one with "https:"
+ * its first eight. The client's own copy, and its cache, change only when the service announces the change.
  *
  * Returns the service's own result code; -1 when there is no client, when the call failed, or when proxyUrl
  * contains "http:" or "https:" and is too short for the prefix.

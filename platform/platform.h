@@ -1,11 +1,11 @@
 /*
  * platform.h - what the ATLS client asks of the device it runs on.
  *
- * A device integrator provides a shared library libatls-platform.so with these functions; the one built here is a
- * stand-in for desktops that reads a directory of files. docs/porting.md explains both.
+ * A device integrator provides a shared library libatls-platform.so with these functions; the one built here
+ * is a stand-in for desktops that reads a directory of files. docs/porting.md explains both.
  *
- * Threads: every function may be called from several threads at the same time. None may call back into the ATLS
- * client, throw, or end the process.
+ * Threads: every function may be called from several threads at the same time. None may call back into the
+ * ATLS client, throw, or end the process.
  */
 #ifndef ATLS_PLATFORM_H
 #define ATLS_PLATFORM_H
@@ -22,7 +22,7 @@ extern "C" {
 
 struct ssl_ctx_st; /* OpenSSL's SSL_CTX */
 
-/* ---- TLS library: the security context of the inner TLS engine ---------------------------------------------- */
+/* ---- TLS library: the security context of the inner TLS engine */
 
 /* An opaque security context. */
 typedef void *tlsplat_sec_ctx;
@@ -40,9 +40,9 @@ typedef struct tlsplat_pvt_ctx {
  * Returns 0, or a code of the platform that is only logged. */
 int tlsplat_api_init(void);
 
-/* Makes a client security context with an SSL_CTX of its own and stores it in *sec_ctx. Protocol versions, cipher
- * suites and the verification of the service are the platform's choice.
- * Returns 0, or a code; *sec_ctx is then left alone. */
+/* Makes a client security context with an SSL_CTX of its own and stores it in *sec_ctx. Protocol versions,
+ * cipher suites and the verification of the service are the platform's choice. Returns 0, or a code; *sec_ctx
+ * is then left alone. */
 int tlsplat_create_sec_ctx(tlsplat_sec_ctx *sec_ctx);
 
 /* Sets an option. Returns 0, or a code when the option or the value is unknown or cannot be set. */
@@ -51,32 +51,33 @@ int tlsplat_setopt_sec_ctx(tlsplat_sec_ctx sec_ctx, int option, int value);
 /* Returns the context's private record, which lives as long as the context, or NULL. */
 tlsplat_pvt_ctx *tlsplat_get_ssl_ctx(tlsplat_sec_ctx sec_ctx);
 
-/* Releases the context. The SSL_CTX is released by reference (SSL_CTX_free): an SSL object made from it lives on.
- * The result is not used. */
+/* Releases the context. The SSL_CTX is released by reference (SSL_CTX_free): an SSL object made from it lives
+ * on. The result is not used. */
 int tlsplat_destroy_sec_ctx(tlsplat_sec_ctx sec_ctx);
 
-/* ---- Secure storage: the device's certificate and key -------------------------------------------------------- */
+/* ---- Secure storage: the device's certificate and key */
 
 /* Prepares the store's crypto support. Called before each pair of fetches; the result is not used. */
 int secstore_init_ssl_lib(void);
 
-/* Writes the device certificate as DER into buffer. selector is 0: the device's own. *length holds the capacity
- * on entry (4,096) and the length of the certificate on return.
- * Returns 0, or a non-zero value when there is none or it does not fit; it is never truncated. */
+/* Writes the device certificate as DER into buffer. selector is 0: the device's own. *length holds the
+ * capacity on entry (4,096) and the length of the certificate on return. Returns 0, or a non-zero value when
+ * there is none or it does not fit; it is never truncated. */
 int secstore_get_device_cert(int selector, unsigned char *buffer, uint32_t *length);
 
 /* The same for the device's RSA private key (PKCS#1 or PKCS#8). The client wipes the buffer after use. */
 int secstore_get_private_key(int selector, unsigned char *buffer, uint32_t *length);
 
-/* ---- Identity of the device, for the User-Agent header -------------------------------------------------------- */
+/* ---- Identity of the device, for the User-Agent header */
 
-/* Model name of the device; the first 19 characters are used. Never NULL; valid until the thread's next call. */
+/* Model name of the device; the first 19 characters are used. Never NULL; valid until the thread's next call.
+ */
 const char *platform_get_device_model(void);
 
 /* Identifier of the firmware load; what follows ".loads" is cut, and 31 characters are used. As above. */
 const char *platform_get_load_id(void);
 
-/* ---- Utilities -------------------------------------------------------------------------------------------------- */
+/* ---- Utilities */
 
 /* Returns non-zero when port is a usable TCP port number. */
 int netutil_check_port(int port);

@@ -1,9 +1,4 @@
 # The tests of the proxy manager client. Each program runs as one test, on private buses of its own.
-find_package(GTest REQUIRED)
-
-set(ATLS_TEST_LAUNCHER "" CACHE STRING "Command to run the tested programs under, such as valgrind")
-separate_arguments(launcher UNIX_COMMAND "${ATLS_TEST_LAUNCHER}")
-
 add_library(proxy-test-support STATIC support/proxy_log.cpp support/proxy_bus.cpp)
 target_include_directories(proxy-test-support PUBLIC support)
 target_link_libraries(proxy-test-support PUBLIC PkgConfig::DBUSCXX GTest::gtest GTest::gtest_main Threads::Threads)

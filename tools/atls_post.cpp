@@ -1,18 +1,17 @@
 // atls-post: posts a message to an ATLS service and prints the answer.
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
-#include <map>
-#include <stdexcept>
-#include <system_error>
+#include <memory>
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
-#include <syslog.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include "atls.h"
@@ -41,31 +40,23 @@ struct Address {
     std::string path = "/";
 };
 
-// A wrong argument; ends the program with EXIT_USAGE.
-class UsageError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
-
 void add_options(CLI::App &app, Settings &settings)
 {
-    const std::map<std::string, int> levels{
-        {"error", LOG_ERR}, {"notice", LOG_NOTICE}, {"info", LOG_INFO}, {"debug", LOG_DEBUG}};
     app.add_option("URL", settings.url, "https://HOST[:PORT][/PATH] of the service")->required();
     app.add_option("MESSAGE", settings.message,
                    "The message; @FILE takes a file's contents; without it the standard input is read");
     app.add_option("-o,--output", settings.output, "Write the answer to this file");
-    app.add_flag("-i,--include", settings.with_header, "Write the response header block in front of the answer");
+    app.add_flag("-i,--include", settings.with_header,
+                 "Write the response header block in front of the answer");
     app.add_option("--tracking-id", settings.tracking_id, "Send this TrackingID header with every request");
-    app.add_option("--ip", settings.ip, "Connect to this IP address in place of the URL's host");
+    app.add_option("--ip", settings.ip,
+                   "Connect to this IP address, IPv6 in brackets, in place of the URL's host");
     app.add_option("-n,--count", settings.count, "Post the message this many times on one connection")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    app.add_option("--log", settings.log_level,
-                   "Show the library's log up to this level: error, notice, info, debug (debug shows answers)")
-        ->transform(CLI::Transformer(levels))
-        ->type_name("LEVEL");
+    cli::add_log_option(
+        app, settings.log_level,
+        "Show the library's log up to this level: error, notice, info, debug (debug shows answers)");
     app.add_flag("--trace", settings.trace, "Show the trace of the HTTPS layer");
     app.footer("Log and trace go to the standard error.\n"
                "Exit status: 0, or the library's result (1 to 7), 64 wrong usage, 74 answer not written.\n"
@@ -75,37 +66,48 @@ void add_options(CLI::App &app, Settings &settings)
                "  date | atls-post --log notice https://service.example/atls");
 }
 
+bool has_control_character(const std::string &text)
+{
+    return std::any_of(text.begin(), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7f'; });
+}
+
+int parse_port(const std::string &text, const std::string &url)
+{
+    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos)
+        throw cli::UsageError("not a port number in the URL: " + url);
+    return std::stoi(text);
+}
+
 Address parse_url(const std::string &url)
 {
-    const std::string scheme = "https://";
-    if (url.compare(0, scheme.size(), scheme) != 0)
-        throw UsageError("not an https:// URL: " + url);
-    const size_t host_start = scheme.size();
-    const size_t path_start = std::min(url.find('/', host_start), url.size());
-    const std::string authority = url.substr(host_start, path_start - host_start);
+    constexpr size_t SCHEME_LENGTH = 8;
+    if (strncasecmp(url.c_str(), "https://", SCHEME_LENGTH) != 0 || has_control_character(url))
+        throw cli::UsageError("not an https:// URL: " + url);
+    const size_t path_start = std::min(url.find_first_of("/?#", SCHEME_LENGTH), url.size());
+    const std::string authority = url.substr(SCHEME_LENGTH, path_start - SCHEME_LENGTH);
     const size_t bracket = authority.find(']');
     const size_t colon = authority.find(':', bracket == std::string::npos ? 0 : bracket);
 
     Address address;
     address.host = authority.substr(0, colon);
     if (address.host.empty() || authority.find('@') != std::string::npos)
-        throw UsageError("no usable host in the URL: " + url);
-    if (colon != std::string::npos) {
-        const std::string port = authority.substr(colon + 1);
-        if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != std::string::npos)
-            throw UsageError("not a port number in the URL: " + url);
-        address.port = std::stoi(port);
-    }
-    if (path_start < url.size())
-        address.path = url.substr(path_start);
+        throw cli::UsageError("no usable host in the URL: " + url);
+    if (colon != std::string::npos)
+        address.port = parse_port(authority.substr(colon + 1), url);
+    const std::string path = url.substr(path_start, url.find('#') - path_start);
+    address.path = path.empty() || path[0] != '/' ? "/" + path : path;
     return address;
 }
 
-std::string read_all(std::istream &input, const std::string &name)
+std::string read_all(FILE *file, const std::string &name)
 {
-    std::string text{std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
-    if (input.bad())
-        throw UsageError("cannot read " + name);
+    std::string text;
+    std::array<char, 65536> part;
+    for (size_t count; (count = fread(part.data(), 1, part.size(), file)) > 0;)
+        text.append(part.data(), count);
+    if (ferror(file))
+        throw cli::UsageError("cannot read " + name + ": " + strerror(errno));
     return text;
 }
 
@@ -113,18 +115,18 @@ std::string read_message(const CLI::App &app, const Settings &settings)
 {
     std::string message = settings.message;
     if (app.count("MESSAGE") == 0) {
-        message = read_all(std::cin, "the standard input");
+        message = read_all(stdin, "the standard input");
     } else if (!message.empty() && message[0] == '@') {
         const std::string name = message.substr(1);
-        std::ifstream file(name, std::ios::binary);
+        const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(name.c_str(), "rbe"), fclose);
         if (!file)
-            throw UsageError("cannot open " + name + ": " + strerror(errno));
-        message = read_all(file, name);
+            throw cli::UsageError("cannot open " + name + ": " + strerror(errno));
+        message = read_all(file.get(), name);
     }
     if (message.empty())
-        throw UsageError("the message is empty");
+        throw cli::UsageError("the message is empty");
     if (message.size() > INT_MAX)
-        throw UsageError("the message is longer than 2 GiB");
+        throw cli::UsageError("the message is longer than 2 GiB");
     return message;
 }
 
@@ -136,10 +138,11 @@ public:
     {
         if (name.empty())
             return;
+        created_ = access(name.c_str(), F_OK) != 0 ? name : "";
         const int descriptor = open(name.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
         file_ = descriptor < 0 ? nullptr : fdopen(descriptor, "wb");
         if (!file_)
-            throw UsageError("cannot write " + name + ": " + strerror(errno));
+            throw cli::UsageError("cannot write " + name + ": " + strerror(errno));
         truncate_ = true;
     }
     Output(const Output &) = delete;
@@ -148,13 +151,17 @@ public:
     {
         if (file_ != stdout)
             fclose(file_);
+        if (!created_.empty())
+            unlink(created_.c_str());
     }
 
     bool write(const atls_resp &answer, bool with_header)
     {
-        if (truncate_ && ftruncate(fileno(file_), 0) != 0 && errno != EINVAL) // a pipe or device has no length
+        if (truncate_ && ftruncate(fileno(file_), 0) != 0 &&
+            errno != EINVAL) // a pipe or device has no length
             return false;
         truncate_ = false;
+        created_.clear();
         if (with_header)
             fwrite(answer.header, 1, answer.header_len, file_);
         fwrite(answer.body, 1, answer.body_len, file_);
@@ -167,10 +174,11 @@ public:
 private:
     FILE *file_ = stdout;
     bool truncate_ = false;
+    std::string created_; // the file's name, as long as it is new and holds no answer
 };
 
-// libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr is
-// pointed elsewhere for the time of the connection, which the C library allows.
+// libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr
+// is pointed elsewhere for the time of the connection, which the C library allows.
 class TraceHidden
 {
 public:
@@ -193,13 +201,6 @@ private:
     FILE *null_ = nullptr;
 };
 
-void set_up_log(int level)
-{
-    openlog("atls-post", level < 0 ? 0 : LOG_PERROR, LOG_USER);
-    // Not below notice unless asked for: debug lines hold decrypted answers.
-    setlogmask(LOG_UPTO(level < 0 ? LOG_NOTICE : level));
-}
-
 const char *meaning(int result)
 {
     static const char *const TEXTS[] = {"success",
@@ -216,13 +217,13 @@ const char *meaning(int result)
 
 int report_failure(const char *doing, const Settings &settings, int result)
 {
-    std::cerr << "atls-post: " << doing << ' ' << settings.url << ": " << meaning(result) << " (result " << result
-              << ')' << (settings.log_level < 0 ? "; --log error shows why" : "") << std::endl;
+    std::cerr << "atls-post: " << doing << ' ' << settings.url << ": " << meaning(result) << " (result "
+              << result << ')' << (settings.log_level < 0 ? "; --log error shows why" : "") << std::endl;
     return result;
 }
 
-int exchange(atls_handle *handle, const Settings &settings, const std::string &path, const std::string &message,
-             Output &output)
+int exchange(atls_handle *handle, const Settings &settings, const std::string &path,
+             const std::string &message, Output &output)
 {
     atls_resp answer = {};
     const int result =
@@ -236,6 +237,10 @@ int exchange(atls_handle *handle, const Settings &settings, const std::string &p
     } else if (answer.status_code != 200) {
         std::cerr << "atls-post: the service answered with HTTP status " << answer.status_code << std::endl;
     }
+    // The library decrypts a body only when the header says so, and anybody on the way may say otherwise.
+    if (result == ATLS_OK && !strstr(answer.header, "Content-Type: application/octet-stream"))
+        std::cerr << "atls-post: the answer was not encrypted: it is not protected by the session"
+                  << std::endl;
     cleanup_atls_resp(&answer);
     return status;
 }
@@ -245,8 +250,9 @@ int post(atls_handle *handle, const Settings &settings, const Address &address, 
 {
     const bool by_ip = !settings.ip.empty();
     const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
-    int status = atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
-                              address.port, address.path.c_str(), tracking_id);
+    int status =
+        atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
+                     address.port, address.path.c_str(), tracking_id);
     if (status != ATLS_OK)
         return report_failure("connecting to", settings, status);
     for (int i = 0; i < settings.count && status == ATLS_OK; i++)
@@ -257,9 +263,11 @@ int post(atls_handle *handle, const Settings &settings, const Address &address, 
 int run(const CLI::App &app, const Settings &settings)
 {
     const Address address = parse_url(settings.url);
+    if (has_control_character(settings.tracking_id) || has_control_character(settings.ip))
+        throw cli::UsageError("blanks and control characters are not allowed in --tracking-id and --ip");
     const std::string message = read_message(app, settings);
     Output output(settings.output);
-    set_up_log(settings.log_level);
+    cli::set_up_log("atls-post", settings.log_level);
     const TraceHidden hidden(!settings.trace);
     atls_handle *handle = create_atls_handle();
     if (!handle)
@@ -279,11 +287,6 @@ int main(int argc, char **argv)
         add_options(app, settings);
         if (const auto status = cli::parse(app, argc, argv))
             return *status;
-        try {
-            return run(app, settings);
-        } catch (const UsageError &error) {
-            std::cerr << "atls-post: " << error.what() << std::endl;
-            return cli::EXIT_USAGE;
-        }
+        return run(app, settings);
     });
 }

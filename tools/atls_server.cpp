@@ -3,6 +3,7 @@
 #include "atls_service.h"
 
 #include <atomic>
+#include <climits>
 #include <csignal>
 #include <fstream>
 #include <iostream>
@@ -30,28 +31,33 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("--port", service.port, "Port to listen on; 0 takes any free port")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();
-    app.add_option("--front-cert", service.front_certificate, "Certificate of the HTTPS front end (PEM)")->required();
+    app.add_option("--front-cert", service.front_certificate, "Certificate of the HTTPS front end (PEM)")
+        ->required();
     app.add_option("--front-key", service.front_key, "Key of the HTTPS front end (PEM)")->required();
-    app.add_option("--cert", service.inner.certificate, "Certificate that devices verify (PEM chain)")->required();
+    app.add_option("--cert", service.inner.certificate, "Certificate that devices verify (PEM chain)")
+        ->required();
     app.add_option("--key", service.inner.key, "Key of that certificate (PEM)")->required();
-    app.add_option("--device-ca", service.inner.device_ca, "CAs of the device certificates (PEM)")->required();
+    app.add_option("--device-ca", service.inner.device_ca, "CAs of the device certificates (PEM)")
+        ->required();
     app.add_option("--min-tls", service.inner.min_version, "Lowest version of the inner TLS: 1.2 or 1.3")
-        ->transform(CLI::Transformer(versions))
+        ->transform(cli::one_of(versions))
         ->default_str("1.2");
     app.add_option("--max-tls", service.inner.max_version, "Highest version of the inner TLS: 1.2 or 1.3")
-        ->transform(CLI::Transformer(versions))
+        ->transform(cli::one_of(versions))
         ->default_str("1.3");
     app.add_option("--idle", settings.idle_seconds, "Drop a session unused for this many seconds")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
     app.add_option("--max-sessions", service.max_sessions, "Drop the oldest session above this number")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    app.add_option("--capture", settings.capture,
-                   "Write each body that the HTTPS front end sees to request-N and response-N in this directory")
+    app.add_option(
+           "--capture", settings.capture,
+           "Write each body that the HTTPS front end sees to request-N and response-N in this directory")
         ->check(CLI::ExistingDirectory);
     app.footer("Example, with the keys of scripts/make-identity DIR:\n"
-               "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key DIR/service/front-key.pem \\\n"
+               "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key "
+               "DIR/service/front-key.pem \\\n"
                "    --cert DIR/service/service-cert.pem --key DIR/service/service-key.pem \\\n"
                "    --device-ca DIR/service/device-ca.pem\n"
                "Lines about sessions go to the standard error. SIGTERM or SIGINT ends the service.");
@@ -80,16 +86,20 @@ int run(Settings settings)
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr); // before the service starts its threads
 
+    if (settings.service.inner.min_version > settings.service.inner.max_version)
+        throw cli::UsageError("--min-tls is above --max-tls");
     settings.service.idle_limit = std::chrono::seconds(settings.idle_seconds);
     settings.service.log = write_log_line;
     if (!settings.capture.empty())
         settings.service.on_reply = [directory = settings.capture](const std::string &body,
-                                                                    const atls_service::Reply &reply) {
+                                                                   const atls_service::Reply &reply) {
             write_capture(directory, body, reply);
         };
     const std::string host = settings.service.host;
     const atls_service::AtlsService service(std::move(settings.service));
-    write_log_line("listening on https://" + host + ":" + std::to_string(service.port()));
+    const bool ipv6 = host.find(':') != std::string::npos;
+    write_log_line("listening on https://" + (ipv6 ? "[" + host + "]" : host) + ":" +
+                   std::to_string(service.port()));
     int signal = 0;
     sigwait(&ends, &signal);
     write_log_line("ending");
@@ -101,8 +111,9 @@ int run(Settings settings)
 int main(int argc, char **argv)
 {
     return cli::guarded("atls-server", [&] {
-        CLI::App app("Reference ATLS service: inner TLS sessions in the bodies of HTTPS POSTs; echoes each message.",
-                     "atls-server");
+        CLI::App app(
+            "Reference ATLS service: inner TLS sessions in the bodies of HTTPS POSTs; echoes each message.",
+            "atls-server");
         Settings settings;
         add_options(app, settings);
         if (const auto status = cli::parse(app, argc, argv))

@@ -131,11 +131,13 @@ class AtlsService::Impl
 {
 public:
     explicit Impl(Options options)
-        : options_(std::move(options)), ctx_(make_inner_context(options_.inner)), sessions_(ctx_.get(), options_),
+        : options_(std::move(options)), ctx_(make_inner_context(options_.inner)),
+          sessions_(ctx_.get(), options_),
           front_(options_.front_certificate.c_str(), options_.front_key.c_str())
     {
         if (!front_.is_valid())
-            throw std::runtime_error("cannot use " + options_.front_certificate + " and " + options_.front_key);
+            throw std::runtime_error("cannot use " + options_.front_certificate + " and " +
+                                     options_.front_key);
         prepare_front();
         listen();
     }
@@ -180,7 +182,8 @@ private:
         else
             port_ = front_.bind_to_port(options_.host, options_.port) ? options_.port : -1;
         if (port_ <= 0)
-            throw std::runtime_error("cannot listen on " + options_.host + ":" + std::to_string(options_.port));
+            throw std::runtime_error("cannot listen on " + options_.host + ":" +
+                                     std::to_string(options_.port));
         thread_ = std::thread([this] { front_.listen_after_bind(); });
         while (!front_.is_running()) // stop() would have no effect before
             std::this_thread::yield();
@@ -208,6 +211,10 @@ private:
     static Reply make_reply(const std::string &id, const Outcome &outcome)
     {
         Reply reply;
+        if (outcome.closed_by_device) {
+            reply.status = 204;
+            return reply;
+        }
         if (outcome.records.empty()) { // not even an alert to send
             reply.status = 400;
             reply.headers.emplace("Content-Type", "text/plain");
@@ -216,7 +223,8 @@ private:
         }
         reply.headers.emplace("Content-Type", "application/octet-stream");
         if (!outcome.ended)
-            reply.headers.emplace("Set-Cookie", std::string(COOKIE_NAME) + "=" + id + "; Path=/; Secure; HttpOnly");
+            reply.headers.emplace("Set-Cookie",
+                                  std::string(COOKIE_NAME) + "=" + id + "; Path=/; Secure; HttpOnly");
         reply.body = outcome.records;
         return reply;
     }
@@ -245,7 +253,9 @@ private:
     std::thread thread_;
 };
 
-AtlsService::AtlsService(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}
+AtlsService::AtlsService(Options options) : impl_(std::make_unique<Impl>(std::move(options)))
+{
+}
 AtlsService::~AtlsService() = default;
 
 int AtlsService::port() const

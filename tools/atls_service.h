@@ -23,12 +23,12 @@ struct Reply {
 
 struct Options {
     std::string host = "127.0.0.1";
-    int port = 0; // 0 takes any free port
+    int port = 0;                  // 0 takes any free port
     std::string front_certificate; // PEM, of the HTTPS front end
     std::string front_key;
     InnerTlsOptions inner;
     std::chrono::milliseconds idle_limit = std::chrono::minutes(5); // a session unused for longer is dropped
-    size_t max_sessions = 1000; // above it the session unused for the longest time is dropped
+    size_t max_sessions = 1000;  // above it the session unused for the longest time is dropped
     size_t max_connections = 32; // HTTPS connections held at the same time
     // All of these are called on several threads at once.
     InnerSession::Answer answer = [](const std::string &message) { return message; };
@@ -40,7 +40,8 @@ struct Options {
 class AtlsService
 {
 public:
-    // Listens when it returns. Throws std::runtime_error when a file cannot be used or the port cannot be had.
+    // Listens when it returns. Throws std::runtime_error when a file cannot be used or the port cannot be
+    // had.
     explicit AtlsService(Options options);
     // Stops listening and waits for the requests under way.
     ~AtlsService();

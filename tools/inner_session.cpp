@@ -5,6 +5,7 @@
 #include <array>
 #include <new>
 #include <stdexcept>
+#include <system_error>
 
 #include <openssl/err.h>
 #include <openssl/x509_vfy.h>
@@ -24,6 +25,10 @@ std::string take_openssl_error()
     ERR_clear_error();
     if (code == 0)
         return "unknown error";
+#ifdef ERR_SYSTEM_ERROR // OpenSSL 3 has no text for these
+    if (ERR_SYSTEM_ERROR(code))
+        return std::generic_category().message(ERR_GET_REASON(code));
+#endif
     const char *reason = ERR_reason_error_string(code);
     return reason ? reason : "error " + std::to_string(code);
 }
@@ -46,7 +51,7 @@ std::string subject_of(X509 *certificate)
 std::string drain(BIO *bio)
 {
     std::string bytes(BIO_ctrl_pending(bio), '\0');
-    if (!bytes.empty() && BIO_read(bio, &bytes[0], static_cast<int>(bytes.size())) <= 0)
+    if (!bytes.empty() && BIO_read(bio, bytes.data(), static_cast<int>(bytes.size())) <= 0)
         bytes.clear();
     return bytes;
 }
@@ -61,12 +66,15 @@ SslCtxPtr make_inner_context(const InnerTlsOptions &options)
     require(SSL_CTX_set_min_proto_version(ctx.get(), options.min_version) == 1 &&
                 SSL_CTX_set_max_proto_version(ctx.get(), options.max_version) == 1,
             "TLS version");
-    require(SSL_CTX_use_certificate_chain_file(ctx.get(), options.certificate.c_str()) == 1, options.certificate);
+    require(SSL_CTX_use_certificate_chain_file(ctx.get(), options.certificate.c_str()) == 1,
+            options.certificate);
     require(SSL_CTX_use_PrivateKey_file(ctx.get(), options.key.c_str(), SSL_FILETYPE_PEM) == 1, options.key);
     require(SSL_CTX_check_private_key(ctx.get()) == 1, options.key);
-    require(SSL_CTX_load_verify_locations(ctx.get(), options.device_ca.c_str(), nullptr) == 1, options.device_ca);
+    require(SSL_CTX_load_verify_locations(ctx.get(), options.device_ca.c_str(), nullptr) == 1,
+            options.device_ca);
     SSL_CTX_set_client_CA_list(ctx.get(), SSL_load_client_CA_file(options.device_ca.c_str()));
-    SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, &InnerSession::on_verify);
+    SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
+                       &InnerSession::on_verify);
     SSL_CTX_set_info_callback(ctx.get(), &InnerSession::on_info);
     SSL_CTX_set_session_cache_mode(ctx.get(), SSL_SESS_CACHE_OFF);
     // An idle session then holds about 20 KB instead of 50.
@@ -90,11 +98,13 @@ InnerSession::InnerSession(SSL_CTX *ctx) : ssl_(SSL_new(ctx))
 
 int InnerSession::on_verify(int verified, X509_STORE_CTX *store)
 {
-    const auto *ssl = static_cast<SSL *>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
+    const auto *ssl =
+        static_cast<SSL *>(X509_STORE_CTX_get_ex_data(store, SSL_get_ex_data_X509_STORE_CTX_idx()));
     auto *session = static_cast<InnerSession *>(SSL_get_app_data(ssl));
     if (!verified)
-        session->certificate_fault_ = "device certificate " + subject_of(X509_STORE_CTX_get_current_cert(store)) +
-                                      ": " + X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
+        session->certificate_fault_ = "device certificate " +
+                                      subject_of(X509_STORE_CTX_get_current_cert(store)) + ": " +
+                                      X509_verify_cert_error_string(X509_STORE_CTX_get_error(store));
     return verified;
 }
 
@@ -157,6 +167,7 @@ void InnerSession::serve_message(Outcome &outcome, const Answer &answer)
 void InnerSession::end(Outcome &outcome, const std::string &what)
 {
     outcome.ended = true;
+    outcome.closed_by_device = alerts_.find("received") != std::string::npos;
     const unsigned long pending = ERR_peek_error();
     outcome.reason = what + (pending ? ": " + take_openssl_error() : "") +
                      (certificate_fault_.empty() ? "" : "; " + certificate_fault_) + alerts_;

@@ -1,5 +1,5 @@
-// One inner TLS session of the reference ATLS service: the server side of a TLS session whose records come in the
-// bodies of POSTs and go out in the bodies of their responses.
+// One inner TLS session of the reference ATLS service: the server side of a TLS session whose records come in
+// the bodies of POSTs and go out in the bodies of their responses.
 #ifndef TOOLS_INNER_SESSION_H
 #define TOOLS_INNER_SESSION_H
 
@@ -19,24 +19,25 @@ struct SslCtxDeleter {
 using SslCtxPtr = std::unique_ptr<SSL_CTX, SslCtxDeleter>;
 
 struct InnerTlsOptions {
-    std::string certificate;  // PEM chain that the service shows to the device
-    std::string key;          // PEM key of it
-    std::string device_ca;    // PEM CAs that device certificates are verified against
+    std::string certificate; // PEM chain that the service shows to the device
+    std::string key;         // PEM key of it
+    std::string device_ca;   // PEM CAs that device certificates are verified against
     int min_version = TLS1_2_VERSION;
     int max_version = TLS1_3_VERSION;
 };
 
-// Makes the context of all sessions: a device certificate is required and verified. Throws std::runtime_error with
-// the file and the reason.
+// Makes the context of all sessions: a device certificate is required and verified. Throws std::runtime_error
+// with the file and the reason.
 SslCtxPtr make_inner_context(const InnerTlsOptions &options);
 
 // What one POST came to.
 struct Outcome {
-    std::string records;         // to be sent back; empty when the device sent no complete record
-    bool established = false;    // the handshake was completed by this POST
-    bool answered = false;       // records hold an answer
-    bool ended = false;          // the session is over
-    std::string reason;          // why it is over
+    std::string records;           // to be sent back; empty when the device sent no complete record
+    bool established = false;      // the handshake was completed by this POST
+    bool answered = false;         // records hold an answer
+    bool ended = false;            // the session is over
+    bool closed_by_device = false; // by an alert of the device, which wants no answer
+    std::string reason;            // why it is over
 };
 
 // Called by several threads at once, each POST is served as a whole.

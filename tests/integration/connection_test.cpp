@@ -1,0 +1,316 @@
+// Connection and exchange against the reference service: lengths, statuses, refusals, odd answers, files,
+// threads.
+
+#include "link.h"
+
+#include <thread>
+
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace
+{
+
+using atls_service::Reply;
+
+void set_header(Reply &reply, const std::string &name, const std::string &value)
+{
+    reply.headers.erase(name);
+    reply.headers.emplace(name, value);
+}
+
+class Connection : public testing::TestWithParam<int>
+{
+protected:
+    bool tls13() const { return GetParam() == TLS1_3_VERSION; }
+
+    test::Link link_{GetParam()};
+};
+
+INSTANTIATE_TEST_SUITE_P(Tls, Connection, testing::Values(TLS1_2_VERSION, TLS1_3_VERSION));
+
+TEST_P(Connection, CarriesMessagesOfAnyLength)
+{
+    link_.start();
+    for (const size_t size :
+         {1, 14000, 16355, 16356, 16357, 16358, 16359, 16360, 16361, 16362, 16363, 20000, 1000000}) {
+        ASSERT_EQ(link_.connect(), ATLS_OK);
+        for (int i = 0; i < 2; i++) { // the first message, with what the handshake left, and a later one
+            ASSERT_EQ(link_.exchange(test::pattern(size)), ATLS_OK) << size;
+            EXPECT_TRUE(link_.body() == test::pattern(size) && link_.answer.body[size] == '\0') << size;
+        }
+        atls_handle_cleanup(&link_.handle);
+    }
+}
+
+TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
+{
+    link_.start();
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    EXPECT_EQ(link_.posted.size(), tls13() ? 1u : 2u);
+    for (int i = 0; i < 10; i++) {
+        ASSERT_EQ(link_.exchange("hello"), ATLS_OK);
+        long connects = -1;
+        curl_easy_getinfo(link_.handle->curl, CURLINFO_NUM_CONNECTS, &connects);
+        EXPECT_EQ(connects, 0);
+    }
+    EXPECT_EQ(link_.service->session_count(), 1u) << "the cookie led to the session each time";
+    EXPECT_STREQ(link_.answer.tracking_id, "track");
+    EXPECT_EQ(interpose::log_of(LOG_ERR), "");
+    EXPECT_EQ(link_.connect(), ATLS_INVALID_INPUT) << "connected already";
+    EXPECT_EQ(link_.exchange("still connected"), ATLS_OK);
+}
+
+TEST_P(Connection, ReadsAnswersOfEveryLengthButFullRecords)
+{
+    link_.start();
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    for (const size_t size : {1, 100, 16383, 16384, 16385, 20000, 32768, 1048575, 1048577}) {
+        link_.reply = size;
+        const bool readable = size % 16384 != 0;
+        EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
+        EXPECT_TRUE(link_.body() == (readable ? test::pattern(size) : "")) << size;
+    }
+}
+
+TEST_P(Connection, DropsAnAnswerThatThereIsNoMemoryFor)
+{
+    link_.start();
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    for (const char *function : {"malloc", "realloc"}) {
+        link_.reply = 40000;
+        interpose::fail(function);
+        EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
+        EXPECT_TRUE(interpose::logged("allocate memory for decrypted response body"));
+        link_.reply = 0;
+        EXPECT_EQ(link_.exchange("two"), ATLS_OK);
+        EXPECT_EQ(link_.body(), "two") << "not the rest of the answer before";
+    }
+}
+
+TEST_P(Connection, SendsNothingStaleAfterAFailure)
+{
+    link_.start();
+    for (int fault = 1; fault <= 6; fault++) {
+        const bool lost = fault > 3; // a message was encrypted that never arrived
+        for (const bool first : {true, false}) {
+            ASSERT_EQ(link_.connect(), ATLS_OK);
+            ASSERT_EQ(first ? ATLS_OK : link_.exchange("one"), ATLS_OK);
+            interpose::fail(fault < 6 ? "curl_easy_setopt" : "curl_easy_perform", fault < 6 ? fault : 1);
+            EXPECT_EQ(link_.exchange(test::pattern(50000)), ATLS_EXCHANGE_FAILED);
+            EXPECT_EQ(link_.exchange("two"), lost ? ATLS_BAD_RESPONSE : ATLS_OK);
+            const bool alone = lost || !first; // else the flight of the handshake goes in front
+            EXPECT_TRUE(!alone || link_.posted.back() < 100) << "one short record";
+            EXPECT_EQ(link_.exchange("three"), lost ? ATLS_INVALID_INPUT : ATLS_OK);
+            atls_handle_cleanup(&link_.handle);
+        }
+    }
+}
+
+TEST_P(Connection, TellsHandshakeResponsesApart)
+{
+    const std::pair<std::function<void(Reply &)>, int> cases[] = {
+        {[](Reply &reply) { reply.status = 400; }, 4},
+        {[](Reply &reply) { reply.status = 403; }, 7},
+        {[](Reply &reply) { reply.status = 302; }, 7},
+        {[](Reply &reply) { reply.body.clear(); }, 3},
+        {[](Reply &reply) { set_header(reply, "Set-Cookie", std::string(1023, 'c')); }, 4},
+        {[](Reply &reply) { reply.body = "garbage"; }, 3},
+    };
+    link_.start();
+    for (const auto &[tamper, result] : cases) {
+        link_.tamper = tamper;
+        EXPECT_EQ(link_.connect(), result);
+        EXPECT_TRUE(interpose::logged("atls_rc=>[" + std::to_string(result) + "]"));
+        EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
+                    !*link_.handle->hostname);
+    }
+    link_.tamper = nullptr;
+    EXPECT_EQ(link_.connect(), ATLS_OK) << "the emptied handle can be connected again";
+}
+
+TEST_P(Connection, HandsBackOddAnswers)
+{
+    const auto lower_case = [](Reply &reply) {
+        reply.headers.erase("Content-Type");
+        set_header(reply, "content-type", "application/octet-stream");
+    };
+    const auto plain_text = [](Reply &reply) { set_header(reply, "Content-Type", "text/plain"); };
+    const auto huge_header = [](Reply &reply) {
+        for (int i = 10; i < 22; i++) // in front of Content-Type
+            set_header(reply, "A-" + std::to_string(i), std::string(5000, 'a'));
+    };
+    const struct {
+        const char *name;
+        std::function<void(Reply &)> tamper;
+        int result;
+        bool decrypted;
+        int next; // result of the exchange after it
+    } cases[] = {
+        {"lower case", lower_case, 0, false, 4},
+        {"not encrypted", plain_text, 0, false, 4},
+        {"error status", [](Reply &reply) { reply.status = 503; }, 0, true, 0},
+        {"no body", [](Reply &reply) { reply.body.clear(); }, 6, false, 4},
+        {"header above 32 KB", huge_header, 0, true, 0},
+        {"identifier", [](Reply &reply) { set_header(reply, "TrackingID", std::string(65, 'i')); }, 0, true,
+         0},
+        {"cookies", [](Reply &reply) { set_header(reply, "Set-Cookie", std::string(1023, 'c')); }, 4, false,
+         4},
+        {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 4, false, 1},
+        {"cut record", [](Reply &reply) { reply.body.pop_back(); }, 4, false, 4},
+        {"doubled", [](Reply &reply) { reply.body += reply.body; }, 0, true, 4},
+    };
+    link_.start();
+    for (const auto &wanted : cases) {
+        SCOPED_TRACE(wanted.name);
+        atls_handle_cleanup(&link_.handle);
+        ASSERT_EQ(link_.connect(), ATLS_OK);
+        ASSERT_EQ(link_.exchange("one"), ATLS_OK);
+        link_.tamper = wanted.tamper;
+        EXPECT_EQ(link_.exchange("two"), wanted.result);
+        EXPECT_EQ(link_.body() == "two", wanted.decrypted);
+        EXPECT_EQ(link_.answer.header != nullptr, wanted.result == 0);
+        link_.tamper = nullptr;
+        EXPECT_EQ(link_.exchange("three"), wanted.next);
+    }
+}
+
+TEST_P(Connection, EndsWhenACertificateIsRefused)
+{
+    link_.options.inner.device_ca = test::identity("ca/service-cert.pem"); // not the device's
+    link_.start();
+    EXPECT_EQ(link_.connect(), tls13() ? ATLS_OK : ATLS_HANDSHAKE_FAILED);
+    if (tls13()) { // the refusal comes with the first answer
+        EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
+        EXPECT_EQ(link_.exchange("two"), ATLS_INVALID_INPUT);
+    }
+    EXPECT_TRUE(link_.service_logged("device certificate /CN=Throwaway device: unable to get local issuer"));
+    EXPECT_TRUE(link_.service_logged("alert sent: unknown CA"));
+
+    atls_handle_cleanup(&link_.handle);
+    test::run("cp " + test::identity("ca/device-cert.pem") + " " + link_.folder.path("truststore.pem"));
+    EXPECT_EQ(link_.connect(), ATLS_HANDSHAKE_FAILED) << "the service is not trusted";
+    EXPECT_TRUE(link_.service_logged("alert received: unknown CA"));
+}
+
+TEST_P(Connection, LosesASessionThatTheServiceDropped)
+{
+    link_.options.max_sessions = 1;
+    link_.options.idle_limit = std::chrono::seconds(1);
+    link_.start();
+    ASSERT_EQ(link_.connect() + link_.exchange("one"), ATLS_OK);
+    while (link_.service->session_count() != 0)
+        usleep(20000);
+    EXPECT_TRUE(link_.service_logged("dropped: idle"));
+    EXPECT_EQ(link_.exchange("two"), ATLS_BAD_RESPONSE);
+
+    atls_handle_cleanup(&link_.handle);
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    test::Device other;
+    ASSERT_EQ(atls_connect(&other.handle, "127.0.0.1", nullptr, link_.service->port(), "/", nullptr),
+              ATLS_OK);
+    EXPECT_TRUE(link_.service_logged("dropped: too many sessions"));
+    EXPECT_EQ(link_.exchange("three"), ATLS_BAD_RESPONSE);
+}
+
+TEST_P(Connection, ServesEightThreadsAtOnce)
+{
+    link_.start();
+    std::vector<std::thread> threads;
+    for (char i = 'a'; i < 'i'; i++)
+        threads.emplace_back([this, i] {
+            atls_handle *handle = create_atls_handle();
+            atls_resp answer = {};
+            EXPECT_EQ(atls_connect(&handle, nullptr, "127.0.0.1", link_.service->port(), "/", nullptr),
+                      ATLS_OK);
+            for (int n = 1; n <= 20; n++) {
+                const std::string message(static_cast<size_t>(n), i);
+                EXPECT_EQ(atls_easy_perform(handle, message.data(), n, "/", &answer), ATLS_OK);
+                EXPECT_EQ(std::string(answer.body, answer.body_len), message);
+            }
+            cleanup_atls_resp(&answer);
+            free_atls_handle(handle);
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
+TEST(Arguments, AreCheckedInOrder)
+{
+    test::Link link;
+    atls_handle **handle = &link.handle;
+    const auto error = [](int result) {
+        const std::string line = interpose::log_of(LOG_ERR);
+        interpose::reset();
+        return std::to_string(result) + " " + line.substr(line.rfind("...") + 3);
+    };
+    EXPECT_EQ(error(atls_connect(handle, nullptr, nullptr, 0, "/", nullptr)), "1 bad handle/host/ip/service");
+    EXPECT_EQ(error(atls_connect(handle, "h", nullptr, 0, nullptr, nullptr)), "1 bad handle/host/ip/service");
+    EXPECT_EQ(error(atls_connect(handle, "h", nullptr, 65536, "/", nullptr)), "1 bad port");
+    EXPECT_EQ(atls_connect(handle, std::string(512, 'h').c_str(), nullptr, 1, "/", nullptr),
+              ATLS_SETUP_FAILED);
+    EXPECT_EQ(atls_connect(handle, "", "127.0.0.1", 1, "/", nullptr), ATLS_INVALID_INPUT);
+    EXPECT_TRUE(link.handle->port == 0 && link.handle->hostname[0] == '\0');
+    EXPECT_EQ(link.exchange("x"), ATLS_INVALID_INPUT) << "not connected";
+
+    link.start();
+    ASSERT_EQ(link.connect() + link.exchange("first"), ATLS_OK);
+    interpose::reset();
+    EXPECT_EQ(error(atls_easy_perform(link.handle, nullptr, 1, "/", nullptr)), "1 bad msg/msg_len/service");
+    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 0, "/", &link.answer)), "1 bad msg/msg_len/service");
+    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 1, nullptr, &link.answer)),
+              "1 bad msg/msg_len/service");
+    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 1, "/", nullptr)), "1 bad atls_resp");
+    EXPECT_EQ(link.body(), "first") << "the earlier answer is still there";
+}
+
+// Sent and received flights go to numbered files; one that cannot be written keeps its number.
+TEST(Handshake, DumpsItsFlights)
+{
+    const auto file = [](const std::string &direction, int index) {
+        return "/tmp/atls_handshake_data_" + direction + "_" + std::to_string(index);
+    };
+    test::Link link(TLS1_2_VERSION);
+    std::vector<std::string> received;
+    link.tamper = [&](Reply &reply) { received.push_back(reply.body); };
+    link.start();
+    int next = 1;
+    while (access(file("sent", next).c_str(), F_OK) == 0)
+        next++;
+    ASSERT_EQ(mkdir(file("received", next).c_str(), 0700), 0);
+    ASSERT_EQ(link.connect(), ATLS_OK);
+    EXPECT_EQ(test::read_file(file("sent", next)).size(), link.posted[0]);
+    EXPECT_EQ(test::read_file(file("sent", next + 1)).size(), link.posted[1]);
+    EXPECT_TRUE(interpose::logged("save_received_handshake_data: Failed to open " + file("received", next) +
+                                  " for write, error:Is a directory(21)"));
+    rmdir(file("received", next).c_str());
+    atls_handle_cleanup(&link.handle);
+    ASSERT_EQ(link.connect(), ATLS_OK);
+    EXPECT_EQ(test::read_file(file("received", next)), received[2]);
+    EXPECT_EQ(test::read_file(file("received", next + 1)), received[3]);
+}
+
+// The Date header is looked at in each cycle until one of three files says that the clock has been set.
+TEST(Handshake, SetsTheClockUnlessItIsSet)
+{
+    test::Link link(TLS1_2_VERSION); // two cycles
+    link.tamper = [](Reply &reply) { set_header(reply, "Date", "Wed, 18 Nov 2037 10:20:30 GMT"); };
+    link.start();
+    const auto settings = [&](bool settable) {
+        interpose::reset(0, 0, settable);
+        EXPECT_EQ(link.connect(), ATLS_OK);
+        atls_handle_cleanup(&link.handle);
+        return interpose::kept().clock_settings.size();
+    };
+    EXPECT_EQ(settings(false), 2u);
+    EXPECT_EQ(settings(true), 1u) << "the marker is there in the second cycle";
+    for (const char *marker : {"/tmp/.stime-by-http", "/tmp/.stime-by-ntp", "/tmp/.stime-by-user"}) {
+        test::write_file(marker, "");
+        EXPECT_EQ(settings(true), 0u) << marker;
+        EXPECT_FALSE(interpose::logged("Looking up Date"));
+        unlink(marker);
+    }
+}
+
+} // namespace

@@ -1,0 +1,94 @@
+#!/usr/bin/env bash
+# The built library and programs, used from outside. usage: programs_test.sh SOURCE_DIR BUILD_DIR
+set -euo pipefail
+source=$1 build=$2
+work=$(mktemp -d)
+. "$source/scripts/service-functions"
+trap 'stop_service || true; rm -rf "$work"' EXIT
+unset https_proxy HTTPS_PROXY
+
+post() {
+    # shellcheck disable=SC2086
+    ${LAUNCHER:-} "$build/atls-post" "$@"
+}
+
+passed=0
+check() { # check WHAT EXPECTED ACTUAL
+    [ "$2" = "$3" ] || { printf 'FAILED: %s\nexpected: %s\nactual:   %s\n' "$1" "$2" "$3" >&2; exit 1; }
+    passed=$((passed + 1))
+}
+status_of() { # runs a command, prints its exit status; what it writes is in $work/out and $work/err
+    local status=0
+    "$@" >"$work/out" 2>"$work/err" </dev/null || status=$?
+    echo "$status"
+}
+
+# Exactly the documented symbols, each of them defined.
+listed() { sed -n '/global:/,/local:/s/^ *\([a-z_]*\);$/\1/p' "$1" | sort; }
+exported() { nm -D --defined-only "$1" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort; }
+check "symbols of libatls.so" "$(listed "$source/atls/libatls.map")" "$(exported "$build/libatls.so")"
+check "symbols of the platform" "$(listed "$source/platform/platform.map")" "$(exported "$build/libatls-platform.so")"
+check "soname" libatls.so.1 "$(objdump -p "$build/libatls.so" | awk '$1 == "SONAME" { print $2 }')"
+
+check "the README shows the example" "" "$(sed -n '/^```c$/,/^```$/{/^```/d;p}' "$source/README.md" | diff - "$source/examples/post.c")"
+
+# A device's own platform layer is used when it stands in the library path, its stime included. The right to set the
+# clock is given up first, in case it is not.
+check "replaced platform" "stime of the platform called: 1" \
+    "$(LD_LIBRARY_PATH=$build/tests/double setpriv --bounding-set=-sys_time --inh-caps=-sys_time \
+        "$build/tests/platform-caller" 2>"$work/err")"
+check "nothing said by the loader" "" "$(cat "$work/err")"
+
+"$source/scripts/make-identity" "$work"
+export ATLS_PLATFORM_DIR=$work/device
+start_service
+port=${service_url##*:}
+url=$service_url/atls
+
+check "a message" "0 hello " "$(status_of post "$url" hello) $(cat "$work/out" "$work/err") "
+check "from the standard input" piped "$(echo -n piped | post "$url")"
+head -c 300000 /dev/urandom >"$work/big"
+post -n 3 -o "$work/answer" "$url" "@$work/big"
+check "three answers" "$(cat "$work/big" "$work/big" "$work/big" | sha256sum)" "$(sha256sum <"$work/answer")"
+check "the header block" "TrackingID: t-1" \
+    "$(post -i --ip 127.0.0.1 --tracking-id t-1 "https://elsewhere.invalid:$port/" x | tr -d '\r' | grep Tr)"
+check "the example" hallo "$("$build/example-post" 127.0.0.1 "$port" /atls hallo 2>"$work/err")"
+check "the front end saw no message" "" "$(grep -lr -e hello -e hallo -e piped "$work/seen" || true)"
+check "the log" "atls-post: atls_connect: ATLS connection to 127.0.0.1 established" \
+    "$(status_of post --log notice "$url" x >"$work/status"; grep established "$work/err")"
+check "the trace" 1 "$(status_of post --trace "$url" x >"$work/status"; grep -c '< HTTP/1.1 200 OK' "$work/err" | sed 's/[2-9]/1/')"
+
+# Wrong usage: status 64 and one line; the library's own results otherwise.
+while IFS='|' read -r expected arguments; do
+    eval "set -- $arguments"
+    check "atls-post $arguments" "$expected 1" "$(status_of post "$@") $(wc -l <"$work/err")"
+done <<TABLE
+64|
+64|http://127.0.0.1/ x
+64|https:///path x
+64|https://user@host/ x
+64|https://host:80x/ x
+64|$url ''
+64|$url @/no/such/file
+64|$url @/
+64|--tracking-id $'a\\r\\nb' $url x
+64|-o /no/such/file $url x
+64|-n 0 $url x
+64|--log loud $url x
+64|--no-such-option $url x
+1|https://127.0.0.1:65536/ x
+3|https://127.0.0.1:1/ x
+TABLE
+echo kept >"$work/answer"
+check "a failed post keeps the file" "2 kept" \
+    "$(export ATLS_PLATFORM_DIR=/none; status_of post -o "$work/answer" "$url" x) $(cat "$work/answer")"
+check "an unwritten answer" 74 "$(status_of post -o /dev/full "$url" x)"
+mapfile -t certificates < <(service_certificates)
+check "a closed output" 74 "$(status=0; post "$url" x >&- 2>"$work/err" || status=$?; echo $status)"
+check "TLS versions" 64 "$(status_of "$build/atls-server" "${certificates[@]}" --min-tls 1.3 --max-tls 1.2)"
+check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$port")"
+check "a missing key" 69 "$(status_of "$build/atls-server" "${certificates[@]/service-key/no-key}")"
+status=0
+stop_service || status=$?
+check "the service ends" 0 "$status"
+echo "$passed passed, 0 failed"

@@ -1,0 +1,39 @@
+// Stands between the client and the libraries that it calls: keeps what it logs and which request options it
+// sets, makes chosen calls fail, and holds the clock. The functions in interpose.cpp take the place of the
+// real ones in the whole test program.
+#ifndef TESTS_INTERPOSE_H
+#define TESTS_INTERPOSE_H
+
+#include <ctime>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <curl/curl.h>
+
+namespace interpose
+{
+
+struct State {
+    std::vector<std::string> log; // rendered lines, each with its priority in front: "3 atls_connect: ..."
+    std::vector<std::pair<CURLoption, std::string>>
+        options;                        // set on request objects; number or text, "" for others
+    std::map<std::string, int> calls;   // of the functions that can be made to fail
+    std::map<std::string, int> failing; // which call of a function fails, counted like that
+    long timeout_ms = 0;         // what request objects get in place of the client's time-out; 0: the same
+    time_t now = 0;              // what time() says; 0: the real time
+    bool clock_settable = false; // whether stime() succeeds; it never sets the clock
+    std::vector<time_t> clock_settings; // what stime() was given
+};
+
+State kept(); // a copy of what is kept since reset()
+void reset(long timeout_ms = 0, time_t now = 0,
+           bool clock_settable = false);             // forgets it; puts these in force
+void fail(const std::string &function, int nth = 1); // makes the nth call from now (1: the next) fail
+std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
+bool logged(const std::string &text);
+
+} // namespace interpose
+
+#endif

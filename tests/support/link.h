@@ -1,0 +1,82 @@
+// A device with a throwaway identity, a reference service that runs in the test program, and peers between
+// them.
+#ifndef TESTS_LINK_H
+#define TESTS_LINK_H
+
+#include "atls_internals.h"
+#include "atls_service.h"
+#include "interpose.h"
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include <gtest/gtest.h>
+
+namespace test
+{
+
+// A temporary folder.
+struct Folder {
+    Folder();
+    ~Folder() { std::filesystem::remove_all(root); }
+    std::string path(const std::string &name) const { return root + "/" + name; }
+    std::string root = "/tmp/atls-test-XXXXXX";
+};
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &bytes);
+void run(const std::string &command); // in the shell; throws when it fails
+std::string pattern(size_t length);
+std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
+
+// A handle, and a copy of the identity that the platform layer reads while the object lives.
+struct Device {
+    Device();
+    ~Device() { free_atls_handle(handle); }
+    Folder folder;
+    atls_handle *handle = create_atls_handle();
+};
+
+// A device and the service that it talks to.
+struct Link : Device {
+    explicit Link(int max_tls = TLS1_3_VERSION); // highest version of the inner TLS
+    ~Link();
+    void start() { service = std::make_unique<atls_service::AtlsService>(options); }
+    int connect() { return atls_connect(&handle, "127.0.0.1", nullptr, service->port(), "/atls", "track"); }
+    int exchange(const std::string &message);
+    std::string body() const { return {answer.body, answer.body_len}; }
+    bool service_logged(const std::string &text);
+
+    atls_service::Options options;
+    std::function<void(atls_service::Reply &)> tamper; // changes what the service sends back
+    size_t reply = 0;                                  // length of its answers; 0: it echoes
+    std::vector<size_t> posted;                        // lengths of the bodies that it received
+    atls_resp answer = {};
+    std::unique_ptr<atls_service::AtlsService> service;
+
+private:
+    std::mutex mutex_;
+    std::string log_;
+};
+
+// A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.
+struct Listener {
+    Listener();
+    ~Listener() { close(); }
+    void close(); // the port is dead from now on
+    int fd;
+    int port;
+};
+
+// A program that runs until the object goes; its port answers when the constructor returns.
+struct Daemon {
+    Daemon(const std::string &command, int port);
+    ~Daemon();
+    int pid;
+};
+
+} // namespace test
+
+#endif
