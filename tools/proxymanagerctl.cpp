@@ -1,6 +1,7 @@
 // proxymanagerctl: the proxy manager client's C API from the shell.
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
