@@ -35,7 +35,10 @@ inline std::optional<int> parse(CLI::App &app, int argc, char **argv)
     } catch (const CLI::Success &help) {
         return app.exit(help);
     } catch (const CLI::ParseError &error) {
-        std::cerr << app.get_name() << ": " << error.what() << std::endl;
+        const auto extras = app.remaining(true);
+        const bool unknown_command = error.get_name() == "RequiredError" && !extras.empty();
+        std::cerr << app.get_name() << ": "
+                  << (unknown_command ? "no such command: " + extras.front() : error.what()) << std::endl;
         return EXIT_USAGE;
     }
 }

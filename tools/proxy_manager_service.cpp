@@ -35,6 +35,7 @@ using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 
 constexpr size_t MOST_EVALUATIONS = 16; // at the same time; further ones wait for their turn
+constexpr size_t LONGEST_LINE = 1000;
 constexpr auto FAREWELL_LIMIT = std::chrono::seconds(1);
 
 constexpr char HIDDEN_INTERFACES[] = R"(  <interface name="com.halvo.ProxyManagerServiceDebug">
@@ -559,10 +560,11 @@ void ProxyManagerService::Impl::emit(const char *member, const Values &...values
     send(with(made(dbus_message_new_signal(OBJECT_PATH, INTERFACE, member)), values...));
 }
 
+// Callers and scripts have a part in the text.
 void ProxyManagerService::Impl::log(const std::string &line) const
 {
     if (options_.log)
-        options_.log(proxy_text::on_one_line(line)); // callers and scripts have a part in it
+        options_.log(proxy_text::on_one_line(line.substr(0, LONGEST_LINE)));
 }
 
 ProxyManagerService::ProxyManagerService(Options options) : impl_(std::make_unique<Impl>(std::move(options)))

@@ -375,7 +375,8 @@ using Command = std::function<int()>;
 
 void add_set_commands(CLI::App &app, Settings &settings, Command &command)
 {
-    auto *set = app.add_subcommand("set", "Replace the configuration");
+    auto *set =
+        app.add_subcommand("set", "Replace the configuration: off, manual, pac or wpad; see set --help");
     set->require_subcommand(1);
     set->add_subcommand("off", "Use no proxy")->callback([&] {
         command = [] { return set_configuration(configuration_of_mode(PROXY_MODE_OFF)); };
