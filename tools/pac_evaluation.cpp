@@ -109,7 +109,9 @@ std::string evaluate(const std::string &source, const std::string &url)
     const auto parts = proxy_text::split_url(url);
     const std::string script = load_script(source);
     pacparser_set_error_printer(note_engine_message);
-    const bool ready = pacparser_init() && pacparser_parse_pac_string(script.c_str());
+    // Browsers have alert() for scripts, the engine has not.
+    const bool ready = pacparser_init() && pacparser_parse_pac_string("function alert() {}") &&
+                       pacparser_parse_pac_string(script.c_str());
     const char *answer =
         ready ? pacparser_find_proxy(quoted(parts.without_user).c_str(), quoted(parts.host).c_str())
               : nullptr;

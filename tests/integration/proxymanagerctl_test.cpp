@@ -165,12 +165,11 @@ TEST(ProxyManagerCtl, MonitorPrintsEachEventUntilItIsInterrupted)
     for (const int signal : {SIGINT, SIGTERM}) {
         Program monitor({PROXYMANAGERCTL, "monitor"}, bus.address());
         ASSERT_TRUE(monitor.wait_for_error("waiting for events")) << monitor.err();
-        BusClient client(bus.address());
-        client.call("com.halvo.ProxyManagerServiceDebug.emitStateEvent", {7});
+        ask(bus, "com.halvo.ProxyManagerServiceDebug.emitStateEvent", {"7"});
         ASSERT_TRUE(monitor.wait_for("state 7\n"));
-        client.call("updateProxyconfig", {"manual", "p:1", "", false, "", "secret"});
+        ask(bus, "updateProxyconfig", {"manual", "p:1", "", "false", "", "secret"});
         ASSERT_TRUE(monitor.wait_for("configuration manual p:1\n")) << "the library absorbs the first change";
-        client.call("updateProxyconfig", {"wpad", "", "", false, "", ""});
+        ask(bus, "updateProxyconfig", {"wpad", "", "", "false", "", ""});
         ASSERT_TRUE(monitor.wait_for("configuration wpad\n"));
         EXPECT_EQ(monitor.end(signal), 0);
         EXPECT_EQ(monitor.out(), "state 7\nconfiguration manual p:1\nconfiguration wpad\n");

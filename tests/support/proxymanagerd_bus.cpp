@@ -1,14 +1,13 @@
-// The private bus, its programs and its client.
+// The private bus and its programs.
 
 #include "proxymanagerd_bus.h"
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -31,7 +30,9 @@ constexpr char SYSTEM_POLICY[] = R"(<policy context="default"><allow user="*"/>
   <allow send_requested_reply="true" send_type="error"/>
   <allow receive_type="method_call"/><allow receive_type="method_return"/>
   <allow receive_type="error"/><allow receive_type="signal"/>
-  <allow send_destination="org.freedesktop.DBus" send_interface="org.freedesktop.DBus"/></policy>)";
+  <allow send_destination="org.freedesktop.DBus"/></policy>)";
+
+constexpr uid_t NOBODY = 65534;
 
 constexpr char OPEN_POLICY[] =
     R"(<policy context="default"><allow own="*"/><allow send_type="method_call"/></policy>)";
@@ -55,59 +56,6 @@ std::string configuration(const std::string &address, const std::string &policy_
            "type><listen>" +
            address + "</listen><auth>EXTERNAL</auth>" + SYSTEM_POLICY +
            (policy_file.empty() ? OPEN_POLICY : "<include>" + policy_file + "</include>") + "</busconfig>";
-}
-
-std::string value_text(DBusMessageIter &reader)
-{
-    const int type = dbus_message_iter_get_arg_type(&reader);
-    DBusBasicValue value;
-    if (dbus_type_is_basic(type))
-        dbus_message_iter_get_basic(&reader, &value);
-    switch (type) {
-    case DBUS_TYPE_STRING:
-        return value.str;
-    case DBUS_TYPE_INT32:
-        return std::to_string(value.i32);
-    case DBUS_TYPE_BOOLEAN:
-        return value.bool_val ? "true" : "false";
-    case DBUS_TYPE_ARRAY:
-    case DBUS_TYPE_STRUCT:
-        break;
-    default:
-        return "?";
-    }
-    std::string text;
-    DBusMessageIter inner;
-    dbus_message_iter_recurse(&reader, &inner);
-    for (; dbus_message_iter_get_arg_type(&inner) != DBUS_TYPE_INVALID; dbus_message_iter_next(&inner))
-        text += (text.empty() ? "" : ", ") + value_text(inner);
-    return '[' + text + ']';
-}
-
-std::string message_text(DBusMessage *message)
-{
-    std::string text = dbus_message_get_signature(message);
-    if (const char *error = dbus_message_get_error_name(message))
-        text = "error " + std::string(error) + ':';
-    DBusMessageIter reader;
-    dbus_message_iter_init(message, &reader);
-    for (; dbus_message_iter_get_arg_type(&reader) != DBUS_TYPE_INVALID; dbus_message_iter_next(&reader))
-        text += ' ' + value_text(reader);
-    return text;
-}
-
-void append(DBusMessageIter &writer, const BusClient::Argument &argument)
-{
-    if (const auto *text = std::get_if<std::string>(&argument)) {
-        const char *value = text->c_str();
-        dbus_message_iter_append_basic(&writer, DBUS_TYPE_STRING, &value);
-    } else if (const auto *flag = std::get_if<bool>(&argument)) {
-        const dbus_bool_t value = *flag;
-        dbus_message_iter_append_basic(&writer, DBUS_TYPE_BOOLEAN, &value);
-    } else {
-        const dbus_int32_t value = std::get<int>(argument);
-        dbus_message_iter_append_basic(&writer, DBUS_TYPE_INT32, &value);
-    }
 }
 
 } // namespace
@@ -216,68 +164,30 @@ std::string contents(const std::string &path)
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-BusClient::BusClient(const std::string &address)
-    : connection_(dbus_connection_open_private(address.c_str(), nullptr))
+std::string ask(const PrivateBus &bus, const std::string &member, std::vector<std::string> arguments)
 {
-    if (!connection_ || !dbus_bus_register(connection_, nullptr))
-        throw std::runtime_error("no connection to " + address);
-    dbus_connection_set_exit_on_disconnect(connection_, FALSE);
-    dbus_bus_add_match(connection_, ("type='signal',interface='" + std::string(INTERFACE) + "'").c_str(),
-                       nullptr);
-    dbus_connection_flush(connection_);
+    const std::string method = member.find('.') == std::string::npos ? INTERFACE + ('.' + member) : member;
+    arguments.insert(arguments.begin(),
+                     {"gdbus", "call", "--system", "-d", SERVICE, "-o", OBJECT, "-m", method});
+    Program gdbus(std::move(arguments), bus.address());
+    const std::string text = gdbus.end() == 0 ? gdbus.out() : gdbus.err();
+    return text.substr(0, text.find_last_not_of('\n') + 1);
 }
 
-BusClient::~BusClient()
+SignalMonitor::SignalMonitor(const PrivateBus &bus, bool privileged)
+    : monitor_({"setpriv", "--clear-groups", "--reuid", std::to_string(privileged ? geteuid() : NOBODY),
+                "dbus-monitor", "--system", "type='signal',interface='" + std::string(INTERFACE) + "'"},
+               bus.address())
 {
-    dbus_connection_close(connection_);
-    dbus_connection_unref(connection_);
+    privileged ? monitor_.wait_for("member=NameLost")
+               : monitor_.wait_for_error("Falling back to eavesdropping");
 }
 
-DBusPendingCall *BusClient::start(const std::string &member, const Arguments &arguments)
+std::string SignalMonitor::until(const std::string &line)
 {
-    const size_t dot = member.rfind('.');
-    const std::string interface = dot == std::string::npos ? INTERFACE : member.substr(0, dot);
-    DBusMessage *message =
-        dbus_message_new_method_call(SERVICE, OBJECT, interface.c_str(), member.substr(dot + 1).c_str());
-    DBusMessageIter writer;
-    dbus_message_iter_init_append(message, &writer);
-    for (const auto &argument : arguments)
-        append(writer, argument);
-    DBusPendingCall *pending = nullptr;
-    dbus_connection_send_with_reply(connection_, message, &pending, PATIENCE_MS);
-    dbus_connection_flush(connection_);
-    dbus_message_unref(message);
-    return pending;
-}
-
-std::string BusClient::finish(DBusPendingCall *pending)
-{
-    dbus_pending_call_block(pending);
-    DBusMessage *answer = dbus_pending_call_steal_reply(pending);
-    const std::string text = message_text(answer);
-    dbus_message_unref(answer);
-    dbus_pending_call_unref(pending);
-    return text;
-}
-
-std::string BusClient::call(const std::string &member, const Arguments &arguments)
-{
-    return finish(start(member, arguments));
-}
-
-std::string BusClient::next_signal()
-{
-    using Clock = std::chrono::steady_clock;
-    const auto deadline = Clock::now() + std::chrono::milliseconds(PATIENCE_MS);
-    std::string text;
-    while (text.empty() && Clock::now() < deadline) {
-        DBusMessage *message = dbus_connection_pop_message(connection_);
-        if (!message && !dbus_connection_read_write(connection_, 100))
-            break;
-        if (message && dbus_message_has_interface(message, INTERFACE))
-            text = dbus_message_get_member(message) + (' ' + message_text(message));
-        if (message)
-            dbus_message_unref(message);
-    }
-    return text;
+    if (!monitor_.wait_for(line + '\n'))
+        return "no " + line;
+    std::string signals = std::regex_replace(monitor_.out(), std::regex("signal[^\n]*member="), "");
+    signals = std::regex_replace(signals, std::regex("\n +"), " ");
+    return std::regex_replace(signals, std::regex("Name(Acquired|Lost)[^\n]*\n"), "");
 }

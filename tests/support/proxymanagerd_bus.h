@@ -1,13 +1,10 @@
-// A private message bus, programs that run on it, and a plain libdbus client that writes down what it gets.
+// A private message bus and the programs that run on it.
 #ifndef PROXYMANAGERD_BUS_H
 #define PROXYMANAGERD_BUS_H
 
 #include <memory>
 #include <string>
-#include <variant>
 #include <vector>
-
-#include <dbus/dbus.h>
 
 #include "descriptor.h"
 
@@ -63,30 +60,22 @@ private:
 
 std::string contents(const std::string &path);
 
-// A connection to the bus. Messages are written as their signature and values: "i 2", "as [off]", "error
-// NAME: TEXT".
-class BusClient
+// Calls "interface.member", or a member of the service's own interface, with gdbus: the answer as it writes
+// it, or the error.
+std::string ask(const PrivateBus &bus, const std::string &member, std::vector<std::string> arguments = {});
+
+// Listens to the service's signals with dbus-monitor. Root also sees what the bus then denies to everybody;
+// without privileges it is a receiver like any other.
+class SignalMonitor
 {
 public:
-    using Argument = std::variant<std::string, bool, int>;
-    using Arguments = std::vector<Argument>;
-
-    // Also receives the signals of the service's interface.
-    explicit BusClient(const std::string &address);
-    ~BusClient();
-    BusClient(const BusClient &) = delete;
-    BusClient &operator=(const BusClient &) = delete;
-
-    // "interface.member", or a member of the service's interface. Returns the answer.
-    std::string call(const std::string &member, const Arguments &arguments = {});
-    // The two halves of a call.
-    DBusPendingCall *start(const std::string &member, const Arguments &arguments = {});
-    static std::string finish(DBusPendingCall *pending);
-    // The next signal, with its member in front; empty when none comes.
-    std::string next_signal();
+    explicit SignalMonitor(const PrivateBus &bus, bool privileged = true);
+    // Waits for an output line and returns the signals so far, a line for each: member, then types and
+    // values.
+    std::string until(const std::string &line);
 
 private:
-    DBusConnection *connection_;
+    Program monitor_;
 };
 
 #endif
