@@ -26,8 +26,8 @@ namespace proxy_manager_service
 namespace
 {
 
-constexpr size_t LARGEST_SCRIPT = 1024 * 1024;
-constexpr size_t LARGEST_ANSWER = 64 * 1024;
+constexpr size_t LARGEST_SCRIPT = size_t{1024} * 1024;
+constexpr size_t LARGEST_ANSWER = size_t{64} * 1024;
 // The first byte that a child sends tells what follows.
 constexpr char ANSWER = 'A';
 constexpr char FAILURE = 'F';
@@ -64,7 +64,7 @@ std::string read_script(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     std::string script(LARGEST_SCRIPT + 1, '\0');
-    if (!file || (!file.read(&script[0], static_cast<std::streamsize>(script.size())) && !file.eof()))
+    if (!file || (!file.read(script.data(), static_cast<std::streamsize>(script.size())) && !file.eof()))
         throw std::runtime_error("cannot read " + path + ": " + strerror(errno));
     script.resize(static_cast<size_t>(file.gcount()));
     return script;
@@ -191,7 +191,7 @@ std::string PacEvaluation::answer() const
     return received_.substr(1);
 }
 
-std::vector<std::string> pac_entries(const std::string &answer, std::vector<std::string> &dropped)
+std::vector<std::string> pac_entries(const std::string &answer, std::string &dropped)
 {
     std::vector<std::string> entries;
     std::istringstream parts(answer);
@@ -205,7 +205,7 @@ std::vector<std::string> pac_entries(const std::string &answer, std::vector<std:
         else if (strcasecmp(kind.c_str(), "DIRECT") == 0 && proxy.empty())
             entries.emplace_back("DIRECT");
         else if (!kind.empty())
-            dropped.push_back(part);
+            dropped += part + ';';
     }
     return entries;
 }

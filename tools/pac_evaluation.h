@@ -39,8 +39,8 @@ private:
 };
 
 // Divides a PAC answer into entries of the forms "PROXY HOST:PORT" and "DIRECT". Others, such as SOCKS
-// proxies, are not usable for clients and go to dropped.
-std::vector<std::string> pac_entries(const std::string &answer, std::vector<std::string> &dropped);
+// proxies, are not usable for clients and are added to dropped.
+std::vector<std::string> pac_entries(const std::string &answer, std::string &dropped);
 
 } // namespace proxy_manager_service
 

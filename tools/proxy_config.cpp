@@ -22,7 +22,7 @@ namespace
 
 constexpr size_t LONGEST_URL = 4095;
 constexpr size_t LONGEST_CREDENTIAL = 1023;
-constexpr size_t LARGEST_STATE = 64 * 1024;
+constexpr size_t LARGEST_STATE = size_t{64} * 1024;
 
 StateError file_error(const std::string &what, const std::string &path)
 {
@@ -164,9 +164,10 @@ void store_state(const std::string &path, const Config &config)
         throw file_error("write", path);
     if (!write_all(file.get(), state_text(config)) || fsync(file.get()) != 0 ||
         rename(temporary.c_str(), path.c_str()) != 0) {
-        const StateError error = file_error("write", path);
+        const int reason = errno;
         unlink(temporary.c_str());
-        throw error;
+        errno = reason;
+        throw file_error("write", path);
     }
     sync_directory_of(path);
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <iterator>
 #include <list>
@@ -173,6 +174,15 @@ Value next_value(DBusMessageIter &reader)
     return value;
 }
 
+// For poll(): rounded up, -1 for never.
+int milliseconds_until(Clock::time_point time)
+{
+    if (time == Clock::time_point::max())
+        return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - Clock::now()).count();
+    return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
+}
+
 // Nothing of it but the proxy and the script's URL goes to the log; check() allows no user information in
 // these.
 std::string described(const Config &config)
@@ -274,9 +284,9 @@ ProxyManagerService::Impl::Impl(Options options)
     require(dbus_connection_register_object_path(connection_.get(), OBJECT_PATH, &TABLE, this));
     load_configuration();
     acquire_name(connection_.get());
+    // A file that cannot be written shows now, not at the first change.
     if (!options_.state_file.empty())
-        store_state(options_.state_file,
-                    config_); // a file that cannot be written shows now, not at the first change
+        store_state(options_.state_file, config_);
     emit("ProxyMgrStateEvent", dbus_int32_t{STATE_STARTED});
     thread_ = std::thread(&Impl::run, this);
 }
@@ -339,13 +349,7 @@ void ProxyManagerService::Impl::wait()
         watched.push_back({question.evaluation->descriptor(), POLLIN, 0});
         soonest = std::min(soonest, question.deadline);
     }
-    int timeout = -1;
-    if (soonest != Clock::time_point::max()) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(soonest - Clock::now()).count();
-        timeout = static_cast<int>(std::max<decltype(left)>(left + 1, 0));
-    }
-    poll(watched.data(), watched.size(), timeout);
+    poll(watched.data(), watched.size(), milliseconds_until(soonest));
     if (watched[1].revents)
         dbus_connection_read_write(bus, 0);
 }
@@ -508,7 +512,7 @@ Strings ProxyManagerService::Impl::script_answer(const Question &question, bool 
 {
     const std::string host = proxy_text::split_url(question.url).host;
     Strings entries;
-    Strings dropped;
+    std::string dropped;
     try {
         if (!ended)
             throw std::runtime_error("no answer in time");
@@ -516,8 +520,8 @@ Strings ProxyManagerService::Impl::script_answer(const Question &question, bool 
     } catch (const std::runtime_error &error) {
         log("the script has failed for the host " + host + ": " + error.what());
     }
-    for (const auto &entry : dropped)
-        log("the script's answer for the host " + host + " has an entry that is not usable: " + entry);
+    if (!dropped.empty())
+        log("not usable in the script's answer for the host " + host + ": " + dropped);
     if (entries.empty())
         entries.emplace_back("DIRECT");
     return entries;

@@ -126,7 +126,8 @@ int show_configuration(bool as_json)
     return 0;
 }
 
-// Switches the echo of a terminal off; does nothing to a file or pipe.
+// Switches the echo of a terminal off, and its signals, which would leave it so; does nothing to a file or
+// pipe.
 class EchoOff
 {
 public:
@@ -135,7 +136,7 @@ public:
         if (!is_terminal_)
             return;
         termios silent = saved_;
-        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ISIG);
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
         std::cerr << "password: " << std::flush;
     }

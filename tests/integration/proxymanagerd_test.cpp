@@ -134,8 +134,8 @@ TEST_F(ProxyManager, AsksThePacScript)
     options_.script_limit = std::chrono::milliseconds(100);
     serve();
     EXPECT_EQ(ask(bus_, "getProxyurl", {"http://endless/"}), "(['pacurl', 'DIRECT'],)");
-    for (const auto *reason : {"not usable: SOCKS s:1", "no http://throws/", "endless: no answer in time",
-                               "cannot read ", "bad.pac: "})
+    for (const auto *reason : {"the host unusable: SOCKS s:1;", "no http://throws/",
+                               "endless: no answer in time", "cannot read ", "bad.pac: "})
         EXPECT_TRUE(logged(reason)) << reason;
     EXPECT_FALSE(logged("secret"));
 }
