@@ -18,13 +18,17 @@ endfunction()
 add_proxy_test(proxy-unit-tests unit/proxy_unit_test.cpp)
 target_link_libraries(proxy-unit-tests PRIVATE proxymanager-objects)
 
-# A plain C program that links the library; see the file for what it does.
+# Plain C programs; the second does not link the library.
 add_executable(proxy-program integration/proxy_program.c)
-target_link_libraries(proxy-program PRIVATE atls ${CMAKE_DL_LIBS})
+target_link_libraries(proxy-program PRIVATE atls)
+add_executable(proxy-unload integration/proxy_unload.c)
+target_include_directories(proxy-unload PRIVATE ${PROJECT_SOURCE_DIR}/include)
+target_link_libraries(proxy-unload PRIVATE ${CMAKE_DL_LIBS})
 
 add_proxy_test(proxy-integration-tests integration/proxy_client_test.cpp integration/proxy_faults_test.cpp
                                        integration/proxy_life_test.cpp)
 target_link_libraries(proxy-integration-tests PRIVATE atls)
 target_compile_definitions(proxy-integration-tests PRIVATE PROXY_PROGRAM="$<TARGET_FILE:proxy-program>"
+                                                           PROXY_UNLOAD="$<TARGET_FILE:proxy-unload>"
                                                            LIBRARY="$<TARGET_FILE:atls>")
-add_dependencies(proxy-integration-tests proxy-program)
+add_dependencies(proxy-integration-tests proxy-program proxy-unload)

@@ -4,19 +4,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <ctime>
 #include <future>
 
 #include <dlfcn.h>
-#include <sys/resource.h>
 #include <sys/time.h>
-#include <time.h>
 
 namespace
 {
 
 using Clock = std::chrono::steady_clock;
 std::atomic<bool> wallClockJumped{false};
-constexpr time_t DECADES = 20 * 365 * 86400;
+constexpr time_t DECADES = time_t{20} * 365 * 86400;
 
 double secondsSince(Clock::time_point start)
 {
@@ -31,15 +30,9 @@ std::string dbusError(const std::string &method, const std::string &text)
 // Processor time that the whole process uses within a while.
 double idleCost()
 {
-    const auto used = [] {
-        rusage usage;
-        getrusage(RUSAGE_SELF, &usage);
-        return usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
-               1e-6 * (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-    };
-    const double before = used();
+    const std::clock_t before = std::clock();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return used() - before;
+    return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
 }
 
 } // namespace
@@ -70,9 +63,9 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
         const std::string reason = bad == &huge ? "text too long" : "text is not valid UTF-8";
         for (int field = 0; field < 4; field++) {
             proxy_log::record();
-            ProxyManagerConfig config = {1, &good[0], &good[0], false, &good[0], &good[0]};
+            ProxyManagerConfig config = {1, good.data(), good.data(), false, good.data(), good.data()};
             char **const fields[] = {&config.proxyUrl, &config.pacUrl, &config.userName, &config.password};
-            *fields[field] = &(*bad)[0];
+            *fields[field] = bad->data();
             EXPECT_EQ(update_proxy_config(config), -1) << field;
             EXPECT_TRUE(proxy_log::contains(dbusError("updateProxyConfig", reason))) << field;
         }
