@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <ctime>
 #include <future>
 
 #include <dlfcn.h>
-#include <sys/resource.h>
 #include <sys/time.h>
-#include <time.h>
 
 namespace
 {
@@ -31,15 +30,9 @@ std::string dbusError(const std::string &method, const std::string &text)
 // Processor time that the whole process uses within a while.
 double idleCost()
 {
-    const auto used = [] {
-        rusage usage;
-        getrusage(RUSAGE_SELF, &usage);
-        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-               1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
-    };
-    const double before = used();
+    const std::clock_t before = std::clock();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return used() - before;
+    return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
 }
 
 } // namespace

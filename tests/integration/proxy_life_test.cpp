@@ -1,20 +1,14 @@
-// Life and death of the client: cycles, many threads, process ends, kept connections, the exported symbols.
+// Life and death of the client: cycles, many threads, process ends, kept connections.
 
 #include "proxy_fixture.h"
 
 #include <dbus-c++/dbus.h>
 
-#include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <set>
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <spawn.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -40,51 +34,20 @@ size_t countIn(const char *folder)
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// Starts the test program with no descriptor of this one's.
-pid_t start(const std::vector<const char *> &arguments)
+// Runs the test program with no descriptor of this one's.
+void expectToEndWell(const char *what, const char *program = PROXY_PROGRAM)
 {
     const pid_t child = fork();
     if (child == 0) {
         for (int descriptor = 3; descriptor < 1024; descriptor++)
             fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        std::vector<char *> list = {const_cast<char *>(PROXY_PROGRAM)};
-        for (const char *argument : arguments)
-            list.push_back(const_cast<char *>(argument));
-        list.push_back(nullptr);
-        execv(PROXY_PROGRAM, list.data());
+        execl(program, program, what, LIBRARY, nullptr);
         _exit(127);
     }
-    return child;
-}
-
-void expectToEndWell(const std::vector<const char *> &arguments)
-{
     int status = -1;
-    waitpid(start(arguments), &status, 0);
-    EXPECT_EQ(status, 0) << arguments[0];
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0) << what;
 }
-
-// A service that never stops sending events.
-class BusyService : public ScriptedService
-{
-public:
-    BusyService()
-    {
-        thread_ = std::thread([this] {
-            while (!stop_)
-                emit("ProxyMgrStateEvent", {int32_t{9}});
-        });
-    }
-    ~BusyService()
-    {
-        stop_ = true;
-        thread_.join();
-    }
-
-private:
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
 
 } // namespace
 
@@ -203,12 +166,19 @@ TEST_F(ProxyTest, AProgramMayBringItsOwnConnection)
 
 TEST_F(ProxyTest, ProcessesEndWell)
 {
-    BusyService service;
+    ScriptedService service;
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+        while (!stop)
+            service.emit("ProxyMgrStateEvent", {int32_t{9}});
+    });
     for (int i = 0; i < 25; i++) {
-        expectToEndWell({"exit"});
-        expectToEndWell({"exit-in-callback"});
+        expectToEndWell("exit");
+        expectToEndWell("exit-in-callback");
     }
-    for (const char *what : {"fork", "fork-early", "descriptors"})
-        expectToEndWell({what});
-    expectToEndWell({"unload", LIBRARY});
+    expectToEndWell("fork");
+    expectToEndWell("descriptors");
+    expectToEndWell("unload", PROXY_UNLOAD);
+    stop = true;
+    sender.join();
 }

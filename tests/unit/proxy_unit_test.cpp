@@ -172,7 +172,7 @@ TEST(ProxyCache, LogsEachStepInOrder)
 TEST(ProxyCache, AgreesWithASimpleModel)
 {
     proxy_log::record(false);
-    std::mt19937 random(20240229); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same test each time
+    std::mt19937 random(20240229); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same sequence each time
     std::vector<int> released, expected;
     Cache cache(50, keepValue, &released);
     Model model;
