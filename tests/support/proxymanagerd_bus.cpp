@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
+#include <sstream>
 #include <stdexcept>
 
 #include <fcntl.h>
@@ -187,7 +187,19 @@ std::string SignalMonitor::until(const std::string &line)
 {
     if (!monitor_.wait_for(line + '\n'))
         return "no " + line;
-    std::string signals = std::regex_replace(monitor_.out(), std::regex("signal[^\n]*member="), "");
-    signals = std::regex_replace(signals, std::regex("\n +"), " ");
-    return std::regex_replace(signals, std::regex("Name(Acquired|Lost)[^\n]*\n"), "");
+    // A signal is a line that names its member, and lines with a blank in front that give its arguments.
+    std::istringstream lines(monitor_.out());
+    std::string signals;
+    bool of_the_bus = false;
+    for (std::string text; std::getline(lines, text);) {
+        if (text[0] != ' ') {
+            text.erase(0, text.find("member=") + 7);
+            of_the_bus = text.rfind("Name", 0) == 0;
+            signals += of_the_bus || signals.empty() ? "" : "\n";
+        } else {
+            text.replace(0, text.find_first_not_of(' '), " ");
+        }
+        signals += of_the_bus ? "" : text;
+    }
+    return signals + "\n";
 }
