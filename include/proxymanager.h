@@ -109,7 +109,8 @@ typedef struct ProxySetting {
  * thread, which has all signals blocked. Calling it again is cheap and changes nothing.
  *
  * Returns 1 when a client exists on return, also when its dispatch thread could not be started (calls then
- * work, events do not come); 0 when the bus cannot be reached or the service does not answer.
+ * work, events do not come); 0 when the bus cannot be reached or the service does not answer. A bus that takes
+ * the connection but never greets it holds the call until it does.
  */
 int create_proxy_manager_client(void);
 
