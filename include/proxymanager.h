@@ -21,8 +21,8 @@
  *   - callbacks run on the dispatch thread with locks of the client held and must not call any function of
  *     this interface but the record functions. Hand such work to another thread;
  *   - no thread may call this interface while it holds a lock that a callback wants: the call would wait for
- * the callback, and the callback for the lock, until the time limit. A C++ callback should not throw; what it
- * throws is logged and goes no further.
+ *     the callback, and the callback for the lock, until the time limit.
+ * A C++ callback should not throw; what it throws is logged and goes no further.
  *
  * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
  * one call, counts as a failed call: it is logged, and the function returns its neutral result.
@@ -201,8 +201,7 @@ void cleanupProxyUrlInfo(ProxyUrlInformation *info);
 /* Releases the value of a setting and clears it. May be repeated. */
 void cleanupProxySetting(ProxySetting *setting);
 
-/* Mode of a text, in any case: "off", "manual", "pacurl", "wpad". Any other text is mode off. text: not NULL.
- */
+/* Mode of a text (not NULL), in any case: "off", "manual", "pacurl", "wpad". Any other text is mode off. */
 int str2ProxyMode(const char *text);
 
 /* Text of a mode, a constant; "off", with a log line, when there is no such mode. */
