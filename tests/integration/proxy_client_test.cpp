@@ -16,10 +16,10 @@ char *writable(const char *text)
 Lines resolutionLog(const char *url)
 {
     const std::string name = "ProxyManagerClientImpl-getProxyUrl ";
-    proxy_log::record();
+    log_capture::record();
     get_proxy_url(url);
     Lines lines;
-    for (const std::string &line : proxy_log::lines()) {
+    for (const std::string &line : log_capture::lines()) {
         if (line.find(name) == 4)
             lines.push_back(line.substr(0, 4) + line.substr(4 + name.size()));
     }
@@ -62,9 +62,9 @@ TEST_F(ProxyTest, CreatesOnceAndLogsEachStep)
           "<5> cleanup_without_conn pProxyMgrClient already null"}},
     };
     for (const auto &each : steps) {
-        proxy_log::record();
+        log_capture::record();
         EXPECT_EQ(each.step(), each.result);
-        Lines lines = proxy_log::lines();
+        Lines lines = log_capture::lines();
         // The thread logs its start at its own time.
         lines.erase(std::remove(lines.begin(), lines.end(), "<5> dbusLoopFunc dbus loop start"), lines.end());
         EXPECT_EQ(lines, each.lines);
@@ -77,18 +77,19 @@ TEST_F(ProxyTest, WithoutServiceThereIsNoClient)
     const std::string reason =
         "The name com.halvo.ProxyManagerService was not provided by any .service files";
     EXPECT_TRUE(
-        proxy_log::contains("<3> ProxyManagerClientImpl-getProxyConfig DBus Error occured: " + reason));
-    EXPECT_TRUE(proxy_log::contains("<3> create_proxy_manager_client error: pDBus Error occured: " + reason));
-    proxy_log::record();
+        log_capture::contains("<3> ProxyManagerClientImpl-getProxyConfig DBus Error occured: " + reason));
+    EXPECT_TRUE(
+        log_capture::contains("<3> create_proxy_manager_client error: pDBus Error occured: " + reason));
+    log_capture::record();
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "0");
-    EXPECT_EQ(proxy_log::lines(), Lines{});
+    EXPECT_EQ(log_capture::lines(), Lines{});
     EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), -1);
     EXPECT_EQ(configText(), "0 n NULL NULL NULL NULL");
     EXPECT_FALSE(check_service_started());
     set_proxy_manager_event_cb(1, Events::callback);
     for (const char *name : {"update_proxy_config", "get_http_proxy_config", "check_service_started",
                              "set_proxy_manager_event_cb"})
-        EXPECT_TRUE(proxy_log::contains(std::string("<3> ") + name + " proxy manager client is null"))
+        EXPECT_TRUE(log_capture::contains(std::string("<3> ") + name + " proxy manager client is null"))
             << name;
     ScriptedService service;
     EXPECT_EQ(create_proxy_manager_client(), 1);
@@ -142,7 +143,7 @@ TEST_F(RunningClient, SendsConfigurations)
         EXPECT_EQ(update_proxy_config(config), 42);
         EXPECT_EQ(service->lastArguments(), sent);
     }
-    for (const std::string &line : proxy_log::lines())
+    for (const std::string &line : log_capture::lines())
         EXPECT_EQ(line.find("secret"), std::string::npos) << line;
     const int calls = service->calls("updateProxyconfig");
     for (const char *tooShort : {"http:/", "https:/"})
@@ -191,7 +192,7 @@ TEST_F(RunningClient, KeepsTheAnswersOfTheServicePerHost)
 
     service->answer("getProxyurl", {Texts{"pacurl", "DIRECT"}});
     emit("notifyClearcache", {});
-    EXPECT_TRUE(proxy_log::contains("<6> ProxyManagerClientImpl-clearCacheCallBack called "));
+    EXPECT_TRUE(log_capture::contains("<6> ProxyManagerClientImpl-clearCacheCallBack called "));
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 DIRECT");
     for (int i = 0; i < 50; i++)
         get_proxy_url(("http://host" + std::to_string(i)).c_str());

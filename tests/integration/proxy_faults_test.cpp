@@ -62,16 +62,16 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
     for (std::string *bad : {&latin1, &huge}) {
         const std::string reason = bad == &huge ? "text too long" : "text is not valid UTF-8";
         for (int field = 0; field < 4; field++) {
-            proxy_log::record();
+            log_capture::record();
             ProxyManagerConfig config = {1, good.data(), good.data(), false, good.data(), good.data()};
             char **const fields[] = {&config.proxyUrl, &config.pacUrl, &config.userName, &config.password};
             *fields[field] = bad->data();
             EXPECT_EQ(update_proxy_config(config), -1) << field;
-            EXPECT_TRUE(proxy_log::contains(dbusError("updateProxyConfig", reason))) << field;
+            EXPECT_TRUE(log_capture::contains(dbusError("updateProxyConfig", reason))) << field;
         }
         const std::string url = "http://host" + std::to_string(bad->size()) + "/" + *bad;
         EXPECT_EQ(toText(get_proxy_url(url.c_str())), "0");
-        EXPECT_TRUE(proxy_log::contains(dbusError("getProxyUrl", reason)));
+        EXPECT_TRUE(log_capture::contains(dbusError("getProxyUrl", reason)));
     }
     EXPECT_EQ(service->calls("updateProxyconfig") + service->calls("getProxyurl"), 0);
     EXPECT_EQ(toText(get_proxy_url("http://caf\xc3\xa9/")), USUAL_ANSWER);
@@ -109,7 +109,7 @@ TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
         return dbus_message_new_error(call, "com.halvo.Error", "no luck");
     });
     EXPECT_FALSE(check_service_started());
-    EXPECT_TRUE(proxy_log::contains("<3> check_service_started DBus Error occured: no luck"));
+    EXPECT_TRUE(log_capture::contains("<3> check_service_started DBus Error occured: no luck"));
     cleanup_proxy_manager_client();
     EXPECT_EQ(create_proxy_manager_client(), 0);
 }
@@ -125,14 +125,14 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
         {"ProxyMgrStateEvent", {"1"}},
         {"ProxyMgrStateEvent", {true}}};
     for (const auto &[member, arguments] : bad) {
-        proxy_log::record();
+        log_capture::record();
         emit(member, arguments);
-        EXPECT_TRUE(proxy_log::contains(prefix + member + " signal dropped: type mismatch"));
+        EXPECT_TRUE(log_capture::contains(prefix + member + " signal dropped: type mismatch"));
     }
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
     emit("unknownSignal", {int32_t{1}});
     emit("notifyClearcache", {"further"});
-    EXPECT_TRUE(proxy_log::contains("<6> ProxyManagerClientImpl-notifyClearcache called "));
+    EXPECT_TRUE(log_capture::contains("<6> ProxyManagerClientImpl-notifyClearcache called "));
 
     set_proxy_manager_event_cb(5, [](ProxyMgrEventType) { throw std::runtime_error("oops"); });
     set_proxy_manager_event_cb(6, [](ProxyMgrEventType) { throw 1; });
@@ -142,8 +142,8 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
     for (int32_t type : {5, 6, 7})
         emit("ProxyMgrStateEvent", {type, "further"});
     const std::string thrown = prefix + "ProxyMgrStateEvent the callback of event type:";
-    EXPECT_TRUE(proxy_log::contains(thrown + "5 has thrown: oops"));
-    EXPECT_TRUE(proxy_log::contains(thrown + "6 has thrown: unknown error"));
+    EXPECT_TRUE(log_capture::contains(thrown + "5 has thrown: oops"));
+    EXPECT_TRUE(log_capture::contains(thrown + "6 has thrown: unknown error"));
     EXPECT_EQ(Events::take(1), std::vector<int>{0});
 }
 
@@ -244,7 +244,7 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
     service->answerHeld({Texts{"pacurl", "DIRECT"}}); // too late for both
     EXPECT_TRUE(check_service_started());
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "0");
-    const Lines lines = proxy_log::lines();
+    const Lines lines = log_capture::lines();
     EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                             [](const std::string &line) {
                                 return line.find(dbusError("getProxyUrl", "Did not receive a reply.")) == 0;

@@ -53,7 +53,7 @@ void expectToEndWell(const char *what, const char *program = PROXY_PROGRAM)
 
 TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
 {
-    proxy_log::record(false);
+    log_capture::record(false);
     ScriptedService service;
     size_t descriptors = 0, threads = 0, names = 0;
     int file = -1;

@@ -2,15 +2,16 @@
 
 #include "interpose.h"
 
+#include "log_capture.h"
+
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
+#include <cstring>
 #include <mutex>
 
 #include <dlfcn.h>
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
-#include <syslog.h>
 
 #undef curl_easy_setopt
 #ifdef __clang__
@@ -63,7 +64,8 @@ State kept()
 
 void reset(long timeout_ms, time_t now, bool clock_settable)
 {
-    with_state([&](auto &state) { state = {{}, {}, {}, {}, timeout_ms, now, clock_settable, {}}; });
+    log_capture::record();
+    with_state([&](auto &state) { state = {{}, {}, {}, timeout_ms, now, clock_settable, {}}; });
 }
 
 void fail(const std::string &function, int nth)
@@ -74,15 +76,15 @@ void fail(const std::string &function, int nth)
 std::string log_of(int priority)
 {
     std::string text;
-    for (const std::string &line : kept().log)
-        if (line[0] == '0' + priority)
-            text += (text.empty() ? "" : "\n") + line.substr(2);
+    for (const std::string &line : log_capture::lines())
+        if (line[1] == '0' + priority)
+            text += (text.empty() ? "" : "\n") + line.substr(strlen("<3> "));
     return text;
 }
 
 bool logged(const std::string &text)
 {
-    for (const std::string &line : kept().log)
+    for (const std::string &line : log_capture::lines())
         if (line.find(text) != std::string::npos)
             return true;
     return false;
@@ -91,18 +93,6 @@ bool logged(const std::string &text)
 } // namespace interpose
 
 extern "C" {
-
-void syslog(int priority, const char *format, ...)
-{
-    va_list arguments;
-    va_start(arguments, format);
-    char *text = nullptr;
-    const int length = vasprintf(&text, format, arguments);
-    va_end(arguments);
-    if (length >= 0)
-        with_state([&](auto &state) { state.log.push_back(std::to_string(priority) + " " + text); });
-    free(text);
-}
 
 // Every option that the client sets takes one word, a number or a pointer.
 CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)

@@ -16,7 +16,6 @@ namespace interpose
 {
 
 struct State {
-    std::vector<std::string> log; // rendered lines, each with its priority in front: "3 atls_connect: ..."
     std::vector<std::pair<CURLoption, std::string>>
         options;                        // set on request objects; number or text, "" for others
     std::map<std::string, int> calls;   // of the functions that can be made to fail

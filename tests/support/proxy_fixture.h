@@ -2,8 +2,8 @@
 #ifndef TESTS_PROXY_FIXTURE_H
 #define TESTS_PROXY_FIXTURE_H
 
+#include "log_capture.h"
 #include "proxy_bus.h"
-#include "proxy_log.h"
 #include "proxymanager.h"
 
 #include <chrono>
@@ -42,7 +42,7 @@ private:
 class ProxyTest : public testing::Test
 {
 protected:
-    ProxyTest() { proxy_log::record(); }
+    ProxyTest() { log_capture::record(); }
     ~ProxyTest() override
     {
         cleanup_proxy_manager_client();

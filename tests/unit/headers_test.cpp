@@ -1,6 +1,7 @@
 // Response capture and the readers of response headers.
 
 #include "link.h"
+#include "log_capture.h"
 
 #include <cstring>
 
@@ -156,13 +157,13 @@ TEST_F(Clock, MovesForwardOnlyAndLeavesAMarker)
         const bool set = behind > 0;
         EXPECT_EQ(interpose::kept().clock_settings, std::vector<time_t>(set ? 1 : 0, READ_AS_LOCAL));
         EXPECT_EQ(test::read_file(MARKER), set ? "synced: tm_zone=XYZ ctime=Wed Nov 18 10:20:30 2026\n" : "");
-        EXPECT_EQ(interpose::kept().log.size(), set ? 2u : 1u);
+        EXPECT_EQ(log_capture::lines().size(), set ? 2u : 1u);
     }
     std::filesystem::remove(MARKER);
     interpose::reset(0, 1000, false); // the platform refuses
     atls_set_date_by_http_header(DATE);
     EXPECT_FALSE(std::filesystem::exists(MARKER));
-    EXPECT_EQ(interpose::kept().log.size(), 1u);
+    EXPECT_EQ(log_capture::lines().size(), 1u);
 }
 
 TEST_F(Clock, IgnoresWhatIsNoDate)
@@ -179,7 +180,7 @@ TEST_F(Clock, IgnoresWhatIsNoDate)
         interpose::reset(0, READ_AS_LOCAL - 1, true);
         atls_set_date_by_http_header(header.c_str());
         EXPECT_TRUE(interpose::kept().clock_settings.empty()) << header;
-        EXPECT_EQ(interpose::kept().log.back().substr(2),
+        EXPECT_EQ(log_capture::lines().back().substr(4),
                   std::string("atls_set_date_by_http_header: ") + last);
     }
 }

@@ -1,8 +1,8 @@
 // The record functions, the key of the cache, and the cache against a simple model.
 
 #include "common.h"
+#include "log_capture.h"
 #include "lruproxyurlcache.h"
-#include "proxy_log.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -98,7 +98,7 @@ TEST(Records, ModesAndTexts)
                                                   {"", 0},    {"direct", 0}, {"wpad ", 0}};
     for (const auto &[text, mode] : modes)
         EXPECT_EQ(str2ProxyMode(text), mode) << text;
-    proxy_log::record();
+    log_capture::record();
     EXPECT_STREQ(proxyMode2Str(3), "wpad");
     EXPECT_STREQ(proxyMode2Str(7), "off");
     EXPECT_STREQ(proxyMode2Str(-1), "off");
@@ -106,7 +106,7 @@ TEST(Records, ModesAndTexts)
     EXPECT_EQ(textOrNull(string2Char("abc", 0)), "NULL");
     EXPECT_EQ(textOrNull(string2Char(nullptr, 5)), "NULL");
     EXPECT_EQ(
-        proxy_log::lines(),
+        log_capture::lines(),
         (Lines{"<6> proxyMode2Str: str mode:wpad", "<3> proxyMode2Str: mode:7 is invalid",
                "<3> proxyMode2Str: mode:-1 is invalid", "<6> string2Char: input is null, or length:0 <= 0",
                "<6> string2Char: input is null, or length:5 <= 0"}));
@@ -121,10 +121,10 @@ TEST(Records, AreCopiedDeeplyAndReleasedOnce)
     cloneProxyConfig(&source, &copy);
     EXPECT_STREQ(copy.proxyUrl, "p:1");
     EXPECT_TRUE(copy.proxyUrl != source.proxyUrl && !copy.pacUrl && !copy.userName && !copy.password);
-    proxy_log::record();
+    log_capture::record();
     cloneProxyConfig(nullptr, &copy);
     cloneProxyConfig(&source, nullptr);
-    EXPECT_EQ(proxy_log::lines(), Lines(2, "<3> cloneProxyConfig srcConfig or destConfig is null"));
+    EXPECT_EQ(log_capture::lines(), Lines(2, "<3> cloneProxyConfig srcConfig or destConfig is null"));
 
     ProxyUrlInformation info;
     initProxyUrlInfo(&info, 2, 0);
@@ -161,9 +161,9 @@ TEST(ProxyCache, LogsEachStepInOrder)
         {[&] { cache.clearCache(); }, {"<6> clearCache called "}},
     };
     for (const auto &[action, lines] : steps) {
-        proxy_log::record();
+        log_capture::record();
         action();
-        EXPECT_EQ(proxy_log::lines(), lines);
+        EXPECT_EQ(log_capture::lines(), lines);
     }
     EXPECT_EQ(value, 2);
     EXPECT_EQ(released, (std::vector<int>{3, 2, 4}));
@@ -171,7 +171,7 @@ TEST(ProxyCache, LogsEachStepInOrder)
 
 TEST(ProxyCache, AgreesWithASimpleModel)
 {
-    proxy_log::record(false);
+    log_capture::record(false);
     std::mt19937 random(20240229); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same sequence each time
     std::vector<int> released, expected;
     Cache cache(50, keepValue, &released);

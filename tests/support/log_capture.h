@@ -1,0 +1,18 @@
+// Takes the place of syslog(3) in the whole test program and keeps what is logged.
+#ifndef TESTS_LOG_CAPTURE_H
+#define TESTS_LOG_CAPTURE_H
+
+#include <string>
+#include <vector>
+
+namespace log_capture
+{
+
+// Forgets the lines kept so far; from now on they are kept as "<priority> text", or not.
+void record(bool on = true);
+std::vector<std::string> lines();
+bool contains(const std::string &line); // the whole line, with its priority
+
+} // namespace log_capture
+
+#endif
