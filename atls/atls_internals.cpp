@@ -1,8 +1,10 @@
-// The steps of an ATLS connection: clean-up and logging, the transport, the inner TLS engine with the device
-// identity, response capture and response headers, the handshake, and the POST with proxy fail-over.
+// The steps of an ATLS connection: clean-up and logging, the transport, the choice of its proxy, the inner TLS
+// engine with the device identity, response capture and response headers, the handshake, and the POST with
+// proxy fail-over.
 
 #include "atls_internals.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +18,9 @@
 #include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
+
+#include "fips.h"
+#include "proxymanager.h"
 
 #include "safec.h"
 
@@ -103,6 +108,110 @@ void release_proxy_list(atls_handle *handle)
     handle->proxyUrlList = nullptr;
     handle->proxyUrlCount = 0;
 }
+
+// ---- Proxy selection
+
+namespace
+{
+
+constexpr const char *SELECTION = "setProxyParams"; // the name that its steps log under
+constexpr size_t PROXY_ENTRY_SIZE = 256;
+constexpr const char *PROXY_KEYWORD = "PROXY";
+constexpr size_t PROXY_PREFIX_LENGTH = 6; // the keyword and the blank after it
+
+// Copies an entry of an answer without its keyword. The copy is NULL when nothing stands behind the keyword;
+// false means that there is no memory.
+bool copy_proxy_entry(const char *entry, char **copy)
+{
+    *copy = nullptr;
+    if (strstr(entry, PROXY_KEYWORD)) {
+        if (strlen(entry) <= PROXY_PREFIX_LENGTH)
+            return true;
+        entry += PROXY_PREFIX_LENGTH;
+    }
+    const size_t size = strlen(entry) + 1;
+    *copy = static_cast<char *>(malloc(std::max(size, PROXY_ENTRY_SIZE)));
+    if (*copy)
+        memcpy(*copy, entry, size);
+    return *copy != nullptr;
+}
+
+// Gives the handle copies of the answer's entries; without memory it has no list afterwards.
+bool keep_proxy_list(atls_handle *handle, const ProxyUrlInformation &answer)
+{
+    handle->proxyUrlList =
+        static_cast<char **>(calloc(static_cast<size_t>(answer.proxyUrlCount), sizeof(char *)));
+    bool kept = handle->proxyUrlList != nullptr;
+    for (int i = 0; kept && i < handle->proxyUrlCount; i++) {
+        const char *entry = answer.proxyUrlList[i];
+        if (!entry)
+            continue;
+        syslog(LOG_DEBUG, "%s ProxyUrlList[%d] = %s\n", SELECTION, i, entry);
+        kept = copy_proxy_entry(entry, &handle->proxyUrlList[i]);
+    }
+    if (!kept) {
+        syslog(LOG_ERR, "%s: Failed to allocate memory for the proxy list\n", SELECTION);
+        release_proxy_list(handle);
+    }
+    return kept;
+}
+
+// Every way to prove one's identity to a proxy that libcurl has, but for Digest where FIPS rules it out.
+long proxy_auth_mask()
+{
+    const unsigned long digest = CURLAUTH_DIGEST | CURLAUTH_DIGEST_IE;
+    return static_cast<long>(is_fips_mode_on() ? ~digest : CURLAUTH_ANY);
+}
+
+void apply_manual_proxy(CURL *curl, const ProxyUrlInformation &answer)
+{
+    (void)curl_easy_setopt(curl, CURLOPT_PROXY, answer.proxyUrlList[0]);
+    if (!answer.userName)
+        return;
+    (void)curl_easy_setopt(curl, CURLOPT_PROXYAUTH, proxy_auth_mask());
+    (void)curl_easy_setopt(curl, CURLOPT_PROXYUSERNAME, answer.userName);
+    (void)curl_easy_setopt(curl, CURLOPT_PROXYPASSWORD, answer.password);
+}
+
+void apply_first_proxy(CURL *curl, const char *proxy)
+{
+    if (proxy && !strstr(proxy, "DIRECT")) {
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, proxy);
+    } else {
+        syslog(LOG_NOTICE, "%s Direct connect without http proxy\n", SELECTION);
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, nullptr);
+    }
+}
+
+// Asks the proxy manager which proxies serve the URL, tells the request object of the first and keeps the
+// list in the handle. Whatever goes wrong, the connection is then set up with what has been chosen so far.
+void select_proxies(atls_handle *handle, CURL *curl, const char *url)
+{
+    syslog(LOG_NOTICE, "enter %s pRequestUrl:%s\n", SELECTION, url);
+    if (!create_proxy_manager_client()) {
+        syslog(LOG_ERR, "%s: create_proxy_manager_client fail!\n", SELECTION);
+        return;
+    }
+    // The strings of the answer are the client's: this thread may read them until it asks again.
+    const ProxyUrlInformation answer = get_proxy_url(url);
+    if (answer.mode == PROXY_MODE_OFF) {
+        syslog(LOG_NOTICE, "%s Exit since http proxy mode is off\n", SELECTION);
+        return;
+    }
+    handle->proxyUrlCount = answer.proxyUrlCount;
+    if (answer.proxyUrlCount == 0) {
+        syslog(LOG_ERR, "%s Fail to found any available proxy url\n", SELECTION);
+        return;
+    }
+    if (!keep_proxy_list(handle, answer))
+        return;
+    if (answer.mode == PROXY_MODE_MANUAL)
+        apply_manual_proxy(curl, answer);
+    else if (answer.mode == PROXY_MODE_PACURL || answer.mode == PROXY_MODE_WPAD)
+        apply_first_proxy(curl, handle->proxyUrlList[0]);
+}
+
+} // namespace
 
 // ---- Transport
 
@@ -223,6 +332,7 @@ int init_tl_curl(atls_handle **handle, const char *service, const char *tracking
                    .result();
         if (code == CURLE_OK) {
             set_http_version_and_proxy_headers(curl);
+            select_proxies(connection, curl, url);
             connection->curl = curl;
             connection->header_opts = header_opts;
             syslog(LOG_NOTICE, "%s: Transport layer initialized!", __func__);

@@ -87,7 +87,11 @@ atls_handle *create_atls_handle(void);
  * service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023 characters
  * tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
  *
- * The texts are copied. The proxy, if any, is chosen here and kept for the life of the connection.
+ * The texts are copied. The proxies for the URL are asked of the device's proxy manager (proxymanager.h), whose
+ * client is made if the process has none yet and stays until cleanup_proxy_manager_client; without one, or
+ * with the proxy mode off, the connection is made as the environment variable https_proxy says, or directly.
+ * A post that cannot get through (proxy not found, no connection, 30 seconds passed) is tried again through the
+ * next proxy; the one that got through stays in use. Not to be called from a callback of the proxy manager client.
  *
  * Returns ATLS_OK, or
  *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;

@@ -4,6 +4,7 @@
 
 #include "log_capture.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -11,6 +12,8 @@
 
 #include <dlfcn.h>
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
 #include <openssl/ssl.h>
 
 #undef curl_easy_setopt
@@ -31,6 +34,8 @@ Shared &shared()
     static Shared *const object = new Shared; // outlives static objects that still log
     return *object;
 }
+
+std::atomic<bool> fips_mode{false};
 
 // Runs a step on the kept state, under its lock.
 template <typename Step>
@@ -73,6 +78,11 @@ void fail(const std::string &function, int nth)
     with_state([&](auto &state) { state.failing[function] = state.calls[function] + nth; });
 }
 
+void set_fips(bool on)
+{
+    fips_mode = on;
+}
+
 std::string log_of(int priority)
 {
     std::string text;
@@ -105,7 +115,8 @@ CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
         std::string text;
         if (option < CURLOPTTYPE_OBJECTPOINT)
             text = std::to_string(reinterpret_cast<long>(value));
-        else if (option == CURLOPT_URL || option == CURLOPT_PROXY)
+        else if (option == CURLOPT_URL || option == CURLOPT_PROXY || option == CURLOPT_PROXYUSERNAME ||
+                 option == CURLOPT_PROXYPASSWORD)
             text = value ? static_cast<const char *>(value) : "NULL";
         state.options.emplace_back(option, text);
         if (option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0)
@@ -141,6 +152,15 @@ BIO *BIO_new(const BIO_METHOD *method)
 SSL *SSL_new(SSL_CTX *ctx)
 {
     return fails("SSL_new") ? nullptr : call_next<SSL *>("SSL_new", ctx);
+}
+
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
+int EVP_default_properties_is_fips_enabled(OSSL_LIB_CTX *)
+#else
+int FIPS_mode(void)
+#endif
+{
+    return fips_mode;
 }
 
 // Of the client's objects alone, by the linker's option --wrap, and for the blocks of answers only.

@@ -29,6 +29,7 @@ struct State {
 State kept(); // a copy of what is kept since reset()
 void reset(long timeout_ms = 0, time_t now = 0,
            bool clock_settable = false);             // forgets it; puts these in force
+void set_fips(bool on);                              // what the question for the FIPS mode is answered
 void fail(const std::string &function, int nth = 1); // makes the nth call from now (1: the next) fail
 std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
 bool logged(const std::string &text);
