@@ -9,10 +9,12 @@
  *                        -> free_atls_handle
  *
  * Threads: a handle, and a response record, belong to one thread at a time; different handles may be used on
- * different threads at once, the first use included. No function takes a lock while it waits for the network.
+ * different threads at once, the first use included. No function takes a lock while it waits for the network; the
+ * first atls_connect of a process makes the proxy manager client, and others wait for that.
  *
  * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
- * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried.
+ * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried. A proxy
+ * manager that does not answer holds atls_connect up for about 25 seconds a question.
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
  * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the
@@ -87,11 +89,12 @@ atls_handle *create_atls_handle(void);
  * service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023 characters
  * tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
  *
- * The texts are copied. The proxies for the URL are asked of the device's proxy manager (proxymanager.h), whose
- * client is made if the process has none yet and stays until cleanup_proxy_manager_client; without one, or
- * with the proxy mode off, the connection is made as the environment variable https_proxy says, or directly.
- * A post that cannot get through (proxy not found, no connection, 30 seconds passed) is tried again through the
- * next proxy; the one that got through stays in use. Not to be called from a callback of the proxy manager client.
+ * The texts are copied. The proxies for the URL are asked of the device's proxy manager (proxymanager.h),
+ * whose client is made if the process has none; it stays until cleanup_proxy_manager_client. Without a proxy
+ * manager, or with the proxy mode off, the connection is made as libcurl does by itself: directly, or as the
+ * environment variable https_proxy says. A post that cannot get through (proxy not found, no connection, 30
+ * seconds passed) is tried again through the next proxy of the list, and the one that got through stays in
+ * use. Not to be called from a callback of the proxy manager client.
  *
  * Returns ATLS_OK, or
  *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;
