@@ -9,8 +9,9 @@
  *                        -> free_atls_handle
  *
  * Threads: a handle, and a response record, belong to one thread at a time; different handles may be used on
- * different threads at once, the first use included. No function takes a lock while it waits for the network; the
- * first atls_connect of a process makes the proxy manager client, and others wait for that.
+ * different threads at once, the first use included. No function takes a lock while it waits for the network;
+ * the first atls_connect of a process makes the proxy manager client, and others wait for that. None may be
+ * under way while cleanup_proxy_manager_client runs.
  *
  * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
  * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried. A proxy
