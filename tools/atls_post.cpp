@@ -16,10 +16,12 @@
 
 #include "atls.h"
 #include "cli.h"
+#include "explanation.h"
 
 namespace
 {
 
+constexpr const char *NAME = "atls-post";
 constexpr int EXIT_OUTPUT = 74;
 
 struct Settings {
@@ -32,6 +34,7 @@ struct Settings {
     int log_level = -1;
     bool with_header = false;
     bool trace = false;
+    bool explain = false;
 };
 
 struct Address {
@@ -58,12 +61,17 @@ void add_options(CLI::App &app, Settings &settings)
         app, settings.log_level,
         "Show the library's log up to this level: error, notice, info, debug (debug shows answers)");
     app.add_flag("--trace", settings.trace, "Show the trace of the HTTPS layer");
-    app.footer("Log and trace go to the standard error.\n"
+    app.add_flag(
+        "--explain", settings.explain,
+        "Tell afterwards which proxies were offered and which one carried the message, of the session, "
+        "bytes and times; --log then shows at least notices");
+    app.footer("Log, trace and explanation go to the standard error.\n"
                "Exit status: 0, or the library's result (1 to 7), 64 wrong usage, 74 answer not written.\n"
                "Examples:\n"
                "  atls-post https://service.example/atls 'hello'\n"
                "  atls-post -o answer.bin https://service.example:8443/atls @message.bin\n"
-               "  date | atls-post --log notice https://service.example/atls");
+               "  date | atls-post --log notice https://service.example/atls\n"
+               "  atls-post --explain https://service.example/atls 'hello'");
 }
 
 bool has_control_character(const std::string &text)
@@ -223,12 +231,14 @@ int report_failure(const char *doing, const Settings &settings, int result)
 }
 
 int exchange(atls_handle *handle, const Settings &settings, const std::string &path,
-             const std::string &message, Output &output)
+             const std::string &message, Output &output, Explanation &explanation)
 {
     atls_resp answer = {};
     const int result =
         atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), path.c_str(), &answer);
     int status = result;
+    if (result == ATLS_OK)
+        explanation.exchanged(*handle, answer, message.size());
     if (result != ATLS_OK) {
         report_failure("posting to", settings, result);
     } else if (!output.write(answer, settings.with_header)) {
@@ -246,18 +256,27 @@ int exchange(atls_handle *handle, const Settings &settings, const std::string &p
 }
 
 int post(atls_handle *handle, const Settings &settings, const Address &address, const std::string &message,
-         Output &output)
+         Output &output, Explanation &explanation)
 {
     const bool by_ip = !settings.ip.empty();
     const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
     int status =
         atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
                      address.port, address.path.c_str(), tracking_id);
+    if (settings.explain)
+        explanation.connected(*handle);
     if (status != ATLS_OK)
         return report_failure("connecting to", settings, status);
     for (int i = 0; i < settings.count && status == ATLS_OK; i++)
-        status = exchange(handle, settings, address.path, message, output);
+        status = exchange(handle, settings, address.path, message, output, explanation);
     return status;
+}
+
+// The URL that the connection is set up with, which is the one that the proxies are asked for.
+std::string connection_url(const Settings &settings, const Address &address)
+{
+    return "https://" + (settings.ip.empty() ? address.host : settings.ip) + ":" +
+           std::to_string(address.port) + address.path;
 }
 
 int run(const CLI::App &app, const Settings &settings)
@@ -267,13 +286,20 @@ int run(const CLI::App &app, const Settings &settings)
         throw cli::UsageError("blanks and control characters are not allowed in --tracking-id and --ip");
     const std::string message = read_message(app, settings);
     Output output(settings.output);
-    cli::set_up_log("atls-post", settings.log_level);
+    const int level = settings.explain ? std::max(settings.log_level, LOG_NOTICE) : settings.log_level;
+    cli::set_up_log(NAME, level, settings.explain);
+    std::optional<LogReader> log;
+    if (settings.explain)
+        log.emplace(NAME + ('[' + std::to_string(getpid()) + "]: "), settings.log_level >= 0);
     const TraceHidden hidden(!settings.trace);
-    atls_handle *handle = create_atls_handle();
+    const std::unique_ptr<atls_handle, decltype(&free_atls_handle)> handle(create_atls_handle(),
+                                                                           free_atls_handle);
     if (!handle)
         throw std::bad_alloc();
-    const int status = post(handle, settings, address, message, output);
-    free_atls_handle(handle);
+    Explanation explanation(connection_url(settings, address));
+    const int status = post(handle.get(), settings, address, message, output, explanation);
+    if (log)
+        explanation.write(std::cerr, log->finish());
     return status;
 }
 
@@ -281,8 +307,8 @@ int run(const CLI::App &app, const Settings &settings)
 
 int main(int argc, char **argv)
 {
-    return cli::guarded("atls-post", [&] {
-        CLI::App app("Posts a message to an ATLS service and prints the answer.", "atls-post");
+    return cli::guarded(NAME, [&] {
+        CLI::App app("Posts a message to an ATLS service and prints the answer.", NAME);
         Settings settings;
         add_options(app, settings);
         if (const auto status = cli::parse(app, argc, argv))

@@ -4,7 +4,7 @@ set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
 . "$source/scripts/service-functions"
-trap 'stop_service || true; rm -rf "$work"' EXIT
+trap 'stop_all; rm -rf "$work"' EXIT
 unset https_proxy HTTPS_PROXY
 
 post() {
@@ -89,6 +89,6 @@ check "TLS versions" 64 "$(status_of "$build/atls-server" "${certificates[@]}" -
 check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$port")"
 check "a missing key" 69 "$(status_of "$build/atls-server" "${certificates[@]/service-key/no-key}")"
 status=0
-stop_service || status=$?
+stop service || status=$?
 check "the service ends" 0 "$status"
 echo "$passed passed, 0 failed"

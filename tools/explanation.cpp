@@ -1,0 +1,258 @@
+// The way of a message, put together from log lines, proxy list and handle.
+
+#include "explanation.h"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <iomanip>
+#include <stdexcept>
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <openssl/ssl.h>
+
+#include "proxymanager.h"
+
+namespace
+{
+
+using Lines = std::vector<LogReader::Line>;
+
+bool contains(const LogReader::Line &line, const char *text)
+{
+    return line.text.find(text) != std::string::npos;
+}
+
+// What stands behind a text in a line; false when it is not there.
+bool read_behind(const LogReader::Line &line, const std::string &text, std::string &rest)
+{
+    const size_t at = line.text.find(text);
+    if (at != std::string::npos)
+        rest = line.text.substr(at + text.size());
+    return at != std::string::npos;
+}
+
+std::string proxy_of(const std::string &entry)
+{
+    if (entry.find("DIRECT") != std::string::npos)
+        return "DIRECT";
+    return entry.rfind("PROXY ", 0) == 0 ? entry.substr(strlen("PROXY ")) : entry;
+}
+
+// Which posts were attempted through what.
+struct Route {
+    struct Failure {
+        std::string proxy;
+        int code;
+        Clock::duration time;
+    };
+    std::vector<Failure> failures;
+    std::string carrier; // of the last attempt
+    bool failed = false; // the last attempt, too
+};
+
+Route follow(const Lines &log, const std::string &first)
+{
+    Route route{{}, first};
+    Clock::time_point last;
+    for (const LogReader::Line &line : log) {
+        std::string rest;
+        if (read_behind(line, ": curl_rc:", rest))
+            route.failures.push_back({route.carrier, atoi(rest.c_str()), line.time - last});
+        else if (read_behind(line, " connect with http proxy:", rest))
+            route.carrier = rest;
+        else if (contains(line, "Direct connect without http proxy"))
+            route.carrier = "DIRECT";
+        else if (contains(line, ": Failed to preform post"))
+            route.failed = true;
+        last = line.time;
+    }
+    return route;
+}
+
+const char *why_no_proxy(const Lines &log)
+{
+    static constexpr std::array<std::pair<const char *, const char *>, 3> REASONS = {{
+        {"create_proxy_manager_client fail!", "none: the proxy manager cannot be reached"},
+        {"Exit since http proxy mode is off", "none: the proxy mode is off, or there was no answer"},
+        {"Fail to found any available proxy url", "none: the proxy manager knows of none"},
+    }};
+    for (const LogReader::Line &line : log)
+        for (const auto &[text, reason] : REASONS)
+            if (contains(line, text))
+                return reason;
+    return "not asked for";
+}
+
+// Without a choice libcurl looks there.
+bool environment_names_proxy()
+{
+    for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+        if (const char *value = getenv(name))
+            return *value != '\0';
+    return false;
+}
+
+std::string cookie_names(const curl_slist *headers)
+{
+    std::string names;
+    for (; headers; headers = headers->next) {
+        if (strncmp(headers->data, "Cookie: ", strlen("Cookie: ")) != 0)
+            continue;
+        bool in_name = true;
+        for (const char *c = headers->data + strlen("Cookie: "); *c; c++) {
+            in_name = *c == ';' || (in_name && *c != '=');
+            if (in_name)
+                names += *c == ';' ? ',' : *c;
+        }
+    }
+    return names;
+}
+
+std::ostream &label(std::ostream &out, const char *name)
+{
+    return out << "  " << std::left << std::setw(16) << name;
+}
+
+std::ostream &operator<<(std::ostream &out, Clock::duration time)
+{
+    return out << std::fixed << std::setprecision(3) << std::chrono::duration<double>(time).count() << " s";
+}
+
+size_t size_info(void *curl, CURLINFO info)
+{
+    curl_off_t size = 0;
+    curl_easy_getinfo(curl, info, &size);
+    return static_cast<size_t>(size);
+}
+
+} // namespace
+
+// ---- The log
+
+LogReader::LogReader(std::string mark, bool show) : mark_(std::move(mark)), show_(show)
+{
+    int ends[2];
+    standard_error_ = Descriptor(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!standard_error_ || pipe2(ends, O_CLOEXEC) != 0)
+        throw std::runtime_error("no descriptor for --explain");
+    reading_ = Descriptor(ends[0]);
+    const Descriptor writing(ends[1]);
+    dup2(writing.get(), STDERR_FILENO);
+    thread_ = std::thread([this] { read_all(); });
+}
+
+const Lines &LogReader::finish()
+{
+    if (thread_.joinable()) {
+        dup2(standard_error_.get(), STDERR_FILENO); // closes the last writing end
+        thread_.join();
+    }
+    return lines_;
+}
+
+void LogReader::read_all()
+{
+    std::string text;
+    char part[4096];
+    for (ssize_t count; (count = read(reading_.get(), part, sizeof part)) > 0;) {
+        text.append(part, static_cast<size_t>(count));
+        for (size_t end; (end = text.find('\n')) != std::string::npos; text.erase(0, end + 1))
+            take(text.substr(0, end + 1));
+    }
+    take(text);
+}
+
+void LogReader::take(const std::string &line)
+{
+    const bool of_log = line.rfind(mark_, 0) == 0;
+    if (of_log)
+        lines_.push_back({Clock::now(), line.substr(mark_.size(), line.find('\n') - mark_.size())});
+    // A terminal that is gone is no reason to stop.
+    if ((!of_log || show_) && write(standard_error_.get(), line.data(), line.size()) < 0)
+        return;
+}
+
+// ---- The explanation
+
+void Explanation::connected(const atls_handle &handle)
+{
+    connected_ = end_ = Clock::now();
+    // The client has just asked: this is the cached answer.
+    const ProxyUrlInformation answer = get_proxy_url(url_.c_str());
+    for (int i = 0; i < answer.proxyUrlCount; i++)
+        if (answer.proxyUrlList[i])
+            offered_.emplace_back(answer.proxyUrlList[i]);
+    if (!handle.ssl)
+        return;
+    session_ = SSL_get_version(handle.ssl) + std::string(", ") + SSL_get_cipher_name(handle.ssl);
+}
+
+void Explanation::exchanged(const atls_handle &handle, const atls_resp &answer, size_t message_length)
+{
+    end_ = Clock::now();
+    messages_++;
+    sent_ += message_length;
+    posted_ += size_info(handle.curl, CURLINFO_SIZE_UPLOAD_T);
+    answered_ += answer.body_len;
+    received_ += answer.header_len + size_info(handle.curl, CURLINFO_SIZE_DOWNLOAD_T);
+    status_ = answer.status_code;
+    tracking_id_ = answer.tracking_id ? answer.tracking_id : "";
+    cookies_ = cookie_names(handle.header_opts);
+    const char *address = nullptr;
+    long port = 0;
+    curl_easy_getinfo(handle.curl, CURLINFO_PRIMARY_IP, &address);
+    curl_easy_getinfo(handle.curl, CURLINFO_PRIMARY_PORT, &port);
+    peer_ = (address ? address : "") + std::string(" port ") + std::to_string(port);
+}
+
+void Explanation::write(std::ostream &out, const Lines &log) const
+{
+    out << "atls-post: " << url_ << '\n';
+    write_route(out, log);
+    if (!session_.empty())
+        label(out, "inner session") << session_ << '\n';
+    if (messages_ > 0)
+        write_answer(out);
+    write_times(out, log);
+    out.flush();
+}
+
+void Explanation::write_route(std::ostream &out, const Lines &log) const
+{
+    label(out, "proxies offered");
+    for (const std::string &entry : offered_)
+        out << (&entry == &offered_.front() ? "" : "; ") << entry;
+    out << (offered_.empty() ? why_no_proxy(log) : "") << '\n';
+    const Route route = follow(log, offered_.empty() ? "no proxy" : proxy_of(offered_.front()));
+    for (const auto &[proxy, code, time] : route.failures)
+        label(out, "passed over") << proxy << ": " << curl_easy_strerror(static_cast<CURLcode>(code))
+                                  << " (libcurl's result " << code << "), after " << time << '\n';
+    label(out, "carried by") << (route.failed ? "nothing" : route.carrier);
+    if (!peer_.empty() && !route.failed)
+        out << ", connected to " << peer_;
+    if (offered_.empty() && environment_names_proxy())
+        out << "; the environment names a proxy, which libcurl then uses";
+    out << '\n';
+}
+
+void Explanation::write_answer(std::ostream &out) const
+{
+    label(out, "status") << status_ << '\n';
+    label(out, "cookies kept") << (cookies_.empty() ? "none" : cookies_) << '\n';
+    label(out, "tracking id") << (tracking_id_.empty() ? "none" : tracking_id_) << '\n';
+    label(out, "sent") << sent_ << " bytes in " << messages_
+                       << (messages_ == 1 ? " message, " : " messages, ") << posted_ << " as TLS records\n";
+    label(out, "received") << answered_ << " bytes, " << received_ << " as response headers and records\n";
+}
+
+void Explanation::write_times(std::ostream &out, const Lines &log) const
+{
+    Clock::time_point chosen = start_;
+    for (const LogReader::Line &line : log)
+        if (contains(line, "init_tl_curl: Transport layer initialized!"))
+            chosen = line.time;
+    label(out, "time") << "proxy selection " << chosen - start_ << ", handshake " << connected_ - chosen
+                       << ", messages " << end_ - connected_ << '\n';
+}
