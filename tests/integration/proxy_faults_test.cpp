@@ -10,6 +10,8 @@
 #include <dlfcn.h>
 #include <sys/time.h>
 
+using namespace test;
+
 namespace
 {
 

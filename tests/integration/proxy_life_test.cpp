@@ -9,7 +9,6 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 // What C++ programs find in the library.
@@ -18,6 +17,8 @@ extern DBus::BusDispatcher dbus_dispatcher;
 int create_proxy_manager_client(DBus::Connection &conn);
 int cleanup_without_conn();
 void *dbusLoopFunc(void *);
+
+using namespace test;
 
 namespace
 {
@@ -34,19 +35,10 @@ size_t countIn(const char *folder)
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// Runs the test program with no descriptor of this one's.
 void expectToEndWell(const char *what, const char *program = PROXY_PROGRAM)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        for (int descriptor = 3; descriptor < 1024; descriptor++)
-            fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-        execl(program, program, what, LIBRARY, nullptr);
-        _exit(127);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0) << what;
+    Program child({program, what, LIBRARY});
+    EXPECT_EQ(child.end(), 0) << what << ": " << child.out();
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 // proxymanagerctl as a person uses it, on a private bus with the stand-in service.
 
-#include "proxymanagerd_bus.h"
-
+#include "bus.h"
 #include "proxy_manager_service.h"
 
 #include <algorithm>
-#include <csignal>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -13,6 +11,7 @@
 namespace
 {
 
+using namespace test;
 using proxy_manager_service::Options;
 using proxy_manager_service::ProxyManagerService;
 
@@ -24,7 +23,7 @@ struct Case {
     const char *reason; // part of the standard error; empty: nothing is there
 };
 
-void run(const PrivateBus &bus, const std::vector<Case> &cases)
+void expect(const std::vector<Case> &cases)
 {
     for (const auto &one : cases) {
         std::vector<std::string> command{PROXYMANAGERCTL};
@@ -33,7 +32,7 @@ void run(const PrivateBus &bus, const std::vector<Case> &cases)
             command.push_back(argument);
             shown += argument + ' ';
         }
-        Program program(command, bus.address(), one.input);
+        Program program(command, one.input);
         EXPECT_EQ(program.end(), one.status) << shown << program.err();
         EXPECT_EQ(program.out(), one.out) << shown;
         EXPECT_EQ(program.err().empty(), !*one.reason) << shown << program.err();
@@ -41,13 +40,6 @@ void run(const PrivateBus &bus, const std::vector<Case> &cases)
         EXPECT_EQ(program.err().find("secret"), std::string::npos) << shown;
         EXPECT_LE(std::count(program.err().begin(), program.err().end(), '\n'), 1) << shown << program.err();
     }
-}
-
-Options options(const PrivateBus &bus)
-{
-    Options result;
-    result.bus_address = bus.address();
-    return result;
 }
 
 std::string shown_configuration(const std::string &mode, const std::string &proxy, const std::string &pac,
@@ -60,50 +52,51 @@ std::string shown_configuration(const std::string &mode, const std::string &prox
 TEST(ProxyManagerCtl, ShowsAndChangesTheConfiguration)
 {
     const PrivateBus bus;
-    const ProxyManagerService service(options(bus));
-    const std::string script = bus.write(
+    const Folder folder;
+    const ProxyManagerService service(Options{});
+    const std::string script = folder.write(
         "a.pac",
         "function FindProxyForURL(u, h) { return h == 'd' ? 'DIRECT' : 'PROXY ' + h + ':80;DIRECT'; }");
-    run(bus, {{{"status"}, "", 0, "running\n", ""},
-              {{"get"}, "", 0, shown_configuration("off", "", "", "", "not set"), ""},
-              {{"url", "http://a/"}, "", 0, "http://a/: off\n", ""},
-              {{"set", "manual", "p:1", "--user", "u", "--password-stdin"}, "secret\n", 0, "", ""},
-              {{"get"}, "", 0, shown_configuration("manual", "p:1", "", "u", "set"), ""},
-              {{"url", "http://a/", "https://b:1/c"},
-               "",
-               0,
-               "http://a/: manual p:1 (user name u)\nhttps://b:1/c: manual p:1 (user name u)\n",
-               ""},
-              {{"set", "pac", "file://" + script, "--log", "error"}, "", 0, "", ""},
-              {{"get"}, "", 0, shown_configuration("pacurl", "", "file://" + script, "", "not set"), ""},
-              {{"url", "http://a/", "http://d/"},
-               "",
-               0,
-               "http://a/: pacurl PROXY a:80; DIRECT\nhttp://d/: pacurl DIRECT\n",
-               ""},
-              {{"set", "wpad"}, "", 0, "", ""},
-              {{"url", "http://a/"}, "", 0, "http://a/: wpad DIRECT\n", ""},
-              {{"set", "manual", "[::1]:65535"}, "", 0, "", ""},
-              {{"get"}, "", 0, shown_configuration("manual", "[::1]:65535", "", "", "not set"), ""},
-              {{"set", "manual", "p:1", "--user", std::string(2000, 'x')},
-               "",
-               4,
-               "",
-               "refused the configuration (result 4)"},
-              {{"set", "off"}, "", 0, "", ""},
-              {{"get"}, "", 0, shown_configuration("off", "", "", "", "not set"), ""}});
+    expect({{{"status"}, "", 0, "running\n", ""},
+            {{"get"}, "", 0, shown_configuration("off", "", "", "", "not set"), ""},
+            {{"url", "http://a/"}, "", 0, "http://a/: off\n", ""},
+            {{"set", "manual", "p:1", "--user", "u", "--password-stdin"}, "secret\n", 0, "", ""},
+            {{"get"}, "", 0, shown_configuration("manual", "p:1", "", "u", "set"), ""},
+            {{"url", "http://a/", "https://b:1/c"},
+             "",
+             0,
+             "http://a/: manual p:1 (user name u)\nhttps://b:1/c: manual p:1 (user name u)\n",
+             ""},
+            {{"set", "pac", "file://" + script, "--log", "error"}, "", 0, "", ""},
+            {{"get"}, "", 0, shown_configuration("pacurl", "", "file://" + script, "", "not set"), ""},
+            {{"url", "http://a/", "http://d/"},
+             "",
+             0,
+             "http://a/: pacurl PROXY a:80; DIRECT\nhttp://d/: pacurl DIRECT\n",
+             ""},
+            {{"set", "wpad"}, "", 0, "", ""},
+            {{"url", "http://a/"}, "", 0, "http://a/: wpad DIRECT\n", ""},
+            {{"set", "manual", "[::1]:65535"}, "", 0, "", ""},
+            {{"get"}, "", 0, shown_configuration("manual", "[::1]:65535", "", "", "not set"), ""},
+            {{"set", "manual", "p:1", "--user", std::string(2000, 'x')},
+             "",
+             4,
+             "",
+             "refused the configuration (result 4)"},
+            {{"set", "off"}, "", 0, "", ""},
+            {{"get"}, "", 0, shown_configuration("off", "", "", "", "not set"), ""}});
 }
 
 TEST(ProxyManagerCtl, WritesJson)
 {
     const PrivateBus bus;
-    Options with = options(bus);
+    Options with;
     with.config = {"manual", "p:1", "", true, "u\"\\\xc3\xa9", "secret"};
     const ProxyManagerService service(std::move(with));
-    const auto parsed = [&bus](const std::vector<std::string> &arguments) {
+    const auto parsed = [](const std::vector<std::string> &arguments) {
         std::vector<std::string> command{PROXYMANAGERCTL};
         command.insert(command.end(), arguments.begin(), arguments.end());
-        Program program(command, bus.address());
+        Program program(command);
         EXPECT_EQ(program.end(), 0) << program.err();
         return nlohmann::json::parse(program.out());
     };
@@ -124,7 +117,7 @@ TEST(ProxyManagerCtl, WritesJson)
 TEST(ProxyManagerCtl, RefusesWrongInputBeforeItAsksTheService)
 {
     const PrivateBus bus; // there is no service on it
-    run(bus,
+    expect(
         {{{}, "", 64, "", "subcommand"},
          {{"set"}, "", 64, "", "subcommand"},
          {{"nonsense"}, "", 64, "", "no such command: nonsense"},
@@ -161,15 +154,15 @@ TEST(ProxyManagerCtl, RefusesWrongInputBeforeItAsksTheService)
 TEST(ProxyManagerCtl, MonitorPrintsEachEventUntilItIsInterrupted)
 {
     const PrivateBus bus;
-    const ProxyManagerService service(options(bus));
+    const ProxyManagerService service(Options{});
     for (const int signal : {SIGINT, SIGTERM}) {
-        Program monitor({PROXYMANAGERCTL, "monitor"}, bus.address());
+        Program monitor({PROXYMANAGERCTL, "monitor"});
         ASSERT_TRUE(monitor.wait_for_error("waiting for events")) << monitor.err();
-        ask(bus, "com.halvo.ProxyManagerServiceDebug.emitStateEvent", {"7"});
+        ask("com.halvo.ProxyManagerServiceDebug.emitStateEvent", {"7"});
         ASSERT_TRUE(monitor.wait_for("state 7\n"));
-        ask(bus, "updateProxyconfig", {"manual", "p:1", "", "false", "", "secret"});
+        ask("updateProxyconfig", {"manual", "p:1", "", "false", "", "secret"});
         ASSERT_TRUE(monitor.wait_for("configuration manual p:1\n")) << "the library absorbs the first change";
-        ask(bus, "updateProxyconfig", {"wpad", "", "", "false", "", ""});
+        ask("updateProxyconfig", {"wpad", "", "", "false", "", ""});
         ASSERT_TRUE(monitor.wait_for("configuration wpad\n"));
         EXPECT_EQ(monitor.end(signal), 0);
         EXPECT_EQ(monitor.out(), "state 7\nconfiguration manual p:1\nconfiguration wpad\n");

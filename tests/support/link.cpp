@@ -3,42 +3,15 @@
 #include "link.h"
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <filesystem>
 #include <stdexcept>
 
-#include <csignal>
 #include <netinet/in.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace test
 {
-
-Folder::Folder()
-{
-    if (!mkdtemp(root.data()))
-        throw std::runtime_error("no temporary folder");
-}
-
-std::string read_file(const std::string &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-void write_file(const std::string &path, const std::string &bytes)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-void run(const std::string &command)
-{
-    if (std::system(command.c_str()) != 0) // NOLINT(cert-env33-c): the tests' own commands
-        throw std::runtime_error("failed: " + command);
-}
 
 std::string pattern(size_t length)
 {
@@ -125,27 +98,18 @@ void Listener::close()
     fd = -1;
 }
 
-Daemon::Daemon(const std::string &command, int port) : pid(fork())
+Daemon::Daemon(const std::string &command, int port) : Program({"sh", "-c", "exec " + command})
 {
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // nothing is left behind when a test crashes
-        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
-        _exit(127);
-    }
     const sockaddr_in address = loopback(port);
-    for (bool answers = false; !answers; usleep(10000)) {
+    bool answers = false;
+    for (int probes = 0; !answers && probes < 3000; probes++) {
         const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         answers = ::connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
         ::close(probe);
-        if (waitpid(pid, nullptr, WNOHANG) != 0)
-            throw std::runtime_error("ended at once: " + command);
+        usleep(answers ? 0 : 10000);
     }
-}
-
-Daemon::~Daemon()
-{
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
+    if (!answers)
+        throw std::runtime_error("does not listen: " + command);
 }
 
 } // namespace test

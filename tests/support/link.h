@@ -6,8 +6,8 @@
 #include "atls_internals.h"
 #include "atls_service.h"
 #include "interpose.h"
+#include "program.h"
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -17,17 +17,6 @@
 namespace test
 {
 
-// A temporary folder.
-struct Folder {
-    Folder();
-    ~Folder() { std::filesystem::remove_all(root); }
-    std::string path(const std::string &name) const { return root + "/" + name; }
-    std::string root = "/tmp/atls-test-XXXXXX";
-};
-
-std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &bytes);
-void run(const std::string &command); // in the shell; throws when it fails
 std::string pattern(size_t length);
 std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
 
@@ -70,11 +59,9 @@ struct Listener {
     int port;
 };
 
-// A program that runs until the object goes; its port answers when the constructor returns.
-struct Daemon {
+// A program whose port answers when the constructor returns.
+struct Daemon : Program {
     Daemon(const std::string &command, int port);
-    ~Daemon();
-    int pid;
 };
 
 } // namespace test

@@ -2,8 +2,8 @@
 #ifndef TESTS_PROXY_FIXTURE_H
 #define TESTS_PROXY_FIXTURE_H
 
+#include "bus_peer.h"
 #include "log_capture.h"
-#include "proxy_bus.h"
 #include "proxymanager.h"
 
 #include <chrono>
@@ -11,6 +11,9 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+namespace test
+{
 
 using Lines = std::vector<std::string>;
 constexpr const char *USUAL_ANSWER = "2 PROXY p1:80, DIRECT"; // of the scripted service, as toText has it
@@ -88,5 +91,7 @@ inline std::string configText()
     cleanupProxyConfig(&config);
     return text;
 }
+
+} // namespace test
 
 #endif

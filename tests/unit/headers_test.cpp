@@ -4,6 +4,7 @@
 #include "log_capture.h"
 
 #include <cstring>
+#include <filesystem>
 
 #include <sys/stat.h>
 #include <syslog.h>

@@ -1,44 +1,18 @@
-// Starts dbus-daemon, and runs the scripted peers on it.
+// Runs the scripted peers.
 
-#include "proxy_bus.h"
+#include "bus_peer.h"
 
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+namespace test
+{
 
 namespace
 {
-
-constexpr const char *PATH = "/com/halvo/ProxyManagerService";
-constexpr const char *INTERFACE = "com.halvo.ProxyManagerServiceInterface";
-
-// The folder of the socket, removed at the end of the program.
-struct BusFolder {
-    char path[32] = "/tmp/proxy-test-XXXXXX";
-    std::string address;
-    BusFolder()
-    {
-        if (!mkdtemp(path))
-            throw std::runtime_error("no temporary folder");
-        address = "unix:path=" + std::string(path) + "/bus";
-        setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
-    }
-    ~BusFolder() { std::filesystem::remove_all(path); }
-};
-
-const BusFolder &folder()
-{
-    static const BusFolder instance;
-    return instance;
-}
 
 struct Appender {
     DBusMessageIter to;
@@ -94,45 +68,9 @@ Arguments readArguments(DBusMessage *message)
 
 } // namespace
 
-void PrivateBus::start(const std::string &limits)
-{
-    const std::string config = std::string(folder().path) + "/config";
-    std::filesystem::remove(std::string(folder().path) + "/bus");
-    std::ofstream(config)
-        << "<busconfig><type>system</type><listen>" << folder().address
-        << "</listen><auth>EXTERNAL</auth><policy context='default'><allow send_destination='*'/>"
-        << "<allow receive_sender='*'/><allow own='*'/></policy>" << limits << "</busconfig>";
-    int ready[2];
-    (void)!pipe2(ready, O_CLOEXEC);
-    pid_ = fork();
-    if (pid_ == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        dup2(ready[1], STDOUT_FILENO);
-        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO); // it complains about limits
-        execlp("dbus-daemon", "dbus-daemon", "--nofork", "--print-address",
-               ("--config-file=" + config).c_str(), nullptr);
-        _exit(127);
-    }
-    close(ready[1]);
-    char byte;
-    const bool started = read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
-    if (!started)
-        throw std::runtime_error("dbus-daemon does not start");
-}
-
-void PrivateBus::kill()
-{
-    if (pid_ <= 0)
-        return;
-    ::kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-}
-
 BusPeer::BusPeer(const std::string &name)
 {
-    connection_ = dbus_connection_open_private(folder().address.c_str(), nullptr);
+    connection_ = dbus_connection_open_private(PrivateBus::address().c_str(), nullptr);
     if (!connection_ || !dbus_bus_register(connection_, nullptr) || pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
         throw std::runtime_error("no connection to the private bus");
     dbus_connection_set_exit_on_disconnect(connection_, false);
@@ -278,7 +216,7 @@ DBusMessage *BusPeer::makeReply(DBusMessage *call, const Arguments &arguments)
 
 DBusMessage *BusPeer::makeSignal(const std::string &member, const Arguments &arguments)
 {
-    return append(dbus_message_new_signal(PATH, INTERFACE, member.c_str()), arguments);
+    return append(dbus_message_new_signal(SERVICE_PATH, SERVICE_INTERFACE, member.c_str()), arguments);
 }
 
 void BusPeer::emit(const std::string &member, const Arguments &arguments, const std::string &destination)
@@ -317,3 +255,5 @@ ScriptedService::ScriptedService(const Texts &config) : BusPeer(SERVICE_NAME)
     answer("updateProxyconfig", {int32_t{0}});
     answer("getProxyurl", {Texts{"pacurl", "PROXY p1:80", "DIRECT"}});
 }
+
+} // namespace test

@@ -1,7 +1,9 @@
-// A private bus, and peers on it that can answer wrongly, late, or not at all. Written with plain libdbus, so
-// that they share nothing with the library under test.
-#ifndef TESTS_PROXY_BUS_H
-#define TESTS_PROXY_BUS_H
+// Peers on the private bus that can answer wrongly, late, or not at all. Written with plain libdbus, so that
+// they share nothing with the library under test.
+#ifndef TESTS_BUS_PEER_H
+#define TESTS_BUS_PEER_H
+
+#include "bus.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -9,29 +11,13 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <variant>
-#include <vector>
 
 #include <dbus/dbus.h>
-#include <sys/types.h>
 
-constexpr const char *SERVICE_NAME = "com.halvo.ProxyManagerService";
-
-// A dbus-daemon on a socket that is the same for the whole life of the process: libdbus reads its address
-// once.
-class PrivateBus
+namespace test
 {
-public:
-    explicit PrivateBus(const std::string &limits = "") { start(limits); }
-    ~PrivateBus() { kill(); }
-    void start(const std::string &limits = "");
-    void kill();
-
-private:
-    pid_t pid_ = -1;
-};
 
 // One argument of a message: s, i, b, as, and a structure of strings.
 using Texts = std::vector<std::string>;
@@ -94,5 +80,7 @@ class ScriptedService : public BusPeer
 public:
     explicit ScriptedService(const Texts &config = {"pacurl", "", "http://pac/", "n", "", ""});
 };
+
+} // namespace test
 
 #endif

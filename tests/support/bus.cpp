@@ -1,0 +1,58 @@
+// Starts dbus-daemon, and calls the service on it.
+
+#include "bus.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace test
+{
+
+namespace
+{
+
+// The folder of the socket, removed at the end of the program.
+const Folder &folder()
+{
+    static const Folder instance;
+    return instance;
+}
+
+} // namespace
+
+const std::string &PrivateBus::address()
+{
+    static const std::string text = "unix:path=" + folder().path("bus");
+    return text;
+}
+
+void PrivateBus::start(const std::string &rules)
+{
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
+    std::filesystem::remove(folder().path("bus")); // left over when the last one was killed
+    const std::string file = folder().write(
+        "config", "<busconfig><type>system</type><listen>" + address() +
+                      "</listen><auth>EXTERNAL</auth><policy context='default'><allow user='*'/>"
+                      "<allow send_destination='*'/><allow receive_sender='*'/><allow own='*'/></policy>" +
+                      rules + "</busconfig>");
+    daemon_ = std::make_unique<Program>(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog",
+                                                                 "--print-address", "--config-file=" + file});
+    if (!daemon_->wait_for("\n"))
+        throw std::runtime_error("no dbus-daemon: " + daemon_->err());
+}
+
+std::string ask(const std::string &member, const std::vector<std::string> &arguments)
+{
+    const bool qualified = member.find('.') != std::string::npos;
+    std::vector<std::string> command{
+        "gdbus",      "call",       "--system",
+        "-d",         SERVICE_NAME, "-o",
+        SERVICE_PATH, "-m",         qualified ? member : SERVICE_INTERFACE + ('.' + member)};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    Program gdbus(std::move(command));
+    const std::string text = gdbus.end() == 0 ? gdbus.out() : gdbus.err();
+    return text.substr(0, text.find_last_not_of('\n') + 1);
+}
+
+} // namespace test

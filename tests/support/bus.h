@@ -1,0 +1,37 @@
+// A private message bus.
+#ifndef TESTS_BUS_H
+#define TESTS_BUS_H
+
+#include "program.h"
+
+#include <memory>
+
+namespace test
+{
+
+constexpr const char *SERVICE_NAME = "com.halvo.ProxyManagerService";
+constexpr const char *SERVICE_PATH = "/com/halvo/ProxyManagerService";
+constexpr const char *SERVICE_INTERFACE = "com.halvo.ProxyManagerServiceInterface";
+
+// A dbus-daemon on a socket that is the same for the whole life of the process, since libdbus reads its
+// address once. DBUS_SYSTEM_BUS_ADDRESS names it, for the programs that are started as well.
+class PrivateBus
+{
+public:
+    // Everything is allowed; rules are added to the configuration of the bus.
+    explicit PrivateBus(const std::string &rules = "") { start(rules); }
+    void start(const std::string &rules = "");
+    void kill() { daemon_->end(SIGKILL); }
+    static const std::string &address();
+
+private:
+    std::unique_ptr<Program> daemon_;
+};
+
+// Calls "interface.member", or a member of the service's own interface, with gdbus: the answer as it writes
+// it, or the error.
+std::string ask(const std::string &member, const std::vector<std::string> &arguments = {});
+
+} // namespace test
+
+#endif

@@ -1,0 +1,57 @@
+// What the tests of both halves use: files in temporary folders, and child processes.
+#ifndef TESTS_PROGRAM_H
+#define TESTS_PROGRAM_H
+
+#include "descriptor.h"
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+namespace test
+{
+
+// A temporary folder that every user can enter.
+struct Folder {
+    Folder();
+    ~Folder();
+    std::string path(const std::string &name) const { return root + "/" + name; }
+    std::string write(const std::string &name, const std::string &bytes) const; // returns the path
+    std::string root = "/tmp/atls-test-XXXXXX";
+};
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &bytes);
+void run(const std::string &command); // in the shell; throws when it fails
+
+// A child process with its output and no descriptor of the test's. It does not survive its object, nor the
+// test program.
+class Program
+{
+public:
+    explicit Program(std::vector<std::string> command, const std::string &input = "");
+    ~Program() { end(SIGTERM); }
+    Program(const Program &) = delete;
+    Program &operator=(const Program &) = delete;
+
+    // Waits until the standard output (or the standard error) holds the text.
+    bool wait_for(const std::string &text) { return wait_for(out_, text); }
+    bool wait_for_error(const std::string &text) { return wait_for(err_, text); }
+    // Sends a signal, if one is given, and waits for the end: the exit status, or minus the signal that ended
+    // it.
+    int end(int signal = 0);
+    const std::string &out() const { return out_; }
+    const std::string &err() const { return err_; }
+
+private:
+    bool wait_for(const std::string &stream, const std::string &text);
+    bool pump();
+
+    pid_t pid_ = -1;
+    Descriptor out_pipe_, err_pipe_;
+    std::string out_, err_;
+};
+
+} // namespace test
+
+#endif
