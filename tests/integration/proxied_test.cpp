@@ -1,0 +1,307 @@
+// The whole road: the proxy manager says which proxies to use, real proxies carry the posts, and some of them
+// die on the way. Each proxy's own log tells what went through it.
+
+#include "bus.h"
+#include "link.h"
+#include "proxymanager.h"
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include <syslog.h>
+
+namespace
+{
+
+using namespace test;
+
+constexpr long SHORT_TIMEOUT_MS = 2000;
+
+// A real proxy, on a port that stays its own.
+class Proxy
+{
+public:
+    explicit Proxy(const std::string &settings = "")
+    {
+        port_.close();
+        folder_.write("conf", "Port " + std::to_string(port_.port) + "\nListen 127.0.0.1\nLogFile \"" +
+                                  folder_.path("log") + "\"\n" + settings);
+        start();
+    }
+    void start()
+    {
+        daemon_ = std::make_unique<Daemon>("tinyproxy -d -c " + folder_.path("conf"), port_.port);
+    }
+    void die() { daemon_->end(SIGKILL); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_.port); }
+    // How many requests for a connection came since it was asked last.
+    int requests()
+    {
+        const std::string log = read_file(folder_.path("log"));
+        int count = 0;
+        for (; (seen_ = log.find(": CONNECT 127.0.0.1:", seen_)) != std::string::npos; seen_++)
+            count++;
+        seen_ = log.size();
+        return count;
+    }
+
+private:
+    Folder folder_;
+    Listener port_;
+    std::unique_ptr<Daemon> daemon_;
+    size_t seen_ = 0;
+};
+
+class Proxied : public testing::Test
+{
+protected:
+    Proxied()
+    {
+        for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
+            unsetenv(name);
+        link_.start();
+        dead_.close();
+        EXPECT_TRUE(manager_->wait_for_error("serving as")) << manager_->err();
+        interpose::reset(SHORT_TIMEOUT_MS);
+        EXPECT_EQ(create_proxy_manager_client(), 1);
+    }
+    ~Proxied() override { cleanup_proxy_manager_client(); }
+
+    // Changes the configuration, as somebody else would. The client knows of it when this returns.
+    static void configure(const std::string &mode, const std::string &proxy, const std::string &pac,
+                          const std::string &user = "", const std::string &password = "")
+    {
+        EXPECT_EQ(ask("updateProxyconfig", {mode, proxy, pac, "false", user, password}), "(0,)");
+        EXPECT_TRUE(check_service_started());
+    }
+    // A, B, S (silent) and X (dead) stand for proxies, D for none.
+    std::string names_to_addresses(const std::string &names)
+    {
+        std::string answer;
+        for (const char name : names)
+            answer += name == 'D' ? "DIRECT;" : "PROXY " + address(name) + ";";
+        return answer;
+    }
+    void use_script(const std::string &names)
+    {
+        const std::string script =
+            "function FindProxyForURL() { return '" + names_to_addresses(names) + "'; }";
+        configure("pacurl", "", "file://" + link_.folder.write(names + ".pac", script));
+    }
+    std::string address(char name)
+    {
+        return name == 'A'   ? a_.address()
+               : name == 'B' ? b_.address()
+                             : "127.0.0.1:" + std::to_string(name == 'S' ? silent_.port : dead_.port);
+    }
+    // Which proxies were asked, "AAB" say, since the last time.
+    std::string way() { return std::string(a_.requests(), 'A') + std::string(b_.requests(), 'B'); }
+    int connect()
+    {
+        atls_handle_cleanup(&link_.handle);
+        interpose::reset(SHORT_TIMEOUT_MS);
+        return link_.connect();
+    }
+    bool echoes(const std::string &message)
+    {
+        return link_.exchange(message) == ATLS_OK && link_.body() == message;
+    }
+
+    PrivateBus bus_;
+    std::unique_ptr<Program> manager_ = std::make_unique<Program>(std::vector<std::string>{PROXYMANAGERD});
+    Link link_;
+    Proxy a_;
+    Proxy b_{"BasicAuth device open-sesame\n"}; // in script modes nobody tells the password
+    Listener silent_;
+    Listener dead_;
+};
+
+TEST_F(Proxied, TheConfigurationDecides)
+{
+    EXPECT_TRUE(connect() == ATLS_OK && echoes("off") && way().empty());
+    EXPECT_TRUE(interpose::logged("setProxyParams Exit since http proxy mode is off"));
+    const struct {
+        std::string mode, proxy, user, password;
+        int result;
+        std::string way;
+    } cases[] = {{"manual", "A", "", "", ATLS_OK, "A"},
+                 {"manual", "A", "somebody", "unasked", ATLS_OK, "A"},
+                 {"manual", "B", "device", "open-sesame", ATLS_OK, "BB"}, // asked for the password first
+                 {"manual", "B", "device", "wrong", ATLS_HANDSHAKE_FAILED, "BB"},
+                 {"manual", "B", "", "", ATLS_HANDSHAKE_FAILED, "B"},
+                 {"manual", "X", "", "", ATLS_HANDSHAKE_FAILED, ""},
+                 {"manual", "A", "", "", ATLS_OK, "A"},
+                 {"off", "", "", "", ATLS_OK, ""}};
+    for (const auto &[mode, proxy, user, password, result, way_taken] : cases) {
+        SCOPED_TRACE(mode + " " + proxy + " " + user);
+        configure(mode, proxy.empty() ? "" : address(proxy[0]), "", user, password);
+        EXPECT_EQ(connect(), result);
+        EXPECT_TRUE(result != ATLS_OK || (echoes("first") && echoes("second")));
+        EXPECT_EQ(way(), way_taken);
+        EXPECT_EQ(link_.handle->proxyUrlCount, result == ATLS_OK && mode != "off");
+    }
+}
+
+TEST_F(Proxied, FollowsTheScript)
+{
+    const struct {
+        std::string names;
+        int result;
+        std::string way;
+        std::vector<int> failures; // results of libcurl
+    } cases[] = {{"AD", ATLS_OK, "A", {}},
+                 {"DA", ATLS_OK, "", {}},
+                 {"XAD", ATLS_OK, "A", {7}},
+                 {"SXA", ATLS_OK, "A", {28, 7}},
+                 {"XSD", ATLS_OK, "", {7, 28}},
+                 {"XSX", ATLS_HANDSHAKE_FAILED, "", {7, 28, 7}},
+                 {"BA", ATLS_HANDSHAKE_FAILED, "B", {56}}}; // a refusal is not passed over
+    for (const auto &[names, result, way_taken, failures] : cases) {
+        SCOPED_TRACE(names);
+        use_script(names);
+        EXPECT_EQ(connect(), result);
+        std::string expected;
+        for (size_t i = 0; i < failures.size(); i++)
+            expected += "curl_rc:" + std::to_string(failures[i]) +
+                        ", proxyUrlCount:" + std::to_string(names.size()) +
+                        ", index:" + std::to_string(i + 1) + "\n";
+        std::string seen;
+        std::istringstream notices(interpose::log_of(LOG_NOTICE));
+        for (std::string line; std::getline(notices, line);)
+            if (const size_t at = line.find("curl_rc:"); at != std::string::npos)
+                seen += line.substr(at) + "\n";
+        EXPECT_EQ(seen, expected);
+        EXPECT_TRUE(result != ATLS_OK || echoes("message"));
+        EXPECT_EQ(way(), way_taken);
+    }
+}
+
+// A proxy that dies after the handshake: the message, with the end of a TLS 1.3 handshake in front of it,
+// goes through the next one.
+TEST_F(Proxied, SurvivesTheDeathOfAProxy)
+{
+    for (const int version : {TLS1_3_VERSION, TLS1_2_VERSION}) {
+        Link link(version);
+        link.start();
+        use_script("AXD");
+        interpose::reset(SHORT_TIMEOUT_MS);
+        ASSERT_EQ(link.connect(), ATLS_OK);
+        a_.die();
+        EXPECT_EQ(link.exchange("first"), ATLS_OK);
+        EXPECT_EQ(link.body(), "first");
+        EXPECT_TRUE(interpose::logged("curl_rc:7, proxyUrlCount:3, index:2"));
+        EXPECT_TRUE(link.exchange("second") == ATLS_OK && link.body() == "second");
+        a_.start();
+    }
+    EXPECT_EQ(way(), "AA");
+}
+
+// The service has the message, but its answer does not come in time: the same records are posted once more,
+// which the session takes for an attack. The service answers each message at most once.
+TEST_F(Proxied, EndsTheSessionWhenAMessageArrivesTwice)
+{
+    std::atomic<int> answered{0};
+    link_.options.answer = [&](const std::string &message) {
+        if (answered++ == 0)
+            while (!interpose::logged("curl_rc:28"))
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return message;
+    };
+    link_.start();
+    use_script("AD");
+    ASSERT_EQ(connect(), ATLS_OK);
+    EXPECT_EQ(link_.exchange("once"), ATLS_BAD_RESPONSE);
+    EXPECT_EQ(link_.exchange("later"), ATLS_INVALID_INPUT);
+    EXPECT_EQ(answered, 1);
+    EXPECT_TRUE(connect() == ATLS_OK && echoes("on a new session"));
+}
+
+TEST_F(Proxied, DoesWithoutServiceAndBus)
+{
+    use_script("A");
+    cleanup_proxy_manager_client();
+    manager_.reset();
+    for (const char *missing : {"service", "bus"}) {
+        EXPECT_TRUE(connect() == ATLS_OK && echoes("direct")) << missing;
+        EXPECT_TRUE(interpose::logged("setProxyParams: create_proxy_manager_client fail!")) << missing;
+        EXPECT_TRUE(way().empty() && !link_.handle->proxyUrlList) << missing;
+        bus_.kill();
+    }
+    bus_.start();
+    manager_ = std::make_unique<Program>(
+        std::vector<std::string>{PROXYMANAGERD, "--pac", link_.folder.path("A.pac")});
+    EXPECT_TRUE(manager_->wait_for_error("serving as"));
+    EXPECT_TRUE(connect() == ATLS_OK && echoes("with the proxy again") && way() == "A");
+}
+
+// On four threads, while answers are thrown away and proxy A comes and goes: every call gives a result, and
+// an answer is always that of its own message.
+TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
+{
+    std::atomic<int> left{40};
+    std::atomic<int> succeeded{0};
+    const auto connect_and_exchange = [&](int thread) {
+        atls_handle *handle = create_atls_handle();
+        atls_resp answer = {};
+        while (left-- > 0) {
+            int result = atls_connect(&handle, "127.0.0.1", nullptr, link_.service->port(), "/atls", nullptr);
+            EXPECT_TRUE(result == ATLS_OK || result == ATLS_HANDSHAKE_FAILED) << result;
+            for (int i = 0; i < 3 && result == ATLS_OK; i++) {
+                const std::string message =
+                    std::to_string(thread) + " " + std::to_string(left) + " " + pattern(100 * i);
+                result = atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls",
+                                           &answer);
+                EXPECT_TRUE(result == ATLS_OK || result == ATLS_BAD_RESPONSE ||
+                            result == ATLS_EXCHANGE_FAILED)
+                    << result;
+                EXPECT_TRUE(result != ATLS_OK || std::string(answer.body, answer.body_len) == message);
+            }
+            succeeded += result == ATLS_OK;
+            atls_handle_cleanup(&handle);
+        }
+        cleanup_atls_resp(&answer);
+        free_atls_handle(handle);
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++)
+        threads.emplace_back(connect_and_exchange, i);
+    for (int round = 0; left > 0; round++) {
+        use_script(round % 2 ? "AXD" : "XAD");
+        a_.die();
+        a_.start();
+    }
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_GT(succeeded, 20);
+}
+
+// The only proxy with Digest authentication.
+TEST_F(Proxied, KnowsDigestButUnderFips)
+{
+    if (access("/usr/sbin/squid", X_OK) != 0)
+        GTEST_SKIP() << "squid is not installed";
+    Folder folder;
+    Listener port;
+    port.close();
+    run("chmod 777 " + folder.root +
+        "; printf 'device:proxy:%s\\n' $(printf device:proxy:open-sesame | md5sum | "
+        "cut -c-32) >" +
+        folder.path("users"));
+    const std::string settings = folder.write(
+        "conf", "auth_param digest program /usr/lib/squid/digest_file_auth -c " + folder.path("users") +
+                    "\nauth_param digest realm proxy\nacl known proxy_auth REQUIRED\n"
+                    "http_access allow known\nhttp_port 127.0.0.1:" +
+                    std::to_string(port.port) + "\npid_filename none\ncache deny all\nshutdown_lifetime 0\n" +
+                    "pinger_enable off\nvisible_hostname proxy\nnetdb_filename none\ncache_log " +
+                    folder.path("cache") + "\naccess_log stdio:" + folder.path("access") + "\ncoredump_dir " +
+                    folder.root + "\n");
+    const Daemon squid("squid -N -f " + settings, port.port);
+    configure("manual", "127.0.0.1:" + std::to_string(port.port), "", "device", "open-sesame");
+    EXPECT_TRUE(connect() == ATLS_OK && echoes("with Digest"));
+    interpose::set_fips(true);
+    EXPECT_EQ(connect(), ATLS_HANDSHAKE_FAILED);
+    interpose::set_fips(false);
+}
+
+} // namespace
