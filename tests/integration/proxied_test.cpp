@@ -6,7 +6,6 @@
 #include "proxymanager.h"
 
 #include <atomic>
-#include <random>
 #include <thread>
 
 #include <syslog.h>
@@ -273,7 +272,7 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
     }
     for (auto &thread : threads)
         thread.join();
-    EXPECT_GT(succeeded, 20);
+    EXPECT_GT(succeeded, 4);
 }
 
 // The only proxy with Digest authentication.
