@@ -42,7 +42,7 @@ check "nothing said by the loader" "" "$(cat "$work/err")"
 "$source/scripts/make-identity" "$work"
 export ATLS_PLATFORM_DIR=$work/device
 start_service
-port=${service_url##*:}
+service_port=${service_url##*:}
 url=$service_url/atls
 
 check "a message" "0 hello " "$(status_of post "$url" hello) $(cat "$work/out" "$work/err") "
@@ -51,12 +51,32 @@ head -c 300000 /dev/urandom >"$work/big"
 post -n 3 -o "$work/answer" "$url" "@$work/big"
 check "three answers" "$(cat "$work/big" "$work/big" "$work/big" | sha256sum)" "$(sha256sum <"$work/answer")"
 check "the header block" "TrackingID: t-1" \
-    "$(post -i --ip 127.0.0.1 --tracking-id t-1 "https://elsewhere.invalid:$port/" x | tr -d '\r' | grep Tr)"
-check "the example" hallo "$("$build/example-post" 127.0.0.1 "$port" /atls hallo 2>"$work/err")"
+    "$(post -i --ip 127.0.0.1 --tracking-id t-1 "https://elsewhere.invalid:$service_port/" x | tr -d '\r' | grep Tr)"
+check "the example" hallo "$("$build/example-post" 127.0.0.1 "$service_port" /atls hallo 2>"$work/err")"
 check "the front end saw no message" "" "$(grep -lr -e hello -e hallo -e piped "$work/seen" || true)"
 check "the log" "atls-post: atls_connect: ATLS connection to 127.0.0.1 established" \
     "$(status_of post --log notice "$url" x >"$work/status"; grep established "$work/err")"
 check "the trace" 1 "$(status_of post --trace "$url" x >"$work/status"; grep -c '< HTTP/1.1 200 OK' "$work/err" | sed 's/[2-9]/1/')"
+
+start_bus
+start_proxy proxy && echo "function FindProxyForURL() { return 'PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port'; }" >"$work/pac"
+start_proxy_manager --pac "$work/pac"
+check "the explanation" "x
+  proxies offered PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port
+  passed over     127.0.0.1:1: Couldn't connect to server (libcurl's result 7), after TIME
+  carried by      127.0.0.1:$port, connected to 127.0.0.1 port $port
+  inner session   TLSv1.3, TLS_AES_256_GCM_SHA384
+  status          200
+  cookies kept    atls-session
+  tracking id     none" \
+    "$(status_of post --explain "$url" x >"$work/status"; cat "$work/out"; echo
+        sed -n '/^  proxies/,/^  tracking/{s/[0-9.]* s$/TIME/;p}' "$work/err")"
+check "nothing but the explanation" "" "$(grep -v -e '^  ' -e "^atls-post: $url" "$work/err" || true)"
+check "no proxy manager" "  proxies offered none: the proxy manager cannot be reached" \
+    "$(DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none status_of post --explain "$url" x >"$work/status"; grep offered "$work/err")"
+check "explained failure" "3   carried by      nothing" "$(status_of post --explain https://127.0.0.1:1/ x) $(grep carried "$work/err")"
+stop proxy-manager
+stop bus
 
 # Wrong usage: status 64 and one line; the library's own results otherwise.
 while IFS='|' read -r expected arguments; do
@@ -86,7 +106,7 @@ check "an unwritten answer" 74 "$(status_of post -o /dev/full "$url" x)"
 mapfile -t certificates < <(service_certificates)
 check "a closed output" 74 "$(status=0; post "$url" x >&- 2>"$work/err" || status=$?; echo $status)"
 check "TLS versions" 64 "$(status_of "$build/atls-server" "${certificates[@]}" --min-tls 1.3 --max-tls 1.2)"
-check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$port")"
+check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$service_port")"
 check "a missing key" 69 "$(status_of "$build/atls-server" "${certificates[@]/service-key/no-key}")"
 status=0
 stop service || status=$?
