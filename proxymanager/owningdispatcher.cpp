@@ -3,7 +3,9 @@
 #include "owningdispatcher.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <cstddef>
 #include <ctime>
 #include <new>
 
@@ -26,6 +28,8 @@ constexpr const char *NO_REPLY_TEXT =
 // What has arrived is taken in at most this often in a row: a peer that never stops sending must not hold us.
 constexpr int DISPATCH_ROUNDS = 4096;
 
+constexpr size_t WATCHES_KEPT = 16; // a connection has two
+
 thread_local const CallDesk *enteredHere = nullptr;
 
 int toWatchFlags(short events)
@@ -46,7 +50,48 @@ int toWatchFlags(short events)
 
 // Time-outs are kept by the waiting callers. Those of libdbus's own blocking calls need no timer of ours, and
 // dbus-c++'s timers read the wall clock and use freed memory when they fire.
-class InertTimeout : public DBus::Timeout
+constexpr size_t ROOM_SIZE = 8 * sizeof(void *); // of one watch or timeout
+
+// libdbus asks for watches and timeouts with its locks held, where nothing may be thrown. So room for a few is
+// there from the beginning, more than one connection needs; only what is beyond comes from the heap.
+template <typename Object>
+class RoomKept
+{
+public:
+    static void *operator new(size_t size)
+    {
+        static_assert(sizeof(Object) <= ROOM_SIZE);
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (Slot &slot : slots_) {
+            if (!slot.used) {
+                slot.used = true;
+                return slot.bytes;
+            }
+        }
+        return ::operator new(size);
+    }
+    static void operator delete(void *block)
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        for (Slot &slot : slots_) {
+            if (slot.bytes == block) {
+                slot.used = false;
+                return;
+            }
+        }
+        ::operator delete(block);
+    }
+
+private:
+    struct Slot {
+        alignas(std::max_align_t) unsigned char bytes[ROOM_SIZE];
+        bool used;
+    };
+    static inline std::mutex mutex_;
+    static inline std::array<Slot, WATCHES_KEPT> slots_{};
+};
+
+class InertTimeout : public DBus::Timeout, public RoomKept<InertTimeout>
 {
 public:
     explicit InertTimeout(DBus::Timeout::Internal *internal) : DBus::Timeout(internal) {}
@@ -233,8 +278,8 @@ DBus::Message CallDesk::call(DBus::Connection &connection, DBus::CallMessage &me
     if (!onThread() && awaitReply(connection, call)) {
         if (call.state == Call::State::Lost)
             throw DBus::ErrorDisconnected("Connection is closed");
-        if (call.state == Call::State::Unsendable)
-            throw DBus::ErrorNoMemory("The call could not be sent");
+        if (call.state == Call::State::NoMemory)
+            throw DBus::ErrorNoMemory("No memory for the call or its reply");
         if (call.state == Call::State::Waiting)
             throw DBus::ErrorNoReply(NO_REPLY_TEXT);
         if (call.reply.front().is_error())
@@ -282,7 +327,7 @@ void CallDesk::sendQueued()
             sent_.splice(sent_.end(), queued_, queued_.begin());
         } else {
             queued_.pop_front();
-            call->state = Call::State::Unsendable;
+            call->state = Call::State::NoMemory;
             call->changed.notifyAll();
         }
     }
@@ -299,11 +344,16 @@ bool CallDesk::receive(const DBus::Message &message)
     if (message.type() != DBUS_MESSAGE_TYPE_METHOD_RETURN && message.type() != DBUS_MESSAGE_TYPE_ERROR)
         return false;
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (findSent(message) == sent_.end())
+    const auto sent = findSent(message);
+    if (sent == sent_.end())
         return false;
     try {
         arrived_.push_back(message);
-    } catch (const std::bad_alloc &) { // libdbus calls this: the caller's time-out has to do
+    } catch (const std::bad_alloc &) { // libdbus calls this: nothing may leave
+        Call *call = *sent;
+        sent_.erase(sent);
+        call->state = Call::State::NoMemory;
+        call->changed.notifyAll();
     }
     return true;
 }
@@ -356,6 +406,7 @@ OwningDispatcher::OwningDispatcher() : desk_(*new CallDesk)
         fcntl(descriptor, F_SETFD, FD_CLOEXEC);
         fcntl(descriptor, F_SETFL, O_NONBLOCK);
     }
+    watches_.reserve(WATCHES_KEPT);
     rememberUnlockPair();
 }
 
@@ -430,7 +481,7 @@ void OwningDispatcher::repairUnlockPair()
 // ---- Sockets
 
 // libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
-class OwningDispatcher::SocketWatch : public DBus::Watch
+class OwningDispatcher::SocketWatch : public DBus::Watch, public RoomKept<SocketWatch>
 {
 public:
     SocketWatch(DBus::Watch::Internal *internal, OwningDispatcher &dispatcher)

@@ -84,7 +84,7 @@ public:
 private:
     // A call that its thread waits for; lives on that thread's stack.
     struct Call {
-        enum class State { Waiting, Answered, Lost, Unsendable };
+        enum class State { Waiting, Answered, Lost, NoMemory };
 
         DBus::CallMessage *message;
         unsigned int serial = 0; // once it is sent

@@ -153,14 +153,19 @@ private:
 
 // ---- Connection
 
-// A connection that is deleted must have left the dispatcher's queue, which keeps a plain pointer to it.
+// A connection that goes must have left the dispatcher's queue, which keeps a plain pointer to it.
+void closeConnection(DBus::Connection &connection)
+{
+    dbus_dispatcher.calls().disown();
+    connection.disconnect();
+    dbus_dispatcher.dispatch_pending();
+}
+
 void dropConnection()
 {
     if (!dbus_conn)
         return;
-    dbus_dispatcher.calls().disown();
-    dbus_conn->disconnect();
-    dbus_dispatcher.dispatch_pending();
+    closeConnection(*dbus_conn);
     delete dbus_conn;
     dbus_conn = nullptr;
 }
@@ -168,8 +173,15 @@ void dropConnection()
 void openConnection()
 {
     DBus::_init_threading();
-    dbus_conn = new DBus::Connection(DBus::Connection::SystemBus());
-    dbus_dispatcher.calls().own(dbus_conn);
+    DBus::Connection opened = DBus::Connection::SystemBus();
+    try {
+        auto kept = std::make_unique<DBus::Connection>(opened);
+        dbus_dispatcher.calls().own(kept.get());
+        dbus_conn = kept.release();
+    } catch (...) {
+        closeConnection(opened);
+        throw;
+    }
 }
 
 // Takes a kept connection up again: what came for an earlier client is not for the next one.

@@ -3,20 +3,27 @@
 #include "interpose.h"
 
 #include "log_capture.h"
+#include "platform.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 #include <dlfcn.h>
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <pthread.h>
 
 #undef curl_easy_setopt
+#undef curl_easy_getinfo
 #ifdef __clang__
 #pragma clang diagnostic ignored "-Wvarargs" // libcurl's own prototype ends in an enumeration and "..."
 #endif
@@ -37,15 +44,25 @@ Shared &shared()
 
 std::atomic<bool> fips_mode{false};
 
-// Runs a step on the kept state, under its lock.
+// Points that the library passes, and the one that is to fail.
+thread_local bool inside = false;
+std::atomic<bool> armed{false};
+std::atomic<int> passed{0};
+std::atomic<int> failing_point{0};
+std::atomic<const char *> failed_point{nullptr};
+
+// Runs a step on the kept state, under its lock, and outside the library.
 template <typename Step>
 auto with_state(Step step)
 {
+    const bool was_inside = std::exchange(inside, false);
     const std::lock_guard<std::mutex> lock(shared().mutex);
-    return step(shared().state);
+    const auto result = step(shared().state);
+    inside = was_inside;
+    return result;
 }
 
-bool fails(const char *function)
+bool is_named_fault(const char *function)
 {
     return with_state([&](auto &state) { return ++state.calls[function] == state.failing[function]; });
 }
@@ -55,6 +72,19 @@ template <typename Result, typename... Arguments>
 Result call_next(const char *name, Arguments... arguments)
 {
     return reinterpret_cast<Result (*)(Arguments...)>(dlsym(RTLD_NEXT, name))(arguments...);
+}
+
+struct Start {
+    void *(*function)(void *);
+    void *argument;
+};
+
+void *run_inside(void *data)
+{
+    const Start start = *static_cast<Start *>(data);
+    free(data);
+    inside = true;
+    return start.function(start.argument);
 }
 
 } // namespace
@@ -70,17 +100,50 @@ State kept()
 void reset(long timeout_ms, time_t now, bool clock_settable)
 {
     log_capture::record();
-    with_state([&](auto &state) { state = {{}, {}, {}, timeout_ms, now, clock_settable, {}}; });
+    with_state([&](auto &state) { return state = {{}, {}, {}, timeout_ms, now, clock_settable, {}}; });
 }
 
 void fail(const std::string &function, int nth)
 {
-    with_state([&](auto &state) { state.failing[function] = state.calls[function] + nth; });
+    with_state([&](auto &state) { return state.failing[function] = state.calls[function] + nth; });
 }
 
 void set_fips(bool on)
 {
     fips_mode = on;
+}
+
+void arm(int nth)
+{
+    passed = 0;
+    failing_point = nth;
+    failed_point = nullptr;
+    armed = true;
+}
+
+int disarm()
+{
+    armed = false;
+    return passed;
+}
+
+std::string failed()
+{
+    const char *name = failed_point;
+    return name ? name : "";
+}
+
+void set_inside(bool is_inside)
+{
+    inside = is_inside;
+}
+
+bool fails(const char *point)
+{
+    if (!inside || !armed || ++passed != failing_point)
+        return false;
+    failed_point = point;
+    return true;
 }
 
 std::string log_of(int priority)
@@ -102,16 +165,72 @@ bool logged(const std::string &text)
 
 } // namespace interpose
 
+using interpose::fails;
+
+// ---- Calls of the objects under test, which the linker's option --wrap leads here
+
+// Result, what it is on failure, name, parameters, arguments, and whether the call can be made to fail by name.
+#define POINT(result, failure, name, parameters, arguments, named)                                           \
+    extern "C" result __real_##name parameters;                                                              \
+    extern "C" result __wrap_##name parameters                                                               \
+    {                                                                                                        \
+        if (((named) && is_named_fault(#name)) || fails(#name))                                              \
+            return failure;                                                                                  \
+        return __real_##name arguments;                                                                      \
+    }
+
+// By name only the blocks of answers fail.
+POINT(void *, nullptr, malloc, (size_t size), (size), size == 16384)
+POINT(void *, nullptr, calloc, (size_t count, size_t size), (count, size), false)
+POINT(void *, nullptr, realloc, (void *block, size_t size), (block, size), size % 16384 == 0)
+POINT(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode), false)
+POINT(int, -1, eventfd, (unsigned int value, int flags), (value, flags), false)
+POINT(int, -1, pipe2, (int *ends, int flags), (ends, flags), false)
+POINT(CURL *, nullptr, curl_easy_init, (), (), true)
+POINT(CURLcode, CURLE_COULDNT_CONNECT, curl_easy_perform, (CURL * curl), (curl), true)
+POINT(curl_slist *, nullptr, curl_slist_append, (curl_slist * list, const char *text), (list, text), true)
+POINT(BIO *, nullptr, BIO_new, (const BIO_METHOD *method), (method), true)
+POINT(int, -1, BIO_read, (BIO * bio, void *data, int length), (bio, data, length), false)
+POINT(int, -1, BIO_write, (BIO * bio, const void *data, int length), (bio, data, length), false)
+POINT(SSL *, nullptr, SSL_new, (SSL_CTX * context), (context), true)
+POINT(int, -1, SSL_read, (SSL * ssl, void *data, int length), (ssl, data, length), false)
+POINT(int, -1, SSL_write, (SSL * ssl, const void *data, int length), (ssl, data, length), false)
+POINT(BIO *, nullptr, SSL_get_rbio, (const SSL *ssl), (ssl), false)
+POINT(BIO *, nullptr, SSL_get_wbio, (const SSL *ssl), (ssl), false)
+POINT(X509 *, nullptr, d2i_X509, (X509 * *out, const unsigned char **in, long length), (out, in, length),
+      false)
+POINT(EVP_PKEY *, nullptr, d2i_PrivateKey, (int type, EVP_PKEY **out, const unsigned char **in, long length),
+      (type, out, in, length), false)
+POINT(int, 0, SSL_CTX_use_certificate, (SSL_CTX * context, X509 *certificate), (context, certificate), false)
+POINT(int, 0, SSL_CTX_use_PrivateKey, (SSL_CTX * context, EVP_PKEY *key), (context, key), false)
+POINT(int, 0, SSL_CTX_check_private_key, (const SSL_CTX *context), (context), false)
+POINT(int, 1, tlsplat_api_init, (), (), false)
+POINT(int, 1, tlsplat_create_sec_ctx, (tlsplat_sec_ctx * context), (context), false)
+POINT(int, 1, tlsplat_setopt_sec_ctx, (tlsplat_sec_ctx context, int option, int value),
+      (context, option, value), false)
+POINT(tlsplat_pvt_ctx *, nullptr, tlsplat_get_ssl_ctx, (tlsplat_sec_ctx context), (context), false)
+POINT(int, 1, secstore_init_ssl_lib, (), (), false)
+POINT(int, 1, secstore_get_device_cert, (int selector, unsigned char *buffer, uint32_t *length),
+      (selector, buffer, length), false)
+POINT(int, 1, secstore_get_private_key, (int selector, unsigned char *buffer, uint32_t *length),
+      (selector, buffer, length), false)
+POINT(int, 0, netutil_check_port, (int port), (port), false)
+
 extern "C" {
 
+CURLcode __real_curl_easy_setopt(CURL *curl, CURLoption option, ...);
+CURLcode __real_curl_easy_getinfo(CURL *curl, CURLINFO info, ...);
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*function)(void *),
+                          void *argument);
+
 // Every option that the client sets takes one word, a number or a pointer.
-CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
+CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)
 {
     va_list arguments;
     va_start(arguments, option);
     void *value = va_arg(arguments, void *);
     va_end(arguments);
-    with_state([&](auto &state) {
+    value = with_state([&](auto &state) {
         std::string text;
         if (option < CURLOPTTYPE_OBJECTPOINT)
             text = std::to_string(reinterpret_cast<long>(value));
@@ -119,40 +238,36 @@ CURLcode curl_easy_setopt(CURL *curl, CURLoption option, ...)
                  option == CURLOPT_PROXYPASSWORD)
             text = value ? static_cast<const char *>(value) : "NULL";
         state.options.emplace_back(option, text);
-        if (option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0)
-            value = reinterpret_cast<void *>(state.timeout_ms); // NOLINT(performance-no-int-to-ptr)
+        const bool replaced = option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0;
+        return replaced ? reinterpret_cast<void *>(state.timeout_ms) // NOLINT(performance-no-int-to-ptr)
+                        : value;
     });
-    using Setopt = CURLcode (*)(CURL *, CURLoption, ...);
-    return fails("curl_easy_setopt")
+    return is_named_fault("curl_easy_setopt") || fails("curl_easy_setopt")
                ? CURLE_UNKNOWN_OPTION
-               : reinterpret_cast<Setopt>(dlsym(RTLD_NEXT, "curl_easy_setopt"))(curl, option, value);
+               : __real_curl_easy_setopt(curl, option, value);
 }
 
-CURL *curl_easy_init(void)
+CURLcode __wrap_curl_easy_getinfo(CURL *curl, CURLINFO info, ...)
 {
-    return fails("curl_easy_init") ? nullptr : call_next<CURL *>("curl_easy_init");
+    va_list arguments;
+    va_start(arguments, info);
+    void *value = va_arg(arguments, void *);
+    va_end(arguments);
+    return fails("curl_easy_getinfo") ? CURLE_UNKNOWN_OPTION : __real_curl_easy_getinfo(curl, info, value);
 }
 
-struct curl_slist *curl_slist_append(struct curl_slist *list, const char *text)
+// The threads that the library starts pass its points, too.
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*function)(void *),
+                          void *argument)
 {
-    return fails("curl_slist_append") ? nullptr : call_next<curl_slist *>("curl_slist_append", list, text);
+    if (fails("pthread_create"))
+        return EAGAIN;
+    auto *start = static_cast<Start *>(__real_malloc(sizeof(Start)));
+    *start = {function, argument};
+    return __real_pthread_create(thread, attributes, run_inside, start);
 }
 
-CURLcode curl_easy_perform(CURL *curl)
-{
-    return fails("curl_easy_perform") ? CURLE_COULDNT_CONNECT
-                                      : call_next<CURLcode>("curl_easy_perform", curl);
-}
-
-BIO *BIO_new(const BIO_METHOD *method)
-{
-    return fails("BIO_new") ? nullptr : call_next<BIO *>("BIO_new", method);
-}
-
-SSL *SSL_new(SSL_CTX *ctx)
-{
-    return fails("SSL_new") ? nullptr : call_next<SSL *>("SSL_new", ctx);
-}
+// ---- Functions of the C library and of OpenSSL, for everybody
 
 #if OPENSSL_VERSION_NUMBER >= 0x30000000L
 int EVP_default_properties_is_fips_enabled(OSSL_LIB_CTX *)
@@ -161,20 +276,6 @@ int FIPS_mode(void)
 #endif
 {
     return fips_mode;
-}
-
-// Of the client's objects alone, by the linker's option --wrap, and for the blocks of answers only.
-void *__real_malloc(size_t size);
-void *__real_realloc(void *block, size_t size);
-
-void *__wrap_malloc(size_t size)
-{
-    return size == 16384 && fails("malloc") ? nullptr : __real_malloc(size);
-}
-
-void *__wrap_realloc(void *block, size_t size)
-{
-    return size % 16384 == 0 && fails("realloc") ? nullptr : __real_realloc(block, size);
 }
 
 time_t time(time_t *out) noexcept

@@ -1,6 +1,5 @@
-// Stands between the client and the libraries that it calls: keeps what it logs and which request options it
-// sets, makes chosen calls fail, and holds the clock. The functions in interpose.cpp take the place of the
-// real ones in the whole test program.
+// Stands between the library's objects and what they call: keeps what they log and which request options they
+// set, makes chosen calls fail, and holds the clock.
 #ifndef TESTS_INTERPOSE_H
 #define TESTS_INTERPOSE_H
 
@@ -31,6 +30,15 @@ void reset(long timeout_ms = 0, time_t now = 0,
            bool clock_settable = false);             // forgets it; puts these in force
 void set_fips(bool on);                              // what the question for the FIPS mode is answered
 void fail(const std::string &function, int nth = 1); // makes the nth call from now (1: the next) fail
+
+// Points are the calls, and the requests for memory, that can fail. Only those on a thread that is inside the
+// library count: between set_inside() calls, and on threads that the library starts.
+void set_inside(bool inside);
+void arm(int nth);             // the nth point from now fails; none with 0
+int disarm();                  // how many points were passed since then
+std::string failed();          // the point that failed; "" when none did
+bool fails(const char *point); // passes a point
+
 std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
 bool logged(const std::string &text);
 

@@ -1,0 +1,141 @@
+// Runs whole uses of the library again and again, each time with the next request for memory or the next call
+// that can fail refused: nothing may crash, leak or give a wrong answer, and the library must work afterwards.
+// TORTURE_STRIDE=N takes every Nth point only.
+
+#include "bus_peer.h"
+#include "link.h"
+#include "log_capture.h"
+#include "proxymanager.h"
+
+#include <cstring>
+#include <iostream>
+
+namespace
+{
+
+using namespace test;
+
+// Runs a call of the library, whose points count.
+template <typename Call>
+auto in_library(Call call)
+{
+    interpose::set_inside(true);
+    const auto result = call();
+    interpose::set_inside(false);
+    return result;
+}
+
+// A scenario does its work and reports what no fault excuses; its value is whether everything succeeded.
+template <typename Scenario>
+void torture(Scenario scenario)
+{
+    const char *value = getenv("TORTURE_STRIDE");
+    const int stride = value ? atoi(value) : 10;
+    int failed = 0;
+    for (int nth = 1;; nth += stride) {
+        log_capture::record(false);
+        interpose::arm(nth);
+        scenario();
+
+        const int points = interpose::disarm();
+        const std::string point = interpose::failed();
+        SCOPED_TRACE(point + ", point " + std::to_string(nth));
+        failed += !point.empty();
+        ASSERT_FALSE(testing::Test::HasFailure());
+        ASSERT_TRUE(scenario()) << "the library no longer works";
+        if (nth > points)
+            break;
+    }
+    std::cout << failed << " points were failed" << std::endl;
+}
+
+// Connects, posts a short message and one of several records, and frees the handle.
+bool connect_and_post(int port)
+{
+    atls_handle *handle = in_library(create_atls_handle);
+    if (!handle)
+        return false;
+    int result =
+        in_library([&] { return atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", "track"); });
+    EXPECT_NE(result, ATLS_NO_COOKIE);
+    EXPECT_TRUE(result == ATLS_OK || (!handle->curl && !handle->ssl && !handle->header_opts)) << result;
+    atls_resp answer = {};
+    for (const size_t size : {20, 40000}) {
+        const std::string message = pattern(size);
+        if (result == ATLS_OK)
+            result = in_library([&] {
+                return atls_easy_perform(handle, message.data(), static_cast<int>(size), "/atls", &answer);
+            });
+        EXPECT_TRUE(result != ATLS_OK || std::string(answer.body, answer.body_len) == message);
+    }
+    const bool complete = result == ATLS_OK && answer.header;
+    in_library([&] {
+        cleanup_atls_resp(&answer);
+        free_atls_handle(handle);
+        return 0;
+    });
+    return complete;
+}
+
+TEST(Torture, ConnectionWithoutProxies)
+{
+    PrivateBus bus;
+    bus.kill();
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        Link link(version);
+        link.start();
+        torture([&] { return connect_and_post(link.service->port()); });
+    }
+}
+
+// Two proxies are dead; the third way is direct.
+TEST(Torture, ConnectionWithFailOver)
+{
+    const PrivateBus bus;
+    ScriptedService service;
+    Listener dead;
+    dead.close();
+    const std::string proxy = "PROXY 127.0.0.1:" + std::to_string(dead.port);
+    service.answer("getProxyurl", {Texts{"pacurl", proxy, proxy, "DIRECT"}});
+    Link link;
+    link.start();
+    torture([&] {
+        const bool complete = connect_and_post(link.service->port());
+        in_library(cleanup_proxy_manager_client);
+        return complete;
+    });
+}
+
+// Answers, evictions, changes by signal, and the end of the client.
+bool use_proxy_manager(ScriptedService &service)
+{
+    const int created = in_library(create_proxy_manager_client);
+    bool complete = created == 1;
+    for (int host = 0; host < 52; host++) {
+        const std::string url = "https://host" + std::to_string(host) + "/";
+        // Most hosts only fill the cache, as they do in the other tests.
+        interpose::set_inside(host == 0 || host > 49);
+        const ProxyUrlInformation answer = get_proxy_url(url.c_str());
+        interpose::set_inside(false);
+        const char *last = answer.proxyUrlCount == 2 ? answer.proxyUrlList[1] : nullptr;
+        complete = complete && last && strcmp(last, "DIRECT") == 0;
+    }
+    service.emit("notifyProxyConfigupdated", {"manual", "p:1", "user", "password"});
+    service.emit("notifyClearcache");
+    complete = in_library(check_service_started) && complete;
+    ProxyManagerConfig config = in_library(get_http_proxy_config);
+    complete = complete && config.password && strcmp(config.password, "password") == 0;
+    complete = in_library([&] { return update_proxy_config(config); }) == 0 && complete;
+    cleanupProxyConfig(&config);
+    EXPECT_EQ(in_library(cleanup_proxy_manager_client), created);
+    return complete;
+}
+
+TEST(Torture, ProxyManagerClient)
+{
+    const PrivateBus bus;
+    ScriptedService service;
+    torture([&] { return use_proxy_manager(service); });
+}
+
+} // namespace
