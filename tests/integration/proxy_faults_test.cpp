@@ -2,7 +2,6 @@
 
 #include "proxy_fixture.h"
 
-#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <future>
@@ -60,19 +59,19 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
 
 TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
 {
-    std::string latin1 = "caf\xe9", good = "x", huge(40 << 20, 'x');
-    for (std::string *bad : {&latin1, &huge}) {
-        const std::string reason = bad == &huge ? "text too long" : "text is not valid UTF-8";
+    const std::pair<std::string, std::string> cases[] = {{"caf\xe9", "text is not valid UTF-8"},
+                                                         {std::string(40 << 20, 'x'), "text too long"}};
+    for (auto [bad, reason] : cases) {
+        char good[] = "x";
         for (int field = 0; field < 4; field++) {
             log_capture::record();
-            ProxyManagerConfig config = {1, good.data(), good.data(), false, good.data(), good.data()};
+            ProxyManagerConfig config = {1, good, good, false, good, good};
             char **const fields[] = {&config.proxyUrl, &config.pacUrl, &config.userName, &config.password};
-            *fields[field] = bad->data();
+            *fields[field] = bad.data();
             EXPECT_EQ(update_proxy_config(config), -1) << field;
             EXPECT_TRUE(log_capture::contains(dbusError("updateProxyConfig", reason))) << field;
         }
-        const std::string url = "http://host" + std::to_string(bad->size()) + "/" + *bad;
-        EXPECT_EQ(toText(get_proxy_url(url.c_str())), "0");
+        EXPECT_EQ(toText(get_proxy_url(("http://" + reason + "/" + bad).c_str())), "0");
         EXPECT_TRUE(log_capture::contains(dbusError("getProxyUrl", reason)));
     }
     EXPECT_EQ(service->calls("updateProxyconfig") + service->calls("getProxyurl"), 0);
@@ -82,14 +81,10 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
 TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
 {
     const Texts six = {"manual", "p:1", "", "y", "", ""};
-    const Arguments shapes[] = {{},
-                                {"text"},
-                                {int32_t{1}},
-                                {"manual", "p:1", "", "y", "", ""},
-                                {Structure{{"manual", "p:1", ""}}},
-                                {Texts{}},
-                                {six},
-                                {true}};
+    const Arguments number = {int32_t{1}}, flag = {true};
+    const Arguments shapes[] = {
+        {},        {"text"}, number, {"manual", "p:1", "", "y", "", ""}, {Structure{{"manual", "p:1", ""}}},
+        {Texts{}}, {six},    flag};
     for (const Arguments &shape : shapes) {
         ScriptedService service;
         service.answer("getProxyconfig", shape);
@@ -101,8 +96,8 @@ TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
             service.answer(member, shape);
         const bool texts = shape == Arguments{six};
         EXPECT_EQ(toText(get_proxy_url("http://a/")), texts ? "1 p:1, NULL, y, NULL, NULL" : "0");
-        EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), shape == Arguments{int32_t{1}} ? 1 : -1);
-        EXPECT_EQ(check_service_started(), shape == Arguments{true});
+        EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), shape == number ? 1 : -1);
+        EXPECT_EQ(check_service_started(), shape == flag);
         cleanup_proxy_manager_client();
     }
     ScriptedService service;
@@ -132,7 +127,6 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
         EXPECT_TRUE(log_capture::contains(prefix + member + " signal dropped: type mismatch"));
     }
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
-    emit("unknownSignal", {int32_t{1}});
     emit("notifyClearcache", {"further"});
     EXPECT_TRUE(log_capture::contains("<6> ProxyManagerClientImpl-notifyClearcache called "));
 
@@ -151,14 +145,9 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
 
 TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
 {
-    auto service = std::make_unique<ScriptedService>();
-    const auto others = service->namesOnBus();
+    ScriptedService service;
     ASSERT_EQ(create_proxy_manager_client(), 1);
-    std::string client;
-    for (const std::string &name : service->namesOnBus()) {
-        if (std::find(others.begin(), others.end(), name) == others.end())
-            client = name;
-    }
+    const std::string client = dbus_conn->unique_name();
     set_proxy_manager_event_cb(0, Events::callback);
     BusPeer forger;
     const auto forge = [&] {
@@ -177,16 +166,15 @@ TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
         forger.namesOnBus();
     };
     forge();
-    service->emit("ProxyMgrStateEvent", {int32_t{2}}, client);
+    service.emit("ProxyMgrStateEvent", {int32_t{2}}, client);
     EXPECT_EQ(Events::take(1), std::vector<int>{2});
 
     // The service gives its name up, and another connection takes it.
     ScriptedService successor;
-    service->emit("ProxyMgrStateEvent", {int32_t{3}});
-    service->run(
-        [](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
-    service->emit("ProxyMgrStateEvent", {int32_t{4}});
-    service->namesOnBus();
+    service.emit("ProxyMgrStateEvent", {int32_t{3}});
+    service.run([](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
+    service.emit("ProxyMgrStateEvent", {int32_t{4}});
+    service.namesOnBus();
     forge();
     successor.emit("ProxyMgrStateEvent", {int32_t{5}});
     EXPECT_EQ(Events::take(2), (std::vector<int>{3, 5}));
@@ -200,27 +188,15 @@ TEST_F(RunningClient, StallsNobodyWhileTheServiceIsSlow)
     auto slow = std::async(std::launch::async, [] { return toText(get_proxy_url("http://slow/")); });
     service->waitForCalls("getProxyurl", 2);
     set_proxy_manager_event_cb(2, Events::callback);
-    int late = 0; // the machine may be busy with something else now and then
+    const auto start = Clock::now();
     for (int i = 0; i < 100; i++) {
-        const auto start = Clock::now();
-        service->emit("notifyProxyConfigupdated", {"wpad", "", "", ""});
-        EXPECT_EQ(Events::take(1), std::vector<int>{2});
-        late += secondsSince(start) > 0.05 ? 1 : 0;
-        EXPECT_TRUE(check_service_started());
+        emit("notifyProxyConfigupdated", {"wpad", "", "", ""});
+        EXPECT_EQ(Events::take(0), std::vector<int>{2}) << "handled before the reply behind it";
         EXPECT_EQ(toText(get_proxy_url("http://kept/")), USUAL_ANSWER);
     }
-    EXPECT_LT(late, 5);
+    EXPECT_LT(secondsSince(start), 10);
     service->answerHeld({Texts{"wpad", "DIRECT"}});
     EXPECT_EQ(slow.get(), "3 DIRECT");
-}
-
-TEST_F(RunningClient, HandlesSignalsAheadOfAReplyBeforeTheCallReturns)
-{
-    set_proxy_manager_event_cb(3, Events::callback);
-    for (int i = 0; i < 100; i++) {
-        emit("ProxyMgrStateEvent", {int32_t{3}});
-        EXPECT_EQ(Events::take(0), std::vector<int>{3});
-    }
 }
 
 TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
@@ -246,24 +222,18 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
     service->answerHeld({Texts{"pacurl", "DIRECT"}}); // too late for both
     EXPECT_TRUE(check_service_started());
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "0");
-    const Lines lines = log_capture::lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string &line) {
-                                return line.find(dbusError("getProxyUrl", "Did not receive a reply.")) == 0;
-                            }),
-              2);
 }
 
 TEST_F(ProxyTest, FailsAllCallsWhenTheBusIsLostAndStartsAnew)
 {
     for (int round = 0; round < 20; round++) {
-        auto service = std::make_unique<ScriptedService>();
+        ScriptedService service;
         ASSERT_EQ(create_proxy_manager_client(), 1);
-        service->hold("getProxyurl");
+        service.hold("getProxyurl");
         std::vector<std::future<std::string>> callers;
         for (const char *url : {"http://a/", "http://b/", "http://c/"})
             callers.push_back(std::async(std::launch::async, [url] { return toText(get_proxy_url(url)); }));
-        service->waitForCalls("getProxyurl", 3);
+        service.waitForCalls("getProxyurl", 3);
         const auto start = Clock::now();
         bus.kill();
         for (auto &caller : callers)
@@ -275,24 +245,11 @@ TEST_F(ProxyTest, FailsAllCallsWhenTheBusIsLostAndStartsAnew)
             EXPECT_EQ(create_proxy_manager_client(), 1); // the client is still there
         }
         bus.start();
-        service = std::make_unique<ScriptedService>();
         EXPECT_EQ(cleanup_proxy_manager_client(), 1);
-        ASSERT_EQ(create_proxy_manager_client(), 1);
-        EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
-        cleanup_proxy_manager_client();
     }
-}
-
-TEST_F(RunningClient, OutlivesAServiceThatDiesInACall)
-{
-    service->hold("updateProxyconfig");
-    auto caller = std::async(std::launch::async, [] { return update_proxy_config(ProxyManagerConfig{}); });
-    service->waitForCalls("updateProxyconfig", 1);
-    service.reset();
-    EXPECT_EQ(caller.get(), -1);
-    EXPECT_FALSE(check_service_started());
-    service = std::make_unique<ScriptedService>();
-    EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), 0);
+    ScriptedService service;
+    ASSERT_EQ(create_proxy_manager_client(), 1);
+    EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
 }
 
 // Meant for AddressSanitizer: strings are read while they are cleared, evicted and replaced.

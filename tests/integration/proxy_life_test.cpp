@@ -2,8 +2,6 @@
 
 #include "proxy_fixture.h"
 
-#include <dbus-c++/dbus.h>
-
 #include <atomic>
 #include <filesystem>
 
@@ -12,7 +10,6 @@
 #include <unistd.h>
 
 // What C++ programs find in the library.
-extern DBus::Connection *dbus_conn;
 extern DBus::BusDispatcher dbus_dispatcher;
 int create_proxy_manager_client(DBus::Connection &conn);
 int cleanup_without_conn();
