@@ -101,10 +101,9 @@ TEST_P(Connection, TakesOddResponses)
 {
     constexpr int ANY = -1; // the handshake is not tried, or goes on as if nothing were odd
     const auto status = [](int code) { return [=](Reply &reply) { reply.status = code; }; };
-    const auto header = [](const char *name, const std::string &value) {
+    const auto header = [](const char *replaced, const char *name, const std::string &value) {
         return [=](Reply &reply) {
-            for (const char *present : {name, strcasecmp(name, "Content-Type") == 0 ? "Content-Type" : name})
-                reply.headers.erase(present);
+            reply.headers.erase(replaced);
             reply.headers.emplace(name, value);
         };
     };
@@ -124,11 +123,11 @@ TEST_P(Connection, TakesOddResponses)
         {"moved", status(302), 7, 0, true, 0},
         {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
         {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 3, 4, false, 1},
-        {"cookies", header("Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
-        {"lower case", header("content-type", "application/octet-stream"), ANY, 0, false, 4},
-        {"not encrypted", header("Content-Type", "text/plain"), ANY, 0, false, 4},
+        {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
+        {"lower case", header("Content-Type", "content-type", "application/octet-stream"), ANY, 0, false, 4},
+        {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
         {"header above 32 KB", huge_header, ANY, 0, true, 0},
-        {"identifier", header("TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
+        {"identifier", header("TrackingID", "TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
         {"cut record", [](Reply &reply) { reply.body.pop_back(); }, ANY, 4, false, 4},
         {"doubled", [](Reply &reply) { reply.body += reply.body; }, ANY, 0, true, 4},
     };
@@ -234,15 +233,13 @@ TEST(Handshake, DumpsItsFlights)
         next++;
     ASSERT_EQ(mkdir(file("received", next).c_str(), 0700), 0);
     ASSERT_EQ(link.connect(), ATLS_OK);
-    EXPECT_EQ(test::read_file(file("sent", next)).size(), link.posted[0]);
-    EXPECT_EQ(test::read_file(file("sent", next + 1)).size(), link.posted[1]);
-    EXPECT_TRUE(interpose::logged("save_received_handshake_data: Failed to open " + file("received", next) +
-                                  " for write, error:Is a directory(21)"));
     rmdir(file("received", next).c_str());
     atls_handle_cleanup(&link.handle);
     ASSERT_EQ(link.connect(), ATLS_OK);
-    EXPECT_EQ(test::read_file(file("received", next)), received[2]);
-    EXPECT_EQ(test::read_file(file("received", next + 1)), received[3]);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(test::read_file(file("sent", next + i)).size(), link.posted[static_cast<size_t>(i)]);
+        EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
+    }
 }
 
 // The Date header is looked at in each cycle until one of three files says that the clock has been set.
