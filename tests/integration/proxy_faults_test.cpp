@@ -163,7 +163,7 @@ TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
         forger.emit("ProxyMgrStateEvent", {int32_t{1}});
         forger.emit("ProxyMgrStateEvent", {int32_t{1}}, client);
         forger.emit("notifyProxyConfigupdated", {"off", "", "", ""}, client);
-        forger.namesOnBus();
+        forger.sync();
     };
     forge();
     service.emit("ProxyMgrStateEvent", {int32_t{2}}, client);
@@ -174,7 +174,7 @@ TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
     service.emit("ProxyMgrStateEvent", {int32_t{3}});
     service.run([](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
     service.emit("ProxyMgrStateEvent", {int32_t{4}});
-    service.namesOnBus();
+    service.sync();
     forge();
     successor.emit("ProxyMgrStateEvent", {int32_t{5}});
     EXPECT_EQ(Events::take(2), (std::vector<int>{3, 5}));
