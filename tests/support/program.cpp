@@ -35,10 +35,9 @@ struct Pipe {
     }
 };
 
-[[noreturn]] void become(char **command, const Pipe &in, const Pipe &out, const Pipe &err)
+[[noreturn]] void become(char **command, const Pipe &out, const Pipe &err)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(in.reading.get(), STDIN_FILENO);
     dup2(out.writing.get(), STDOUT_FILENO);
     dup2(err.writing.get(), STDERR_FILENO);
     for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; descriptor++)
@@ -85,17 +84,17 @@ void run(const std::string &command)
         throw std::runtime_error("failed: " + command + "\n" + shell.err());
 }
 
-Program::Program(std::vector<std::string> command, const std::string &input)
+Program::Program(std::vector<std::string> command)
 {
     std::vector<char *> arguments;
     for (auto &argument : command)
         arguments.push_back(argument.data());
     arguments.push_back(nullptr);
-    Pipe in, out, err;
+    Pipe out, err;
     pid_ = fork();
     if (pid_ == 0)
-        become(arguments.data(), in, out, err);
-    if (pid_ < 0 || write(in.writing.get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        become(arguments.data(), out, err);
+    if (pid_ < 0)
         throw std::runtime_error("cannot start " + command[0]);
     out_pipe_ = std::move(out.reading);
     err_pipe_ = std::move(err.reading);

@@ -29,7 +29,7 @@ void run(const std::string &command); // in the shell; throws when it fails
 class Program
 {
 public:
-    explicit Program(std::vector<std::string> command, const std::string &input = "");
+    explicit Program(std::vector<std::string> command);
     ~Program() { end(SIGTERM); }
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
