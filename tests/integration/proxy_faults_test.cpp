@@ -28,14 +28,6 @@ std::string dbusError(const std::string &method, const std::string &text)
     return "<3> ProxyManagerClientImpl-" + method + " DBus Error occured: " + text;
 }
 
-// Processor time that the whole process uses within a while.
-double idleCost()
-{
-    const std::clock_t before = std::clock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
-}
-
 } // namespace
 
 // The wall clock of this program can be put forward; the machine's is left alone.
@@ -116,7 +108,6 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
     const std::string prefix = "<3> ProxyManagerClientImpl-";
     const std::pair<std::string, Arguments> bad[] = {
         {"notifyProxyConfigupdated", {}},
-        {"notifyProxyConfigupdated", {"manual", "p:1", "u"}},
         {"notifyProxyConfigupdated", {"manual", "p", "u", int32_t{1}}},
         {"ProxyMgrStateEvent", {}},
         {"ProxyMgrStateEvent", {"1"}},
@@ -209,6 +200,7 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
             EXPECT_NEAR(secondsSince(start), 25, 1.5);
         });
     };
+    const std::clock_t cpu = std::clock();
     auto first = ask("http://a/");
     service->waitForCalls("getProxyurl", 1);
     wallClockJumped = true;
@@ -218,6 +210,7 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
     first.get();
     EXPECT_TRUE(check_service_started());
     second.get();
+    EXPECT_LT(std::clock() - cpu, 5 * CLOCKS_PER_SEC) << "the thread is idle";
     wallClockJumped = false;
     service->answerHeld({Texts{"pacurl", "DIRECT"}}); // too late for both
     EXPECT_TRUE(check_service_started());
@@ -240,9 +233,11 @@ TEST_F(ProxyTest, FailsAllCallsWhenTheBusIsLostAndStartsAnew)
             EXPECT_EQ(caller.get(), "0");
         EXPECT_FALSE(check_service_started());
         EXPECT_LT(secondsSince(start), 5);
+        EXPECT_EQ(create_proxy_manager_client(), 1) << "the client is still there";
         if (round == 0) {
-            EXPECT_LT(idleCost(), 0.1);
-            EXPECT_EQ(create_proxy_manager_client(), 1); // the client is still there
+            const std::clock_t cpu = std::clock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            EXPECT_LT(std::clock() - cpu, CLOCKS_PER_SEC / 10) << "the thread is idle";
         }
         bus.start();
         EXPECT_EQ(cleanup_proxy_manager_client(), 1);
