@@ -4,11 +4,9 @@
 #include "log_capture.h"
 #include "lruproxyurlcache.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <list>
-#include <optional>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -16,24 +14,10 @@
 namespace
 {
 
-using Model = std::list<std::pair<std::string, int>>; // from the most to the least recently used
-
 std::string textOrNull(char *text)
 {
     const std::unique_ptr<char, decltype(&free)> owned(text, free);
     return text ? text : "NULL";
-}
-
-// Takes an entry out.
-std::optional<int> take(Model &model, const std::string &key)
-{
-    const auto entry =
-        std::find_if(model.begin(), model.end(), [&](const auto &each) { return each.first == key; });
-    if (entry == model.end())
-        return {};
-    const int value = entry->second;
-    model.erase(entry);
-    return value;
 }
 
 } // namespace
@@ -76,10 +60,8 @@ TEST(Records, AreCopiedDeeplyAndReleasedOnce)
     EXPECT_STREQ(copy.proxyUrl, "p:1");
     EXPECT_TRUE(copy.proxyUrl != source.proxyUrl && !copy.pacUrl && !copy.userName && !copy.password);
     ProxyUrlInformation info;
-    initProxyUrlInfo(&info, 2, 0);
-    EXPECT_TRUE(info.mode == 2 && !info.proxyUrlList && info.proxyUrlCount == 0);
     initProxyUrlInfo(&info, 3, 2);
-    EXPECT_TRUE(info.proxyUrlList && !info.proxyUrlList[0] && !info.proxyUrlList[1]);
+    EXPECT_TRUE(info.mode == 3 && !info.proxyUrlList[0] && !info.proxyUrlList[1]);
     info.proxyUrlList[1] = strdup("DIRECT");
     info.password = strdup("secret");
     ProxySetting setting = {4, strdup("value")};
@@ -87,10 +69,9 @@ TEST(Records, AreCopiedDeeplyAndReleasedOnce)
         cleanupProxyConfig(&copy);
         cleanupProxyUrlInfo(&info);
         cleanupProxySetting(&setting);
-        EXPECT_TRUE(copy.mode == 2 && copy.optionFlag && !copy.proxyUrl);
-        EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && !info.password);
-        EXPECT_TRUE(setting.kind == 0 && !setting.value);
     }
+    EXPECT_TRUE(copy.mode == 2 && copy.optionFlag && !copy.proxyUrl && setting.kind == 0);
+    EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && !info.password);
 }
 
 TEST(ProxyCache, AgreesWithASimpleModel)
@@ -100,33 +81,36 @@ TEST(ProxyCache, AgreesWithASimpleModel)
     std::vector<int> released, expected;
     const auto keep = [](int &value, void *list) { static_cast<std::vector<int> *>(list)->push_back(value); };
     LRUProxyURLCache<int> cache(50, keep, &released);
-    Model model;
+    std::list<std::string> order; // from the most to the least recently used
+    std::map<std::string, int> values;
     for (int step = 0; step < 1000000; step++) {
         const std::string key = "k" + std::to_string(random() % 80);
         const unsigned choice = random() % 10000;
+        const bool present = values.count(key) != 0;
         if (choice == 0) {
             cache.clearCache();
-            const std::map<std::string, int> sorted(model.begin(), model.end());
-            for (const auto &entry : sorted)
-                expected.push_back(entry.second);
-            model.clear();
+            for (const auto &[each, value] : values)
+                expected.push_back(value);
+            values.clear();
+            order.clear();
         } else if (choice < 5000) {
             cache.set(key, step);
-            if (!take(model, key) && model.size() == 50) {
-                expected.push_back(model.back().second);
-                model.pop_back();
+            if (!present && order.size() == 50) {
+                expected.push_back(values[order.back()]);
+                values.erase(order.back());
+                order.pop_back();
             }
-            model.emplace_front(key, step);
+            values[key] = step;
         } else {
             int value = -1;
-            const auto present = take(model, key);
-            if (present)
-                model.emplace_front(key, *present);
-            ASSERT_EQ(cache.get(key, value), present.has_value()) << step;
-            ASSERT_EQ(value, present.value_or(-1)) << step;
+            ASSERT_EQ(cache.get(key, value), present) << step;
+            ASSERT_EQ(value, present ? values[key] : -1) << step;
         }
+        order.remove(key);
+        if (values.count(key) != 0)
+            order.push_front(key);
         ASSERT_EQ(released, expected) << step;
-        ASSERT_EQ(cache.nodeMap.size() + cache.valueMap.size(), 2 * model.size()) << step;
+        ASSERT_EQ(cache.nodeMap.size() + cache.valueMap.size(), 2 * values.size()) << step;
         released.clear();
         expected.clear();
     }
