@@ -26,12 +26,12 @@ size_t countIn(const char *folder)
     return static_cast<size_t>(std::distance(begin(entries), end(entries)));
 }
 
-// What the program around the library prints and complains of, and its exit status unless it is 0.
+// What the program around the library prints; its complaints and exit status, unless that is 0.
 std::string outcome(const char *what)
 {
     Program program({PROXY_PROGRAM, what});
     const int status = program.end();
-    return program.out() + program.err() + (status == 0 ? "" : std::to_string(status));
+    return program.out() + (status == 0 ? "" : program.err() + std::to_string(status));
 }
 
 } // namespace
