@@ -14,12 +14,6 @@ namespace
 
 using atls_service::Reply;
 
-void set_header(Reply &reply, const std::string &name, const std::string &value)
-{
-    reply.headers.erase(name);
-    reply.headers.emplace(name, value);
-}
-
 class Connection : public testing::TestWithParam<int>
 {
 protected:
@@ -33,14 +27,20 @@ INSTANTIATE_TEST_SUITE_P(Tls, Connection, testing::Values(TLS1_2_VERSION, TLS1_3
 TEST_P(Connection, CarriesMessagesOfAnyLength)
 {
     link_.start();
-    for (const size_t size :
-         {1, 14000, 16355, 16356, 16357, 16358, 16359, 16360, 16361, 16362, 16363, 20000, 1000000}) {
+    for (const size_t size : {1, 16355, 16356, 16361, 16362, 16363, 20000, 1000000}) {
         ASSERT_EQ(link_.connect(), ATLS_OK);
         for (int i = 0; i < 2; i++) { // the first message, with what the handshake left, and a later one
             ASSERT_EQ(link_.exchange(test::pattern(size)), ATLS_OK) << size;
             EXPECT_TRUE(link_.body() == test::pattern(size) && link_.answer.body[size] == '\0') << size;
         }
         atls_handle_cleanup(&link_.handle);
+    }
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    for (const size_t size : {100, 16383, 16384, 16385, 32768, 1048577}) { // full records cannot be read
+        link_.reply = size;
+        const bool readable = size % 16384 != 0;
+        EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
+        EXPECT_TRUE(link_.body() == (readable ? test::pattern(size) : "")) << size;
     }
 }
 
@@ -49,7 +49,7 @@ TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
     link_.start();
     ASSERT_EQ(link_.connect(), ATLS_OK);
     EXPECT_EQ(link_.posted.size(), tls13() ? 1u : 2u);
-    for (int i = 0; i < 10; i++) {
+    for (int i = 0; i < 3; i++) {
         ASSERT_EQ(link_.exchange("hello"), ATLS_OK);
         long connects = -1;
         curl_easy_getinfo(link_.handle->curl, CURLINFO_NUM_CONNECTS, &connects);
@@ -60,18 +60,6 @@ TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
     EXPECT_EQ(interpose::log_of(LOG_ERR), "");
     EXPECT_EQ(link_.connect(), ATLS_INVALID_INPUT) << "connected already";
     EXPECT_EQ(link_.exchange("still connected"), ATLS_OK);
-}
-
-TEST_P(Connection, ReadsAnswersOfEveryLengthButFullRecords)
-{
-    link_.start();
-    ASSERT_EQ(link_.connect(), ATLS_OK);
-    for (const size_t size : {1, 100, 16383, 16384, 16385, 20000, 32768, 1048575, 1048577}) {
-        link_.reply = size;
-        const bool readable = size % 16384 != 0;
-        EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
-        EXPECT_TRUE(link_.body() == (readable ? test::pattern(size) : "")) << size;
-    }
 }
 
 TEST_P(Connection, DropsAnAnswerThatThereIsNoMemoryFor)
@@ -108,69 +96,58 @@ TEST_P(Connection, SendsNothingStaleAfterAFailure)
     }
 }
 
-TEST_P(Connection, TellsHandshakeResponsesApart)
+// What the service may send in the place of its response, in the handshake and in an exchange.
+TEST_P(Connection, TakesOddResponses)
 {
-    const std::pair<std::function<void(Reply &)>, int> cases[] = {
-        {[](Reply &reply) { reply.status = 400; }, 4},
-        {[](Reply &reply) { reply.status = 403; }, 7},
-        {[](Reply &reply) { reply.status = 302; }, 7},
-        {[](Reply &reply) { reply.body.clear(); }, 3},
-        {[](Reply &reply) { set_header(reply, "Set-Cookie", std::string(1023, 'c')); }, 4},
-        {[](Reply &reply) { reply.body = "garbage"; }, 3},
+    constexpr int ANY = -1; // the handshake is not tried, or goes on as if nothing were odd
+    const auto status = [](int code) { return [=](Reply &reply) { reply.status = code; }; };
+    const auto header = [](const char *replaced, const char *name, const std::string &value) {
+        return [=](Reply &reply) {
+            reply.headers.erase(replaced);
+            reply.headers.emplace(name, value);
+        };
     };
-    link_.start();
-    for (const auto &[tamper, result] : cases) {
-        link_.tamper = tamper;
-        EXPECT_EQ(link_.connect(), result);
-        EXPECT_TRUE(interpose::logged("atls_rc=>[" + std::to_string(result) + "]"));
-        EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
-                    !*link_.handle->hostname);
-    }
-    link_.tamper = nullptr;
-    EXPECT_EQ(link_.connect(), ATLS_OK) << "the emptied handle can be connected again";
-}
-
-TEST_P(Connection, HandsBackOddAnswers)
-{
-    const auto lower_case = [](Reply &reply) {
-        reply.headers.erase("Content-Type");
-        set_header(reply, "content-type", "application/octet-stream");
-    };
-    const auto plain_text = [](Reply &reply) { set_header(reply, "Content-Type", "text/plain"); };
     const auto huge_header = [](Reply &reply) {
         for (int i = 10; i < 22; i++) // in front of Content-Type
-            set_header(reply, "A-" + std::to_string(i), std::string(5000, 'a'));
+            reply.headers.emplace("A-" + std::to_string(i), std::string(5000, 'a'));
     };
     const struct {
         const char *name;
         std::function<void(Reply &)> tamper;
-        int result;
+        int handshake, exchange;
         bool decrypted;
         int next; // result of the exchange after it
     } cases[] = {
-        {"lower case", lower_case, 0, false, 4},
-        {"not encrypted", plain_text, 0, false, 4},
-        {"error status", [](Reply &reply) { reply.status = 503; }, 0, true, 0},
-        {"no body", [](Reply &reply) { reply.body.clear(); }, 6, false, 4},
-        {"header above 32 KB", huge_header, 0, true, 0},
-        {"identifier", [](Reply &reply) { set_header(reply, "TrackingID", std::string(65, 'i')); }, 0, true,
-         0},
-        {"cookies", [](Reply &reply) { set_header(reply, "Set-Cookie", std::string(1023, 'c')); }, 4, false,
-         4},
-        {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 4, false, 1},
-        {"cut record", [](Reply &reply) { reply.body.pop_back(); }, 4, false, 4},
-        {"doubled", [](Reply &reply) { reply.body += reply.body; }, 0, true, 4},
+        {"bad request", status(400), 4, 0, true, 0},
+        {"refused", status(403), 7, 0, true, 0},
+        {"moved", status(302), 7, 0, true, 0},
+        {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
+        {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 3, 4, false, 1},
+        {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
+        {"lower case", header("Content-Type", "content-type", "application/octet-stream"), ANY, 0, false, 4},
+        {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
+        {"header above 32 KB", huge_header, ANY, 0, true, 0},
+        {"identifier", header("TrackingID", "TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
+        {"cut record", [](Reply &reply) { reply.body.pop_back(); }, ANY, 4, false, 4},
+        {"doubled", [](Reply &reply) { reply.body += reply.body; }, ANY, 0, true, 4},
     };
     link_.start();
     for (const auto &wanted : cases) {
         SCOPED_TRACE(wanted.name);
         atls_handle_cleanup(&link_.handle);
+        if (wanted.handshake != ANY) {
+            link_.tamper = wanted.tamper;
+            EXPECT_EQ(link_.connect(), wanted.handshake);
+            EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
+                        !*link_.handle->hostname);
+            link_.tamper = nullptr;
+        }
         ASSERT_EQ(link_.connect(), ATLS_OK);
         ASSERT_EQ(link_.exchange("one"), ATLS_OK);
         link_.tamper = wanted.tamper;
-        EXPECT_EQ(link_.exchange("two"), wanted.result);
+        EXPECT_EQ(link_.exchange("two"), wanted.exchange);
         EXPECT_EQ(link_.body() == "two", wanted.decrypted);
-        EXPECT_EQ(link_.answer.header != nullptr, wanted.result == 0);
+        EXPECT_EQ(link_.answer.header != nullptr, wanted.exchange == 0);
         link_.tamper = nullptr;
         EXPECT_EQ(link_.exchange("three"), wanted.next);
     }
@@ -185,33 +162,9 @@ TEST_P(Connection, EndsWhenACertificateIsRefused)
         EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
         EXPECT_EQ(link_.exchange("two"), ATLS_INVALID_INPUT);
     }
-    EXPECT_TRUE(link_.service_logged("device certificate /CN=Throwaway device: unable to get local issuer"));
-    EXPECT_TRUE(link_.service_logged("alert sent: unknown CA"));
-
     atls_handle_cleanup(&link_.handle);
     test::run("cp " + test::identity("ca/device-cert.pem") + " " + link_.folder.path("truststore.pem"));
     EXPECT_EQ(link_.connect(), ATLS_HANDSHAKE_FAILED) << "the service is not trusted";
-    EXPECT_TRUE(link_.service_logged("alert received: unknown CA"));
-}
-
-TEST_P(Connection, LosesASessionThatTheServiceDropped)
-{
-    link_.options.max_sessions = 1;
-    link_.options.idle_limit = std::chrono::seconds(1);
-    link_.start();
-    ASSERT_EQ(link_.connect() + link_.exchange("one"), ATLS_OK);
-    while (link_.service->session_count() != 0)
-        usleep(20000);
-    EXPECT_TRUE(link_.service_logged("dropped: idle"));
-    EXPECT_EQ(link_.exchange("two"), ATLS_BAD_RESPONSE);
-
-    atls_handle_cleanup(&link_.handle);
-    ASSERT_EQ(link_.connect(), ATLS_OK);
-    test::Device other;
-    ASSERT_EQ(atls_connect(&other.handle, "127.0.0.1", nullptr, link_.service->port(), "/", nullptr),
-              ATLS_OK);
-    EXPECT_TRUE(link_.service_logged("dropped: too many sessions"));
-    EXPECT_EQ(link_.exchange("three"), ATLS_BAD_RESPONSE);
 }
 
 TEST_P(Connection, ServesEightThreadsAtOnce)
@@ -236,32 +189,24 @@ TEST_P(Connection, ServesEightThreadsAtOnce)
         thread.join();
 }
 
-TEST(Arguments, AreCheckedInOrder)
+TEST(Arguments, AreChecked)
 {
     test::Link link;
     atls_handle **handle = &link.handle;
-    const auto error = [](int result) {
-        const std::string line = interpose::log_of(LOG_ERR);
-        interpose::reset();
-        return std::to_string(result) + " " + line.substr(line.rfind("...") + 3);
-    };
-    EXPECT_EQ(error(atls_connect(handle, nullptr, nullptr, 0, "/", nullptr)), "1 bad handle/host/ip/service");
-    EXPECT_EQ(error(atls_connect(handle, "h", nullptr, 0, nullptr, nullptr)), "1 bad handle/host/ip/service");
-    EXPECT_EQ(error(atls_connect(handle, "h", nullptr, 65536, "/", nullptr)), "1 bad port");
-    EXPECT_EQ(atls_connect(handle, std::string(512, 'h').c_str(), nullptr, 1, "/", nullptr),
-              ATLS_SETUP_FAILED);
+    const std::string long_name(512, 'h');
+    EXPECT_EQ(atls_connect(handle, nullptr, nullptr, 1, "/", nullptr), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_connect(handle, "h", nullptr, 1, nullptr, nullptr), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_connect(handle, "h", nullptr, 65536, "/", nullptr), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_connect(handle, long_name.c_str(), nullptr, 1, "/", nullptr), ATLS_SETUP_FAILED);
     EXPECT_EQ(atls_connect(handle, "", "127.0.0.1", 1, "/", nullptr), ATLS_INVALID_INPUT);
     EXPECT_TRUE(link.handle->port == 0 && link.handle->hostname[0] == '\0');
     EXPECT_EQ(link.exchange("x"), ATLS_INVALID_INPUT) << "not connected";
-
     link.start();
     ASSERT_EQ(link.connect() + link.exchange("first"), ATLS_OK);
-    interpose::reset();
-    EXPECT_EQ(error(atls_easy_perform(link.handle, nullptr, 1, "/", nullptr)), "1 bad msg/msg_len/service");
-    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 0, "/", &link.answer)), "1 bad msg/msg_len/service");
-    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 1, nullptr, &link.answer)),
-              "1 bad msg/msg_len/service");
-    EXPECT_EQ(error(atls_easy_perform(link.handle, "m", 1, "/", nullptr)), "1 bad atls_resp");
+    EXPECT_EQ(atls_easy_perform(link.handle, nullptr, 1, "/", &link.answer), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_easy_perform(link.handle, "m", 0, "/", &link.answer), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_easy_perform(link.handle, "m", 1, nullptr, &link.answer), ATLS_INVALID_INPUT);
+    EXPECT_EQ(atls_easy_perform(link.handle, "m", 1, "/", nullptr), ATLS_INVALID_INPUT);
     EXPECT_EQ(link.body(), "first") << "the earlier answer is still there";
 }
 
@@ -280,22 +225,23 @@ TEST(Handshake, DumpsItsFlights)
         next++;
     ASSERT_EQ(mkdir(file("received", next).c_str(), 0700), 0);
     ASSERT_EQ(link.connect(), ATLS_OK);
-    EXPECT_EQ(test::read_file(file("sent", next)).size(), link.posted[0]);
-    EXPECT_EQ(test::read_file(file("sent", next + 1)).size(), link.posted[1]);
-    EXPECT_TRUE(interpose::logged("save_received_handshake_data: Failed to open " + file("received", next) +
-                                  " for write, error:Is a directory(21)"));
     rmdir(file("received", next).c_str());
     atls_handle_cleanup(&link.handle);
     ASSERT_EQ(link.connect(), ATLS_OK);
-    EXPECT_EQ(test::read_file(file("received", next)), received[2]);
-    EXPECT_EQ(test::read_file(file("received", next + 1)), received[3]);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(test::read_file(file("sent", next + i)).size(), link.posted[static_cast<size_t>(i)]);
+        EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
+    }
 }
 
 // The Date header is looked at in each cycle until one of three files says that the clock has been set.
 TEST(Handshake, SetsTheClockUnlessItIsSet)
 {
     test::Link link(TLS1_2_VERSION); // two cycles
-    link.tamper = [](Reply &reply) { set_header(reply, "Date", "Wed, 18 Nov 2037 10:20:30 GMT"); };
+    link.tamper = [](Reply &reply) {
+        reply.headers.erase("Date");
+        reply.headers.emplace("Date", "Wed, 18 Nov 2037 10:20:30 GMT");
+    };
     link.start();
     const auto settings = [&](bool settable) {
         interpose::reset(0, 0, settable);

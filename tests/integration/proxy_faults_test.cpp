@@ -2,7 +2,6 @@
 
 #include "proxy_fixture.h"
 
-#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <future>
@@ -29,14 +28,6 @@ std::string dbusError(const std::string &method, const std::string &text)
     return "<3> ProxyManagerClientImpl-" + method + " DBus Error occured: " + text;
 }
 
-// Processor time that the whole process uses within a while.
-double idleCost()
-{
-    const std::clock_t before = std::clock();
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    return static_cast<double>(std::clock() - before) / CLOCKS_PER_SEC;
-}
-
 } // namespace
 
 // The wall clock of this program can be put forward; the machine's is left alone.
@@ -60,19 +51,19 @@ extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
 
 TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
 {
-    std::string latin1 = "caf\xe9", good = "x", huge(40 << 20, 'x');
-    for (std::string *bad : {&latin1, &huge}) {
-        const std::string reason = bad == &huge ? "text too long" : "text is not valid UTF-8";
+    const std::pair<std::string, std::string> cases[] = {{"caf\xe9", "text is not valid UTF-8"},
+                                                         {std::string(40 << 20, 'x'), "text too long"}};
+    for (auto [bad, reason] : cases) {
+        char good[] = "x";
         for (int field = 0; field < 4; field++) {
             log_capture::record();
-            ProxyManagerConfig config = {1, good.data(), good.data(), false, good.data(), good.data()};
+            ProxyManagerConfig config = {1, good, good, false, good, good};
             char **const fields[] = {&config.proxyUrl, &config.pacUrl, &config.userName, &config.password};
-            *fields[field] = bad->data();
+            *fields[field] = bad.data();
             EXPECT_EQ(update_proxy_config(config), -1) << field;
             EXPECT_TRUE(log_capture::contains(dbusError("updateProxyConfig", reason))) << field;
         }
-        const std::string url = "http://host" + std::to_string(bad->size()) + "/" + *bad;
-        EXPECT_EQ(toText(get_proxy_url(url.c_str())), "0");
+        EXPECT_EQ(toText(get_proxy_url(("http://" + reason + "/" + bad).c_str())), "0");
         EXPECT_TRUE(log_capture::contains(dbusError("getProxyUrl", reason)));
     }
     EXPECT_EQ(service->calls("updateProxyconfig") + service->calls("getProxyurl"), 0);
@@ -82,15 +73,10 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
 TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
 {
     const Texts six = {"manual", "p:1", "", "y", "", ""};
-    const Arguments shapes[] = {{},
-                                {"text"},
-                                {int32_t{1}},
-                                {"manual", "p:1", "", "y", "", ""},
-                                {Structure{{"manual", "p:1", ""}}},
-                                {Texts{}},
-                                {six},
-                                {true}};
-    for (const Arguments &shape : shapes) {
+    const Arguments nothing, text = {"text"}, texts(six.begin(), six.end()), number = {int32_t{1}},
+                             flag = {true}, empty = {Texts{}}, list = {six},
+                             three = {Structure{{"manual", "p:1", ""}}};
+    for (const Arguments &shape : {nothing, text, texts, number, flag, empty, list, three}) {
         ScriptedService service;
         service.answer("getProxyconfig", shape);
         ASSERT_EQ(create_proxy_manager_client(), 1);
@@ -99,19 +85,15 @@ TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
         EXPECT_TRUE(check_service_started());
         for (const char *member : {"getProxyurl", "updateProxyconfig", "checkServicestarted"})
             service.answer(member, shape);
-        const bool texts = shape == Arguments{six};
-        EXPECT_EQ(toText(get_proxy_url("http://a/")), texts ? "1 p:1, NULL, y, NULL, NULL" : "0");
-        EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), shape == Arguments{int32_t{1}} ? 1 : -1);
-        EXPECT_EQ(check_service_started(), shape == Arguments{true});
+        EXPECT_EQ(toText(get_proxy_url("http://a/")), shape == list ? "1 p:1, NULL, y, NULL, NULL" : "0");
+        EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), shape == number ? 1 : -1);
+        EXPECT_EQ(check_service_started(), shape == flag);
         cleanup_proxy_manager_client();
     }
     ScriptedService service;
     ASSERT_EQ(create_proxy_manager_client(), 1);
-    service.script("checkServicestarted", [](DBusMessage *call) {
-        return dbus_message_new_error(call, "com.halvo.Error", "no luck");
-    });
+    service.script("checkServicestarted", nullptr); // answered with an error
     EXPECT_FALSE(check_service_started());
-    EXPECT_TRUE(log_capture::contains("<3> check_service_started DBus Error occured: no luck"));
     cleanup_proxy_manager_client();
     EXPECT_EQ(create_proxy_manager_client(), 0);
 }
@@ -121,7 +103,6 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
     const std::string prefix = "<3> ProxyManagerClientImpl-";
     const std::pair<std::string, Arguments> bad[] = {
         {"notifyProxyConfigupdated", {}},
-        {"notifyProxyConfigupdated", {"manual", "p:1", "u"}},
         {"notifyProxyConfigupdated", {"manual", "p", "u", int32_t{1}}},
         {"ProxyMgrStateEvent", {}},
         {"ProxyMgrStateEvent", {"1"}},
@@ -132,7 +113,6 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
         EXPECT_TRUE(log_capture::contains(prefix + member + " signal dropped: type mismatch"));
     }
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
-    emit("unknownSignal", {int32_t{1}});
     emit("notifyClearcache", {"further"});
     EXPECT_TRUE(log_capture::contains("<6> ProxyManagerClientImpl-notifyClearcache called "));
 
@@ -151,14 +131,9 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
 
 TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
 {
-    auto service = std::make_unique<ScriptedService>();
-    const auto others = service->namesOnBus();
+    ScriptedService service;
     ASSERT_EQ(create_proxy_manager_client(), 1);
-    std::string client;
-    for (const std::string &name : service->namesOnBus()) {
-        if (std::find(others.begin(), others.end(), name) == others.end())
-            client = name;
-    }
+    const std::string client = dbus_conn->unique_name();
     set_proxy_manager_event_cb(0, Events::callback);
     BusPeer forger;
     const auto forge = [&] {
@@ -174,19 +149,18 @@ TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
         forger.emit("ProxyMgrStateEvent", {int32_t{1}});
         forger.emit("ProxyMgrStateEvent", {int32_t{1}}, client);
         forger.emit("notifyProxyConfigupdated", {"off", "", "", ""}, client);
-        forger.namesOnBus();
+        forger.sync();
     };
     forge();
-    service->emit("ProxyMgrStateEvent", {int32_t{2}}, client);
+    service.emit("ProxyMgrStateEvent", {int32_t{2}}, client);
     EXPECT_EQ(Events::take(1), std::vector<int>{2});
 
     // The service gives its name up, and another connection takes it.
     ScriptedService successor;
-    service->emit("ProxyMgrStateEvent", {int32_t{3}});
-    service->run(
-        [](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
-    service->emit("ProxyMgrStateEvent", {int32_t{4}});
-    service->namesOnBus();
+    service.emit("ProxyMgrStateEvent", {int32_t{3}});
+    service.run([](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
+    service.emit("ProxyMgrStateEvent", {int32_t{4}});
+    service.sync();
     forge();
     successor.emit("ProxyMgrStateEvent", {int32_t{5}});
     EXPECT_EQ(Events::take(2), (std::vector<int>{3, 5}));
@@ -200,27 +174,15 @@ TEST_F(RunningClient, StallsNobodyWhileTheServiceIsSlow)
     auto slow = std::async(std::launch::async, [] { return toText(get_proxy_url("http://slow/")); });
     service->waitForCalls("getProxyurl", 2);
     set_proxy_manager_event_cb(2, Events::callback);
-    int late = 0; // the machine may be busy with something else now and then
+    const auto start = Clock::now();
     for (int i = 0; i < 100; i++) {
-        const auto start = Clock::now();
-        service->emit("notifyProxyConfigupdated", {"wpad", "", "", ""});
-        EXPECT_EQ(Events::take(1), std::vector<int>{2});
-        late += secondsSince(start) > 0.05 ? 1 : 0;
-        EXPECT_TRUE(check_service_started());
+        emit("notifyProxyConfigupdated", {"wpad", "", "", ""});
+        EXPECT_EQ(Events::take(0), std::vector<int>{2}) << "handled before the reply behind it";
         EXPECT_EQ(toText(get_proxy_url("http://kept/")), USUAL_ANSWER);
     }
-    EXPECT_LT(late, 5);
+    EXPECT_LT(secondsSince(start), 10);
     service->answerHeld({Texts{"wpad", "DIRECT"}});
     EXPECT_EQ(slow.get(), "3 DIRECT");
-}
-
-TEST_F(RunningClient, HandlesSignalsAheadOfAReplyBeforeTheCallReturns)
-{
-    set_proxy_manager_event_cb(3, Events::callback);
-    for (int i = 0; i < 100; i++) {
-        emit("ProxyMgrStateEvent", {int32_t{3}});
-        EXPECT_EQ(Events::take(0), std::vector<int>{3});
-    }
 }
 
 TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
@@ -233,6 +195,7 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
             EXPECT_NEAR(secondsSince(start), 25, 1.5);
         });
     };
+    const std::clock_t cpu = std::clock();
     auto first = ask("http://a/");
     service->waitForCalls("getProxyurl", 1);
     wallClockJumped = true;
@@ -242,57 +205,41 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
     first.get();
     EXPECT_TRUE(check_service_started());
     second.get();
+    EXPECT_LT(std::clock() - cpu, 5 * CLOCKS_PER_SEC) << "the thread is idle";
     wallClockJumped = false;
     service->answerHeld({Texts{"pacurl", "DIRECT"}}); // too late for both
     EXPECT_TRUE(check_service_started());
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "0");
-    const Lines lines = log_capture::lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const std::string &line) {
-                                return line.find(dbusError("getProxyUrl", "Did not receive a reply.")) == 0;
-                            }),
-              2);
 }
 
 TEST_F(ProxyTest, FailsAllCallsWhenTheBusIsLostAndStartsAnew)
 {
     for (int round = 0; round < 20; round++) {
-        auto service = std::make_unique<ScriptedService>();
+        ScriptedService service;
         ASSERT_EQ(create_proxy_manager_client(), 1);
-        service->hold("getProxyurl");
+        service.hold("getProxyurl");
         std::vector<std::future<std::string>> callers;
         for (const char *url : {"http://a/", "http://b/", "http://c/"})
             callers.push_back(std::async(std::launch::async, [url] { return toText(get_proxy_url(url)); }));
-        service->waitForCalls("getProxyurl", 3);
+        service.waitForCalls("getProxyurl", 3);
         const auto start = Clock::now();
         bus.kill();
         for (auto &caller : callers)
             EXPECT_EQ(caller.get(), "0");
         EXPECT_FALSE(check_service_started());
         EXPECT_LT(secondsSince(start), 5);
+        EXPECT_EQ(create_proxy_manager_client(), 1) << "the client is still there";
         if (round == 0) {
-            EXPECT_LT(idleCost(), 0.1);
-            EXPECT_EQ(create_proxy_manager_client(), 1); // the client is still there
+            const std::clock_t cpu = std::clock();
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            EXPECT_LT(std::clock() - cpu, CLOCKS_PER_SEC / 10) << "the thread is idle";
         }
         bus.start();
-        service = std::make_unique<ScriptedService>();
         EXPECT_EQ(cleanup_proxy_manager_client(), 1);
-        ASSERT_EQ(create_proxy_manager_client(), 1);
-        EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
-        cleanup_proxy_manager_client();
     }
-}
-
-TEST_F(RunningClient, OutlivesAServiceThatDiesInACall)
-{
-    service->hold("updateProxyconfig");
-    auto caller = std::async(std::launch::async, [] { return update_proxy_config(ProxyManagerConfig{}); });
-    service->waitForCalls("updateProxyconfig", 1);
-    service.reset();
-    EXPECT_EQ(caller.get(), -1);
-    EXPECT_FALSE(check_service_started());
-    service = std::make_unique<ScriptedService>();
-    EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), 0);
+    ScriptedService service;
+    ASSERT_EQ(create_proxy_manager_client(), 1);
+    EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
 }
 
 // Meant for AddressSanitizer: strings are read while they are cleared, evicted and replaced.

@@ -1,33 +1,31 @@
 /*
  * A program around the library, for what a test cannot do to its own process. Its argument names what to do; it
- * prints what went wrong and ends with the number of faults.
+ * ends with status 0 when all is well. The service never stops sending events meanwhile.
  */
 #define _DEFAULT_SOURCE
+#undef NDEBUG
 #include "proxymanager.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <stdio.h>
+#include <assert.h>
+#include <semaphore.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-static int faults;
-static int events;
+static sem_t events;
 
-static void check(int fine, const char *what)
+/* A child may find the lock of the leak sanitizer as a thread that it does not have left it. */
+int __lsan_is_turned_off(void);
+int __lsan_is_turned_off(void)
 {
-    if (!fine) {
-        printf("fault: %s\n", what);
-        faults++;
-    }
+    return 1;
 }
 
 static void on_event(ProxyMgrEventType type)
 {
     (void)type;
-    __atomic_add_fetch(&events, 1, __ATOMIC_RELAXED);
+    sem_post(&events);
 }
 
 static void on_event_exit(ProxyMgrEventType type)
@@ -36,23 +34,11 @@ static void on_event_exit(ProxyMgrEventType type)
     exit(0);
 }
 
-/* The service never stops sending events. */
-static void wait_for_event(void)
-{
-    const int seen = __atomic_load_n(&events, __ATOMIC_RELAXED);
-    for (int i = 0; i < 1000; i++) {
-        if (__atomic_load_n(&events, __ATOMIC_RELAXED) != seen)
-            return;
-        usleep(10000);
-    }
-    check(0, "no event came");
-}
-
 static void wait_for_child(pid_t child)
 {
     int status = -1;
     waitpid(child, &status, 0);
-    check(status == 0, "the child");
+    assert(status == 0);
 }
 
 /* In the child everything is neutral, and the parent does not notice. */
@@ -61,53 +47,44 @@ static void run_fork(void)
     pid_t child = fork();
     if (child == 0) {
         ProxyManagerConfig config = get_http_proxy_config();
-        check(config.mode == 0, "configuration in the child");
-        check(get_proxy_url("http://a/").mode == 0, "answer in the child");
-        check(update_proxy_config(config) == -1, "update in the child");
-        check(!check_service_started(), "service in the child");
+        assert(config.mode == 0);
+        assert(get_proxy_url("http://a/").mode == 0);
+        assert(update_proxy_config(config) == -1);
+        assert(!check_service_started());
         set_proxy_manager_event_cb(0, on_event);
-        check(create_proxy_manager_client() == 0, "create in the child");
-        check(cleanup_proxy_manager_client() == 0, "cleanup in the child");
-        exit(faults);
+        assert(create_proxy_manager_client() == 0);
+        assert(cleanup_proxy_manager_client() == 0);
+        exit(0);
     }
     wait_for_child(child);
-    wait_for_event();
-    check(get_proxy_url("http://a/").mode == 2, "answer in the parent");
-    check(cleanup_proxy_manager_client() == 1, "cleanup in the parent");
+    while (sem_trywait(&events) == 0) {
+    }
+    sem_wait(&events);
+    assert(get_proxy_url("http://a/").mode == 2);
+    assert(cleanup_proxy_manager_client() == 1);
 
     child = fork(); /* nothing of the parent's is left: two processes with one past have a client each */
-    check(create_proxy_manager_client() == 1, "create in both");
+    assert(create_proxy_manager_client() == 1);
     for (int i = 0; i < 300; i++)
-        check(check_service_started(), "a call in both");
-    check(cleanup_proxy_manager_client() == 1, "cleanup in both");
+        assert(check_service_started());
+    assert(cleanup_proxy_manager_client() == 1);
     if (child == 0)
-        exit(faults);
+        exit(0);
     wait_for_child(child);
-}
-
-/* The program was started with the first three descriptors only. */
-static void run_descriptors(void)
-{
-    DIR *folder = opendir("/proc/self/fd");
-    for (struct dirent *entry = readdir(folder); entry; entry = readdir(folder)) {
-        const int descriptor = atoi(entry->d_name);
-        if (descriptor > 2 && !(fcntl(descriptor, F_GETFD) & FD_CLOEXEC))
-            check(0, entry->d_name);
-    }
-    closedir(folder);
 }
 
 int main(int argc, char **argv)
 {
     const char *what = argc > 1 ? argv[1] : "";
-    check(create_proxy_manager_client() == 1, "create");
+    sem_init(&events, 0, 0);
+    assert(create_proxy_manager_client() == 1);
     set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_event_exit : on_event);
     get_proxy_url("http://a/");
     if (strcmp(what, "exit-in-callback") == 0)
         pause();
     if (strcmp(what, "fork") == 0)
         run_fork();
-    if (strcmp(what, "descriptors") == 0)
-        run_descriptors();
-    return faults; /* without cleaning up, but for the fork */
+    if (strcmp(what, "exec") == 0)
+        execlp("ls", "ls", "/proc/self/fd", NULL);
+    return 0; /* without cleaning up, but for the fork */
 }

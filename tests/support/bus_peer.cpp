@@ -4,9 +4,8 @@
 
 #include <stdexcept>
 
-#include <fcntl.h>
 #include <poll.h>
-#include <unistd.h>
+#include <sys/eventfd.h>
 
 namespace test
 {
@@ -38,7 +37,7 @@ struct Appender {
         basic(DBUS_TYPE_BOOLEAN, &value);
     }
     void operator()(const Texts &texts) { container(DBUS_TYPE_ARRAY, "s", texts); }
-    void operator()(const Structure &structure) { container(DBUS_TYPE_STRUCT, nullptr, structure.fields); }
+    void operator()(const Structure &structure) { container(DBUS_TYPE_STRUCT, nullptr, structure); }
 };
 
 DBusMessage *append(DBusMessage *message, const Arguments &arguments)
@@ -68,10 +67,10 @@ Arguments readArguments(DBusMessage *message)
 
 } // namespace
 
-BusPeer::BusPeer(const std::string &name)
+BusPeer::BusPeer(const std::string &name) : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     connection_ = dbus_connection_open_private(PrivateBus::address().c_str(), nullptr);
-    if (!connection_ || !dbus_bus_register(connection_, nullptr) || pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0)
+    if (!connection_ || !dbus_bus_register(connection_, nullptr))
         throw std::runtime_error("no connection to the private bus");
     dbus_connection_set_exit_on_disconnect(connection_, false);
     if (!name.empty())
@@ -87,8 +86,6 @@ BusPeer::~BusPeer()
         dbus_message_unref(call);
     dbus_connection_close(connection_);
     dbus_connection_unref(connection_);
-    close(wake_[0]);
-    close(wake_[1]);
 }
 
 void BusPeer::loop()
@@ -112,11 +109,10 @@ void BusPeer::loop()
             return;
         if (!dbus_connection_get_is_connected(connection_))
             socket = -1;
-        pollfd waits[] = {{wake_[0], POLLIN, 0}, {socket, POLLIN, 0}};
+        pollfd waits[] = {{wake_.get(), POLLIN, 0}, {socket, POLLIN, 0}};
         poll(waits, 2, -1);
-        char bytes[64];
-        while (read(wake_[0], bytes, sizeof bytes) > 0) {
-        }
+        eventfd_t count;
+        eventfd_read(wake_.get(), &count);
     }
 }
 
@@ -130,7 +126,7 @@ void BusPeer::run(const std::function<void(DBusConnection *)> &task)
         done = true;
         changed_.notify_all();
     });
-    (void)!write(wake_[1], "", 1);
+    eventfd_write(wake_.get(), 1);
     changed_.wait(lock, [&] { return done; });
 }
 
@@ -214,38 +210,19 @@ DBusMessage *BusPeer::makeReply(DBusMessage *call, const Arguments &arguments)
     return append(dbus_message_new_method_return(call), arguments);
 }
 
-DBusMessage *BusPeer::makeSignal(const std::string &member, const Arguments &arguments)
-{
-    return append(dbus_message_new_signal(SERVICE_PATH, SERVICE_INTERFACE, member.c_str()), arguments);
-}
-
 void BusPeer::emit(const std::string &member, const Arguments &arguments, const std::string &destination)
 {
     run([&](DBusConnection *connection) {
-        DBusMessage *signal = makeSignal(member, arguments);
+        DBusMessage *signal = dbus_message_new_signal(SERVICE_PATH, SERVICE_INTERFACE, member.c_str());
         if (!destination.empty())
             dbus_message_set_destination(signal, destination.c_str());
-        send(connection, signal);
+        send(connection, append(signal, arguments));
     });
 }
 
-Texts BusPeer::namesOnBus()
+void BusPeer::sync()
 {
-    Texts names;
-    run([&](DBusConnection *connection) {
-        DBusMessage *call =
-            dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "ListNames");
-        DBusMessage *reply = dbus_connection_send_with_reply_and_block(connection, call, 5000, nullptr);
-        char **list = nullptr;
-        int count = 0;
-        dbus_message_get_args(reply, nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &list, &count,
-                              DBUS_TYPE_INVALID);
-        names.assign(list, list + count);
-        dbus_free_string_array(list);
-        dbus_message_unref(reply);
-        dbus_message_unref(call);
-    });
-    return names;
+    run([](DBusConnection *connection) { dbus_bus_name_has_owner(connection, SERVICE_NAME, nullptr); });
 }
 
 ScriptedService::ScriptedService(const Texts &config) : BusPeer(SERVICE_NAME)

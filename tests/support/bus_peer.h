@@ -21,9 +21,7 @@ namespace test
 
 // One argument of a message: s, i, b, as, and a structure of strings.
 using Texts = std::vector<std::string>;
-struct Structure {
-    Texts fields;
-    bool operator==(const Structure &other) const { return fields == other.fields; }
+struct Structure : Texts {
 };
 using Argument = std::variant<std::string, int32_t, bool, Texts, Structure>;
 using Arguments = std::vector<Argument>;
@@ -49,11 +47,10 @@ public:
 
     void emit(const std::string &member, const Arguments &arguments = {},
               const std::string &destination = "");
-    Texts namesOnBus(); // all that this peer has sent is with the bus when it returns
+    void sync(); // all that this peer has sent is with the bus when it returns
     void
     run(const std::function<void(DBusConnection *)> &task); // on the peer's thread; returns when it is done
 
-    static DBusMessage *makeSignal(const std::string &member, const Arguments &arguments);
     static DBusMessage *makeReply(DBusMessage *call, const Arguments &arguments);
     static void send(DBusConnection *connection, DBusMessage *message); // takes the message
 
@@ -62,7 +59,7 @@ private:
     void handle(DBusMessage *message);
 
     DBusConnection *connection_;
-    int wake_[2];
+    Descriptor wake_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::map<std::string, Answer> answers_;

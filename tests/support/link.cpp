@@ -41,10 +41,6 @@ Link::Link(int max_tls)
     options.front_key = identity("service/front-key.pem");
     options.inner = {identity("service/service-cert.pem"), identity("service/service-key.pem"),
                      identity("service/device-ca.pem"), TLS1_2_VERSION, max_tls};
-    options.log = [this](const std::string &line) {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        log_ += line + "\n";
-    };
     options.on_reply = [this](const std::string &request, atls_service::Reply &out) {
         const std::lock_guard<std::mutex> lock(mutex_);
         posted.push_back(request.size());
@@ -64,12 +60,6 @@ Link::~Link()
 int Link::exchange(const std::string &message)
 {
     return atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls", &answer);
-}
-
-bool Link::service_logged(const std::string &text)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return log_.find(text) != std::string::npos;
 }
 
 static sockaddr_in loopback(int port)

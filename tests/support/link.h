@@ -36,7 +36,6 @@ struct Link : Device {
     int connect() { return atls_connect(&handle, "127.0.0.1", nullptr, service->port(), "/atls", "track"); }
     int exchange(const std::string &message);
     std::string body() const { return {answer.body, answer.body_len}; }
-    bool service_logged(const std::string &text);
 
     atls_service::Options options;
     std::function<void(atls_service::Reply &)> tamper; // changes what the service sends back
@@ -47,7 +46,6 @@ struct Link : Device {
 
 private:
     std::mutex mutex_;
-    std::string log_;
 };
 
 // A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.

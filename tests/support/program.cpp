@@ -23,24 +23,11 @@ namespace
 // Longer than anything takes, sanitizers and valgrind included.
 constexpr int PATIENCE_MS = 30000;
 
-struct Pipe {
-    Descriptor reading, writing;
-    Pipe()
-    {
-        int ends[2];
-        if (pipe2(ends, O_CLOEXEC) != 0)
-            throw std::runtime_error("pipe");
-        reading = Descriptor(ends[0]);
-        writing = Descriptor(ends[1]);
-    }
-};
-
-[[noreturn]] void become(char **command, const Pipe &in, const Pipe &out, const Pipe &err)
+[[noreturn]] void become(char **command, const Descriptor &out, const Descriptor &err)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(in.reading.get(), STDIN_FILENO);
-    dup2(out.writing.get(), STDOUT_FILENO);
-    dup2(err.writing.get(), STDERR_FILENO);
+    dup2(out.get(), STDOUT_FILENO);
+    dup2(err.get(), STDERR_FILENO);
     for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; descriptor++)
         fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     execvp(command[0], command);
@@ -85,43 +72,45 @@ void run(const std::string &command)
         throw std::runtime_error("failed: " + command + "\n" + shell.err());
 }
 
-Program::Program(std::vector<std::string> command, const std::string &input)
+Program::Program(std::vector<std::string> command)
 {
     std::vector<char *> arguments;
     for (auto &argument : command)
         arguments.push_back(argument.data());
     arguments.push_back(nullptr);
-    Pipe in, out, err;
+    int ends[2][2];
+    if (pipe2(ends[0], O_CLOEXEC) != 0 || pipe2(ends[1], O_CLOEXEC) != 0)
+        throw std::runtime_error("no pipe");
+    out_.pipe = Descriptor(ends[0][0]);
+    err_.pipe = Descriptor(ends[1][0]);
+    const Descriptor out(ends[0][1]), err(ends[1][1]);
     pid_ = fork();
     if (pid_ == 0)
-        become(arguments.data(), in, out, err);
-    if (pid_ < 0 || write(in.writing.get(), input.data(), input.size()) != static_cast<ssize_t>(input.size()))
+        become(arguments.data(), out, err);
+    if (pid_ < 0)
         throw std::runtime_error("cannot start " + command[0]);
-    out_pipe_ = std::move(out.reading);
-    err_pipe_ = std::move(err.reading);
 }
 
 // Takes what the next event brings; false at the end of the output, or when nothing happens for too long.
 bool Program::pump()
 {
-    pollfd watched[] = {{out_pipe_.get(), POLLIN, 0}, {err_pipe_.get(), POLLIN, 0}};
-    if ((!out_pipe_ && !err_pipe_) || poll(watched, 2, PATIENCE_MS) <= 0)
+    pollfd watched[] = {{out_.pipe.get(), POLLIN, 0}, {err_.pipe.get(), POLLIN, 0}};
+    if ((!out_.pipe && !err_.pipe) || poll(watched, 2, PATIENCE_MS) <= 0)
         return false;
-    for (int i = 0; i < 2; i++) {
+    for (const auto &[output, events] : {std::pair(&out_, watched[0].revents), {&err_, watched[1].revents}}) {
         char buffer[4096];
-        Descriptor &pipe = i == 0 ? out_pipe_ : err_pipe_;
-        const ssize_t count = watched[i].revents ? read(pipe.get(), buffer, sizeof(buffer)) : -1;
+        const ssize_t count = events ? read(output->pipe.get(), buffer, sizeof(buffer)) : -1;
         if (count > 0)
-            (i == 0 ? out_ : err_).append(buffer, static_cast<size_t>(count));
+            output->text.append(buffer, static_cast<size_t>(count));
         if (count == 0)
-            pipe = Descriptor();
+            output->pipe = Descriptor();
     }
     return true;
 }
 
-bool Program::wait_for(const std::string &stream, const std::string &text)
+bool Program::wait_for(const Output &output, const std::string &text)
 {
-    while (stream.find(text) == std::string::npos) {
+    while (output.text.find(text) == std::string::npos) {
         if (!pump())
             return false;
     }
@@ -136,7 +125,7 @@ int Program::end(int signal)
         kill(pid_, signal);
     while (pump()) {
     }
-    if (out_pipe_ || err_pipe_)
+    if (out_.pipe || err_.pipe)
         kill(pid_, SIGKILL); // it has had its time
     int status = 0;
     waitpid(std::exchange(pid_, -1), &status, 0);

@@ -29,7 +29,7 @@ void run(const std::string &command); // in the shell; throws when it fails
 class Program
 {
 public:
-    explicit Program(std::vector<std::string> command, const std::string &input = "");
+    explicit Program(std::vector<std::string> command);
     ~Program() { end(SIGTERM); }
     Program(const Program &) = delete;
     Program &operator=(const Program &) = delete;
@@ -40,16 +40,19 @@ public:
     // Sends a signal, if one is given, and waits for the end: the exit status, or minus the signal that ended
     // it.
     int end(int signal = 0);
-    const std::string &out() const { return out_; }
-    const std::string &err() const { return err_; }
+    const std::string &out() const { return out_.text; }
+    const std::string &err() const { return err_.text; }
 
 private:
-    bool wait_for(const std::string &stream, const std::string &text);
+    struct Output {
+        Descriptor pipe;
+        std::string text;
+    };
+    bool wait_for(const Output &output, const std::string &text);
     bool pump();
 
     pid_t pid_ = -1;
-    Descriptor out_pipe_, err_pipe_;
-    std::string out_, err_;
+    Output out_, err_;
 };
 
 } // namespace test

@@ -10,7 +10,10 @@
 #include <memory>
 #include <utility>
 
+#include <dbus-c++/dbus.h>
 #include <gtest/gtest.h>
+
+extern DBus::Connection *dbus_conn; // what C++ programs find in the library
 
 namespace test
 {
