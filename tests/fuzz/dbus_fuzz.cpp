@@ -1,0 +1,163 @@
+// D-Bus replies and signals into the client of the proxy manager, whose connection has nobody at its other end.
+
+#include "fuzz.h"
+
+#include "owningdispatcher.h"
+#include "proxymanagerclientimpl.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+#include <dbus/dbus.h>
+
+using MessagePtr = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
+
+static std::vector<std::pair<DBusHandleMessageFunction, void *>> filters;
+static std::istream *script;
+
+// The message that begins here, NULL when it is none.
+static MessagePtr read_message()
+{
+    std::string bytes(DBUS_MINIMUM_HEADER_SIZE, '\0');
+    script->read(bytes.data(), DBUS_MINIMUM_HEADER_SIZE);
+    const int length = dbus_message_demarshal_bytes_needed(bytes.data(), DBUS_MINIMUM_HEADER_SIZE);
+    bytes.resize(static_cast<size_t>(std::clamp(length, DBUS_MINIMUM_HEADER_SIZE, 10000)));
+    script->read(&bytes[DBUS_MINIMUM_HEADER_SIZE], static_cast<int>(bytes.size()) - DBUS_MINIMUM_HEADER_SIZE);
+    return {dbus_message_demarshal(bytes.data(), static_cast<int>(bytes.size()), nullptr),
+            dbus_message_unref};
+}
+
+extern "C" {
+
+dbus_bool_t dbus_connection_add_filter(DBusConnection *, DBusHandleMessageFunction filter, void *data,
+                                       DBusFreeFunction)
+{
+    filters.emplace_back(filter, data);
+    return TRUE;
+}
+
+void dbus_connection_remove_filter(DBusConnection *, DBusHandleMessageFunction filter, void *data)
+{
+    filters.erase(std::find(filters.begin(), filters.end(), std::make_pair(filter, data)));
+}
+
+void dbus_bus_add_match(DBusConnection *, const char *, DBusError *)
+{
+}
+void dbus_bus_remove_match(DBusConnection *, const char *, DBusError *)
+{
+}
+
+dbus_bool_t dbus_connection_send(DBusConnection *, DBusMessage *, dbus_uint32_t *serial)
+{
+    *serial = 7;
+    return TRUE;
+}
+
+// The next message of the script is the reply.
+DBusMessage *dbus_connection_send_with_reply_and_block(DBusConnection *, DBusMessage *, int, DBusError *error)
+{
+    MessagePtr reply = read_message();
+    if (!reply)
+        dbus_set_error_const(error, DBUS_ERROR_NO_REPLY, "no reply");
+    return !reply || dbus_set_error_from_message(error, reply.get()) ? nullptr : reply.release();
+}
+
+} // extern "C"
+
+// Hands the messages that begin here to what listens on the connection.
+static void deliver()
+{
+    while (script->peek() == 'l') // for little-endian
+        if (const MessagePtr message = read_message())
+            for (size_t i = 0; i < filters.size(); i++)
+                filters[i].first(nullptr, message.get(), filters[i].second);
+}
+
+// A connection to somebody who never answers.
+static DBus::Connection &connection()
+{
+    static DBusServer *const server = dbus_server_listen("unix:tmpdir=/tmp", nullptr);
+    static char *const address = dbus_server_get_address(server);
+    static auto *const dispatcher = new OwningDispatcher;
+    DBus::default_dispatcher = dispatcher;
+    static auto *const opened = new DBus::Connection(address);
+    return *opened;
+}
+
+// All texts of an answer can be read.
+static void read_answer(const ProxyUrlInformation &answer)
+{
+    std::string texts = answer.userName ? answer.userName : "";
+    for (int32_t i = 0; i < answer.proxyUrlCount; i++)
+        texts += answer.proxyUrlList[i] ? answer.proxyUrlList[i] : "";
+    REQUIRE(answer.mode >= PROXY_MODE_OFF && answer.mode <= PROXY_MODE_WPAD && texts.size() < 1000000);
+}
+
+// A thread asks; this one owns the connection, carries the call out, and hands over the messages that come.
+static void ask_from_thread(ProxyManagerClientImpl &client, const std::string &url)
+{
+    static auto *const desk = new CallDesk;
+    desk->own(&connection());
+    REQUIRE(desk->expectThread());
+    client.leaveCallsAt(desk);
+    std::thread caller([&] {
+        read_answer(client.getProxyUrl(url.c_str()));
+        desk->wake();
+    });
+    REQUIRE(desk->beginThread());
+    pollfd woken = {desk->wakeDescriptor(), POLLIN, 0};
+    poll(&woken, 1, -1);
+    desk->drainWake();
+    desk->sendQueued();
+    deliver();
+    desk->handOverReplies();
+    desk->endThread();
+    caller.join();
+    client.leaveCallsAt(nullptr);
+    desk->disown();
+}
+
+// u URL asks for a proxy, t URL does so on another thread, h N listens to an event, c reads the configuration and
+// writes it, k asks whether the service is there; the messages between the lines come by themselves.
+static void converse(ProxyManagerClientImpl &client)
+{
+    ProxyUrlInformation answer = {}; // can be read until the next is asked for
+    for (std::string line; std::getline(*script, line); read_answer(answer)) {
+        const std::string text = line.substr(std::min<size_t>(line.size(), 1));
+        if (line[0] == 'u') {
+            answer = client.getProxyUrl(text.c_str());
+        } else if (line[0] == 't') {
+            ask_from_thread(client, text);
+        } else if (line[0] == 'h') {
+            client.AddEventNotifyHandler(static_cast<int>(strtol(text.c_str(), nullptr, 10)),
+                                         [](int type) { type == 9 ? throw type : void(); });
+        } else if (line[0] == 'c') {
+            ProxyManagerConfig config = {};
+            client.getProxyConfig(&config);
+            client.updateProxyConfig(config);
+            cleanupProxyConfig(&config);
+        } else if (line[0] == 'k') {
+            client.checkServicestarted();
+        }
+        deliver();
+    }
+}
+
+// The failing allocation, the messages that answer the first two calls, and a conversation.
+void run(std::istream &input)
+{
+    script = &input;
+    calls_left = number(input);
+    DBus::Connection &unused = connection();
+    const size_t own = filters.size();
+    try {
+        ProxyManagerClientImpl client(unused, "/com/halvo/ProxyManagerService",
+                                      "com.halvo.ProxyManagerService");
+        deliver();
+        converse(client);
+    } catch (const DBus::Error &) { // a client that could not be made leaves its filter to the connection
+    }
+    filters.resize(own);
+}
