@@ -10,8 +10,8 @@
  *
  * Threads: a handle, and a response record, belong to one thread at a time; different handles may be used on
  * different threads at once, the first use included. No function takes a lock while it waits for the network;
- * the first atls_connect of a process makes the proxy manager client, and others wait for that. None may be
- * under way while cleanup_proxy_manager_client runs.
+ * as long as the process has no proxy manager client, each atls_connect tries to make it, one thread after
+ * the other. None may be under way while cleanup_proxy_manager_client runs.
  *
  * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
  * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried. A proxy
@@ -92,10 +92,10 @@ atls_handle *create_atls_handle(void);
  *
  * The texts are copied. The proxies for the URL are asked of the device's proxy manager (proxymanager.h),
  * whose client is made if the process has none; it stays until cleanup_proxy_manager_client. Without a proxy
- * manager, or with the proxy mode off, the connection is made as libcurl does by itself: directly, or as the
- * environment variable https_proxy says. A post that cannot get through (proxy not found, no connection, 30
- * seconds passed) is tried again through the next proxy of the list, and the one that got through stays in
- * use. Not to be called from a callback of the proxy manager client.
+ * manager, or with the proxy mode off, no proxy is set. A post that cannot get through (proxy not found, no
+ * connection, 30 seconds passed) is tried again through the next proxy of the list, and the one that got
+ * through stays in use. libcurl heeds https_proxy, all_proxy and no_proxy of the environment besides. Not to
+ * be called from a callback of the proxy manager client.
  *
  * Returns ATLS_OK, or
  *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;

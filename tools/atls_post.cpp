@@ -17,6 +17,7 @@
 #include "atls.h"
 #include "cli.h"
 #include "explanation.h"
+#include "proxymanager.h"
 
 namespace
 {
@@ -298,8 +299,11 @@ int run(const CLI::App &app, const Settings &settings)
         throw std::bad_alloc();
     Explanation explanation(connection_url(settings, address));
     const int status = post(handle.get(), settings, address, message, output, explanation);
-    if (log)
-        explanation.write(std::cerr, log->finish());
+    if (log) {
+        const Clock::time_point end = Clock::now();
+        cleanup_proxy_manager_client(); // its thread has nothing to log from now on
+        explanation.write(std::cerr, log->finish(), end);
+    }
     return status;
 }
 

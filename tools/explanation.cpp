@@ -2,6 +2,7 @@
 
 #include "explanation.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -11,8 +12,6 @@
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <openssl/ssl.h>
-
-#include "proxymanager.h"
 
 namespace
 {
@@ -33,43 +32,63 @@ bool read_behind(const LogReader::Line &line, const std::string &text, std::stri
     return at != std::string::npos;
 }
 
-std::string proxy_of(const std::string &entry)
-{
-    if (entry.find("DIRECT") != std::string::npos)
-        return "DIRECT";
-    return entry.rfind("PROXY ", 0) == 0 ? entry.substr(strlen("PROXY ")) : entry;
-}
-
-// Which posts were attempted through what.
+// What was offered, and through what each message went.
 struct Route {
     struct Failure {
         std::string proxy;
         int code;
         Clock::duration time;
+        bool final; // no other proxy was tried after it
     };
+    std::vector<std::string> offered;
     std::vector<Failure> failures;
-    std::string carrier; // of the last attempt
-    bool failed = false; // the last attempt, too
+    std::vector<std::pair<std::string, int>> carriers; // each with the number of messages in a row
 };
 
-Route follow(const Lines &log, const std::string &first)
+// Follows the posts from one line of the log to the next.
+class Follower
 {
-    Route route{{}, first};
-    Clock::time_point last;
-    for (const LogReader::Line &line : log) {
+public:
+    void take(const LogReader::Line &line)
+    {
         std::string rest;
-        if (read_behind(line, ": curl_rc:", rest))
-            route.failures.push_back({route.carrier, atoi(rest.c_str()), line.time - last});
+        if (read_behind(line, "proxy mode is manual. proxyUrl:", rest))
+            take_offer(rest.substr(0, rest.find(", useName:")));
+        else if (contains(line, "response from proxy manager service, index:") &&
+                 read_behind(line, " proxy url:", rest))
+            take_offer(rest);
+        else if (read_behind(line, ": curl_rc:", rest))
+            route_.failures.push_back({proxy_, atoi(rest.c_str()), line.time - last_, false});
         else if (read_behind(line, " connect with http proxy:", rest))
-            route.carrier = rest;
+            proxy_ = rest;
         else if (contains(line, "Direct connect without http proxy"))
-            route.carrier = "DIRECT";
-        else if (contains(line, ": Failed to preform post"))
-            route.failed = true;
-        last = line.time;
+            proxy_ = "DIRECT";
+        else if (contains(line, ": Failed to preform post") && !route_.failures.empty())
+            route_.failures.back().final = true;
+        else if (contains(line, "atls_easy_perform: ATLS received a ["))
+            take_message();
+        last_ = line.time;
     }
-    return route;
-}
+    const Route &route() const { return route_; }
+
+private:
+    void take_offer(const std::string &entry)
+    {
+        if (route_.offered.empty())
+            proxy_ = entry.rfind("PROXY ", 0) == 0 ? entry.substr(strlen("PROXY ")) : entry;
+        route_.offered.push_back(entry);
+    }
+    void take_message()
+    {
+        if (route_.carriers.empty() || route_.carriers.back().first != proxy_)
+            route_.carriers.emplace_back(proxy_, 0);
+        route_.carriers.back().second++;
+    }
+
+    Route route_;
+    std::string proxy_ = "no proxy"; // the one in use
+    Clock::time_point last_;
+};
 
 const char *why_no_proxy(const Lines &log)
 {
@@ -85,13 +104,14 @@ const char *why_no_proxy(const Lines &log)
     return "not asked for";
 }
 
-// Without a choice libcurl looks there.
-bool environment_names_proxy()
+// The variables that libcurl heeds whatever the library has chosen.
+std::string environment()
 {
-    for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
-        if (const char *value = getenv(name))
-            return *value != '\0';
-    return false;
+    std::string names;
+    for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+        if (const char *value = getenv(name); value && *value)
+            names += (names.empty() ? "" : ", ") + std::string(name);
+    return names;
 }
 
 std::string cookie_names(const curl_slist *headers)
@@ -138,9 +158,9 @@ LogReader::LogReader(std::string mark, bool show) : mark_(std::move(mark)), show
     if (!standard_error_ || pipe2(ends, O_CLOEXEC) != 0)
         throw std::runtime_error("no descriptor for --explain");
     reading_ = Descriptor(ends[0]);
-    const Descriptor writing(ends[1]);
-    dup2(writing.get(), STDERR_FILENO);
+    Descriptor writing(ends[1]);
     thread_ = std::thread([this] { read_all(); });
+    dup2(writing.get(), STDERR_FILENO);
 }
 
 const Lines &LogReader::finish()
@@ -178,20 +198,13 @@ void LogReader::take(const std::string &line)
 
 void Explanation::connected(const atls_handle &handle)
 {
-    connected_ = end_ = Clock::now();
-    // The client has just asked: this is the cached answer.
-    const ProxyUrlInformation answer = get_proxy_url(url_.c_str());
-    for (int i = 0; i < answer.proxyUrlCount; i++)
-        if (answer.proxyUrlList[i])
-            offered_.emplace_back(answer.proxyUrlList[i]);
-    if (!handle.ssl)
-        return;
-    session_ = SSL_get_version(handle.ssl) + std::string(", ") + SSL_get_cipher_name(handle.ssl);
+    connected_ = Clock::now();
+    if (handle.ssl)
+        session_ = SSL_get_version(handle.ssl) + std::string(", ") + SSL_get_cipher_name(handle.ssl);
 }
 
 void Explanation::exchanged(const atls_handle &handle, const atls_resp &answer, size_t message_length)
 {
-    end_ = Clock::now();
     messages_++;
     sent_ += message_length;
     posted_ += size_info(handle.curl, CURLINFO_SIZE_UPLOAD_T);
@@ -207,7 +220,7 @@ void Explanation::exchanged(const atls_handle &handle, const atls_resp &answer, 
     peer_ = (address ? address : "") + std::string(" port ") + std::to_string(port);
 }
 
-void Explanation::write(std::ostream &out, const Lines &log) const
+void Explanation::write(std::ostream &out, const Lines &log, Clock::time_point end) const
 {
     out << "atls-post: " << url_ << '\n';
     write_route(out, log);
@@ -215,26 +228,33 @@ void Explanation::write(std::ostream &out, const Lines &log) const
         label(out, "inner session") << session_ << '\n';
     if (messages_ > 0)
         write_answer(out);
-    write_times(out, log);
+    write_times(out, log, end);
     out.flush();
 }
 
 void Explanation::write_route(std::ostream &out, const Lines &log) const
 {
+    Follower follower;
+    for (const LogReader::Line &line : log)
+        follower.take(line);
+    const Route &route = follower.route();
     label(out, "proxies offered");
-    for (const std::string &entry : offered_)
-        out << (&entry == &offered_.front() ? "" : "; ") << entry;
-    out << (offered_.empty() ? why_no_proxy(log) : "") << '\n';
-    const Route route = follow(log, offered_.empty() ? "no proxy" : proxy_of(offered_.front()));
-    for (const auto &[proxy, code, time] : route.failures)
-        label(out, "passed over") << proxy << ": " << curl_easy_strerror(static_cast<CURLcode>(code))
-                                  << " (libcurl's result " << code << "), after " << time << '\n';
-    label(out, "carried by") << (route.failed ? "nothing" : route.carrier);
-    if (!peer_.empty() && !route.failed)
-        out << ", connected to " << peer_;
-    if (offered_.empty() && environment_names_proxy())
-        out << "; the environment names a proxy, which libcurl then uses";
-    out << '\n';
+    for (const std::string &entry : route.offered)
+        out << (&entry == &route.offered.front() ? "" : "; ") << entry;
+    out << (route.offered.empty() ? why_no_proxy(log) : "") << '\n';
+    for (const auto &[proxy, code, time, final] : route.failures)
+        label(out, final ? "failed at" : "passed over")
+            << proxy << ": " << curl_easy_strerror(static_cast<CURLcode>(code)) << " (libcurl's result "
+            << code << "), after " << time << '\n';
+    label(out, "carried by") << (route.carriers.empty() ? "nothing" : "");
+    for (const auto &carrier : route.carriers) {
+        out << (&carrier == &route.carriers.front() ? "" : ", then ") << carrier.first;
+        if (route.carriers.size() > 1)
+            out << " (" << carrier.second << " messages)";
+    }
+    out << (peer_.empty() ? "" : ", connected to " + peer_) << '\n';
+    if (const std::string names = environment(); !names.empty())
+        label(out, "environment") << names << ", which libcurl heeds as well: see the address\n";
 }
 
 void Explanation::write_answer(std::ostream &out) const
@@ -247,12 +267,12 @@ void Explanation::write_answer(std::ostream &out) const
     label(out, "received") << answered_ << " bytes, " << received_ << " as response headers and records\n";
 }
 
-void Explanation::write_times(std::ostream &out, const Lines &log) const
+void Explanation::write_times(std::ostream &out, const Lines &log, Clock::time_point end) const
 {
     Clock::time_point chosen = start_;
     for (const LogReader::Line &line : log)
         if (contains(line, "init_tl_curl: Transport layer initialized!"))
-            chosen = line.time;
+            chosen = std::min(line.time, connected_); // lines are read a little later
     label(out, "time") << "proxy selection " << chosen - start_ << ", handshake " << connected_ - chosen
-                       << ", messages " << end_ - connected_ << '\n';
+                       << ", messages " << end - connected_ << '\n';
 }

@@ -1,5 +1,5 @@
 // Tells after a post which way it went and what it took. It knows this from the log lines that the library
-// writes meanwhile, from the proxy manager client and from the connected handle.
+// writes meanwhile, from the connected handle and from the answer.
 #ifndef TOOLS_EXPLANATION_H
 #define TOOLS_EXPLANATION_H
 
@@ -55,18 +55,16 @@ public:
     void connected(const atls_handle &handle);
     // After an exchange that got its answer.
     void exchanged(const atls_handle &handle, const atls_resp &answer, size_t message_length);
-    void write(std::ostream &out, const std::vector<LogReader::Line> &log) const;
+    void write(std::ostream &out, const std::vector<LogReader::Line> &log, Clock::time_point end) const;
 
 private:
     void write_route(std::ostream &out, const std::vector<LogReader::Line> &log) const;
     void write_answer(std::ostream &out) const;
-    void write_times(std::ostream &out, const std::vector<LogReader::Line> &log) const;
+    void write_times(std::ostream &out, const std::vector<LogReader::Line> &log, Clock::time_point end) const;
 
     std::string url_;
     Clock::time_point start_ = Clock::now();
     Clock::time_point connected_ = start_;
-    Clock::time_point end_ = start_;
-    std::vector<std::string> offered_;
     std::string peer_;    // address that the last post went to
     std::string session_; // TLS version and cipher
     std::string cookies_; // names only: the values are the session's secret

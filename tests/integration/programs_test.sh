@@ -5,7 +5,7 @@ source=$1 build=$2
 work=$(mktemp -d)
 . "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work"' EXIT
-unset https_proxy HTTPS_PROXY
+unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 
 post() {
     # shellcheck disable=SC2086
@@ -64,14 +64,14 @@ start_proxy proxy && echo "function FindProxyForURL() { return 'PROXY 127.0.0.1:
 start_proxy_manager --pac "$work/pac"
 check "the explanation" "x
   proxies offered PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port
-  passed over     127.0.0.1:1: Couldn't connect to server (libcurl's result 7), after TIME
+  passed over     127.0.0.1:1: TEXT (libcurl's result 7), after TIME
   carried by      127.0.0.1:$port, connected to 127.0.0.1 port $port
   inner session   TLSv1.3, TLS_AES_256_GCM_SHA384
   status          200
   cookies kept    atls-session
   tracking id     none" \
     "$(status_of post --explain "$url" x >"$work/status"; cat "$work/out"; echo
-        sed -n '/^  proxies/,/^  tracking/{s/[0-9.]* s$/TIME/;p}' "$work/err")"
+        sed -n '/^  proxies/,/^  tracking/{s/[0-9.]* s$/TIME/;s/: [A-Z].* (lib/: TEXT (lib/;p}' "$work/err")"
 check "nothing but the explanation" "" "$(grep -v -e '^  ' -e "^atls-post: $url" "$work/err" || true)"
 check "no proxy manager" "  proxies offered none: the proxy manager cannot be reached" \
     "$(DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none status_of post --explain "$url" x >"$work/status"; grep offered "$work/err")"

@@ -62,6 +62,20 @@ const Case CASES[] = {
      {{}, {}, {}, LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
      DIRECT,
      ""},
+    {"DirectWithin",
+     Answer{PROXY_MODE_PACURL, {"PROXY x-DIRECT:1"}, {}, {}},
+     false,
+     {{CURLOPT_PROXY, "NULL"}},
+     {"x-DIRECT:1"},
+     DIRECT,
+     ""},
+    {"OtherCase",
+     Answer{PROXY_MODE_PACURL, {"direct:1"}, {}, {}},
+     false,
+     {{CURLOPT_PROXY, "direct:1"}},
+     {"direct:1"},
+     "",
+     ""},
     {"Manual",
      Answer{PROXY_MODE_MANUAL, {"PROXY p:3128"}, {}, "unused"},
      false,
@@ -135,5 +149,26 @@ TEST_P(Selection, ReachesRequestHandleAndLog)
 
 INSTANTIATE_TEST_SUITE_P(, Selection, testing::ValuesIn(CASES),
                          [](const auto &tested) { return std::string(tested.param.name); });
+
+// Whatever is refused, the handle has the whole list or none.
+TEST(SelectionWithoutMemory, LeavesNoHalfList)
+{
+    proxy_double::set(Answer{PROXY_MODE_PACURL, {"PROXY a:1", "PROXY b:1"}, {}, {}});
+    for (int nth = 1, points = 2; nth <= points; nth++) {
+        test::Device device;
+        snprintf(device.handle->hostname, sizeof device.handle->hostname, "host.example");
+        device.handle->port = 8443;
+        interpose::arm(nth);
+        interpose::set_inside(true);
+        init_tl_curl(&device.handle, "/", nullptr);
+        interpose::set_inside(false);
+        points = interpose::disarm();
+        const char *const *list = device.handle->proxyUrlList;
+        EXPECT_TRUE(list ? device.handle->proxyUrlCount == 2 && list[0] && list[1]
+                         : device.handle->proxyUrlCount == 0)
+            << interpose::failed() << nth;
+    }
+    proxy_double::set(Answer{});
+}
 
 } // namespace
