@@ -63,7 +63,8 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
             EXPECT_EQ(update_proxy_config(config), -1) << field;
             EXPECT_TRUE(log_capture::contains(dbusError("updateProxyConfig", reason))) << field;
         }
-        EXPECT_EQ(toText(get_proxy_url(("http://" + reason + "/" + bad).c_str())), "0");
+        const std::string url = std::string("http://").append(reason).append("/").append(bad);
+        EXPECT_EQ(toText(get_proxy_url(url.c_str())), "0");
         EXPECT_TRUE(log_capture::contains(dbusError("getProxyUrl", reason)));
     }
     EXPECT_EQ(service->calls("updateProxyconfig") + service->calls("getProxyurl"), 0);

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 namespace
@@ -122,11 +123,18 @@ TEST_F(ProxyManager, ASlowScriptHoldsUpNobodyAndAChangeEndsIt)
     const std::string script = folder_.path("pipe"); // a script that never arrives
     ASSERT_EQ(mkfifo(script.c_str(), 0600), 0);
     options_.config = {"pacurl", "", script, false, "", ""};
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const Descriptor hears_the_end(ends[0]);
+    Descriptor of_this_process(ends[1]);
     serve();
     std::vector<std::future<std::string>> waiting;
     for (int i = 0; i < 18; i++) // more than are asked at once
         waiting.push_back(std::async(std::launch::async, [] { return ask("getProxyurl", {"http://p/"}); }));
     const Descriptor writing(open(script.c_str(), O_WRONLY | O_CLOEXEC)); // a script is being read now
+    of_this_process = Descriptor();
+    pollfd end{hears_the_end.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&end, 1, 5000), 1) << "the children of the scripts have a copy";
     EXPECT_EQ(ask("checkServicestarted"), "(true,)");
     EXPECT_EQ(ask("updateProxyconfig", {"manual", "p:1", "", "false", "", ""}), "(0,)");
     for (auto &answer : waiting)
