@@ -62,6 +62,15 @@ private:
     size_t length_ = 0;
 };
 
+// Hands a method over to a slot of dbus-c++, which takes it only once there is memory for its own needs.
+template <typename Result, typename Parameter, typename Object>
+void fill(DBus::Slot<Result, Parameter> &slot, Object *object, Result (Object::*method)(Parameter))
+{
+    auto callback = std::make_unique<DBus::Callback<Object, Result, Parameter>>(object, method);
+    slot = callback.get();
+    (void)callback.release();
+}
+
 } // namespace
 
 // ---- Interface proxy
@@ -75,9 +84,9 @@ ProxyManagerServiceInterface_proxy::ProxyManagerServiceInterface_proxy()
     : DBus::InterfaceProxy(INTERFACE_NAME)
 {
     using Proxy = ProxyManagerServiceInterface_proxy;
-    connect_signal(Proxy, notifyProxyConfigupdated, _notifyProxyConfigupdated_stub);
-    connect_signal(Proxy, notifyClearcache, _notifyClearcache_stub);
-    connect_signal(Proxy, ProxyMgrStateEvent, _ProxyMgrStateEvent_stub);
+    fill(_signals["notifyProxyConfigupdated"], this, &Proxy::_notifyProxyConfigupdated_stub);
+    fill(_signals["notifyClearcache"], this, &Proxy::_notifyClearcache_stub);
+    fill(_signals["ProxyMgrStateEvent"], this, &Proxy::_ProxyMgrStateEvent_stub);
 }
 
 template <typename Handle>
@@ -187,7 +196,7 @@ NameOwner::NameOwner(DBus::Connection &connection, const std::string &name)
             "',interface='" DBUS_INTERFACE_DBUS "',member='NameOwnerChanged',arg0='" +
             name + "'")
 {
-    filter_ = new DBus::Callback<NameOwner, bool, const DBus::Message &>(this, &NameOwner::follow);
+    fill(filter_, this, &NameOwner::follow);
     // Changes are followed before the present owner is asked for, so that none falls between.
     connection_.add_match(rule_.c_str());
     owner_ = ask();
@@ -315,9 +324,9 @@ ProxyManagerClientImpl::ProxyManagerClientImpl(DBus::Connection &connection, con
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
     initProxyConfig(&proxyConfig);
     serviceOwner = std::make_unique<NameOwner>(connection, name);
-    getProxyConfig();
     urlCache =
         std::make_unique<LRUProxyURLCache<ProxyUrlInformation>>(CACHE_CAPACITY, clearCacheCallBack, nullptr);
+    getProxyConfig(); // last: it fills what only the destructor releases
     configEventArmed = true;
 }
 

@@ -2,6 +2,7 @@
 
 #include "interpose.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -27,11 +28,12 @@ bool is_of_cpp_library(const Dl_info &frame)
 }
 
 // Whether memory was asked for by the library's own code, not by that of dbus-c++, which cannot do without.
-__attribute__((noinline)) bool is_asked_by_library()
+bool is_asked_by_library(const void *caller)
 {
-    void *frames[16];
-    const int count = backtrace(frames, 16);
-    for (int i = 2; i < count; i++) {
+    void *frames[20];
+    const int count = backtrace(frames, 20);
+    const auto first = std::find(frames, frames + count, caller);
+    for (auto i = first - frames; i < count; i++) {
         Dl_info frame;
         if (!dladdr(frames[i], &frame))
             return false;
@@ -45,11 +47,11 @@ thread_local bool in_backtrace = false; // which asks for memory itself at its f
 
 } // namespace
 
-void *operator new(size_t size)
+static void *allocate(size_t size, const void *caller)
 {
     if (!in_backtrace) {
         in_backtrace = true;
-        const bool counts = is_asked_by_library();
+        const bool counts = is_asked_by_library(caller);
         in_backtrace = false;
         if (counts && interpose::fails("operator new"))
             throw std::bad_alloc();
@@ -57,6 +59,18 @@ void *operator new(size_t size)
     if (void *block = __real_malloc(size ? size : 1))
         return block;
     throw std::bad_alloc();
+}
+
+void *operator new(size_t size)
+{
+    return allocate(size, __builtin_return_address(0));
+}
+
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+try {
+    return allocate(size, __builtin_return_address(0));
+} catch (const std::bad_alloc &) {
+    return nullptr;
 }
 
 void operator delete(void *block) noexcept
