@@ -140,6 +140,7 @@ TEST_F(Proxied, TheConfigurationDecides)
         EXPECT_TRUE(result != ATLS_OK || (echoes("first") && echoes("second")));
         EXPECT_EQ(way(), way_taken);
         EXPECT_EQ(link_.handle->proxyUrlCount, result == ATLS_OK && mode != "off");
+        EXPECT_FALSE(interpose::logged("open-sesame")) << "the password is in the log";
     }
 }
 

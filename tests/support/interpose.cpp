@@ -100,7 +100,7 @@ State kept()
 void reset(long timeout_ms, time_t now, bool clock_settable)
 {
     log_capture::record();
-    with_state([&](auto &state) { return state = {{}, {}, {}, timeout_ms, now, clock_settable, {}}; });
+    with_state([&](auto &state) { return state = {{}, {}, {}, timeout_ms, now, clock_settable, {}, {}}; });
 }
 
 void fail(const std::string &function, int nth)
@@ -167,6 +167,12 @@ bool logged(const std::string &text)
 
 using interpose::fails;
 
+static unsigned char *fetched(unsigned char *buffer)
+{
+    with_state([&](auto &state) { return state.unwiped.insert(buffer).second; });
+    return buffer;
+}
+
 // ---- Calls of the objects under test, which the linker's option --wrap leads here
 
 // Result, what it is on failure, name, parameters, arguments, and whether the call can be made to fail by name.
@@ -211,17 +217,25 @@ POINT(int, 1, tlsplat_setopt_sec_ctx, (tlsplat_sec_ctx context, int option, int 
 POINT(tlsplat_pvt_ctx *, nullptr, tlsplat_get_ssl_ctx, (tlsplat_sec_ctx context), (context), false)
 POINT(int, 1, secstore_init_ssl_lib, (), (), false)
 POINT(int, 1, secstore_get_device_cert, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, buffer, length), false)
+      (selector, fetched(buffer), length), false)
 POINT(int, 1, secstore_get_private_key, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, buffer, length), false)
+      (selector, fetched(buffer), length), false)
 POINT(int, 0, netutil_check_port, (int port), (port), false)
 
 extern "C" {
 
+void __real_OPENSSL_cleanse(void *data, size_t length);
 CURLcode __real_curl_easy_setopt(CURL *curl, CURLoption option, ...);
 CURLcode __real_curl_easy_getinfo(CURL *curl, CURLINFO info, ...);
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*function)(void *),
                           void *argument);
+
+void __wrap_OPENSSL_cleanse(void *data, size_t length)
+{
+    if (length == 4096)
+        with_state([&](auto &state) { return state.unwiped.erase(data); });
+    __real_OPENSSL_cleanse(data, length);
+}
 
 // Every option that the client sets takes one word, a number or a pointer.
 CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)
