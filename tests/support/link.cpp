@@ -6,10 +6,6 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 namespace test
 {
 
@@ -60,46 +56,6 @@ Link::~Link()
 int Link::exchange(const std::string &message)
 {
     return atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls", &answer);
-}
-
-static sockaddr_in loopback(int port)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-{
-    sockaddr_in address = loopback(0);
-    auto *generic = reinterpret_cast<sockaddr *>(&address);
-    socklen_t length = sizeof address;
-    if (bind(fd, generic, length) != 0 || listen(fd, 8) != 0 || getsockname(fd, generic, &length) != 0)
-        throw std::runtime_error("no port to listen on");
-    port = ntohs(address.sin_port);
-}
-
-void Listener::close()
-{
-    if (fd >= 0)
-        ::close(fd);
-    fd = -1;
-}
-
-Daemon::Daemon(const std::string &command, int port) : Program({"sh", "-c", "exec " + command})
-{
-    const sockaddr_in address = loopback(port);
-    bool answers = false;
-    for (int probes = 0; !answers && probes < 3000; probes++) {
-        const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        answers = ::connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-        ::close(probe);
-        usleep(answers ? 0 : 10000);
-    }
-    if (!answers)
-        throw std::runtime_error("does not listen: " + command);
 }
 
 } // namespace test

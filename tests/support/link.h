@@ -48,20 +48,6 @@ private:
     std::mutex mutex_;
 };
 
-// A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.
-struct Listener {
-    Listener();
-    ~Listener() { close(); }
-    void close(); // the port is dead from now on
-    int fd;
-    int port;
-};
-
-// A program whose port answers when the constructor returns.
-struct Daemon : Program {
-    Daemon(const std::string &command, int port);
-};
-
 } // namespace test
 
 #endif

@@ -1,4 +1,4 @@
-// What the tests of both halves use: files in temporary folders, and child processes.
+// What the tests of both halves use: files in temporary folders, child processes, and ports on loopback.
 #ifndef TESTS_PROGRAM_H
 #define TESTS_PROGRAM_H
 
@@ -53,6 +53,20 @@ private:
 
     pid_t pid_ = -1;
     Output out_, err_;
+};
+
+// A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.
+struct Listener {
+    Listener();
+    ~Listener() { close(); }
+    void close(); // the port is dead from now on
+    int fd;
+    int port;
+};
+
+// A program whose port answers when the constructor returns.
+struct Daemon : Program {
+    Daemon(const std::string &command, int port);
 };
 
 } // namespace test

@@ -1,0 +1,355 @@
+// soak: everything at once for some minutes, against the built library through its public interface. Threads
+// exchange messages and ask for proxies, while peers die and come back, the configuration changes and the
+// client is made anew. Counts every result, compares every answer, and measures what the process keeps.
+
+#include "atls.h"
+#include "bus.h"
+#include "cli.h"
+#include "proxy.h"
+#include "proxymanager.h"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iomanip>
+#include <mutex>
+#include <random>
+#include <set>
+#include <shared_mutex>
+#include <thread>
+
+#include <malloc.h>
+
+namespace
+{
+
+using namespace test;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Random = std::mt19937;
+
+constexpr unsigned HOSTS = 80; // more than the client's cache holds
+constexpr double LONGEST_MESSAGE = 200000;
+constexpr auto WARM_UP = 20s;              // fills what is allocated once
+constexpr auto LINE_EVERY = 30s;           // the dump files are removed as often
+constexpr unsigned PATIENCE_SECONDS = 240; // no call may take longer
+
+// What the process holds, and by how much it may grow besides what dbus-c++ keeps.
+using Footprint = std::array<long, 4>;
+constexpr const char *NAMES[] = {"resident bytes", "heap bytes in use", "descriptors", "threads"};
+constexpr Footprint ALLOWANCE{8 << 20, 256 << 10, 0, 0};
+constexpr Footprint KEPT_BY_CONNECTION{10000, 10000, 0, 0}; // about 8 KB of each closed one, for ever
+
+Footprint footprint()
+{
+    const auto entries = [](const char *folder) {
+        return std::distance(std::filesystem::directory_iterator(folder), {});
+    };
+    long resident_pages = 0;
+    std::ifstream("/proc/self/statm") >> resident_pages >> resident_pages; // the second number
+    const auto heap = mallinfo2();
+    return {resident_pages * sysconf(_SC_PAGESIZE), static_cast<long>(heap.uordblks + heap.hblkhd),
+            entries("/proc/self/fd"), entries("/proc/self/task")};
+}
+
+// A reference service in a process of its own, so that only the library is measured.
+struct Service {
+    Service(const std::string &keys, const std::string &tls) : version(tls)
+    {
+        port.close();
+        daemon = std::make_unique<Daemon>(
+            "sh -c 'cd " + keys +
+                " && exec " ATLS_SERVER " --idle 60 --front-cert front-cert.pem "
+                "--front-key front-key.pem --cert service-cert.pem --key service-key.pem --device-ca "
+                "device-ca.pem --max-tls " +
+                tls + " --port " + std::to_string(port.port) + " 2>/dev/null'",
+            port.port);
+    }
+    std::string version;
+    Listener port;
+    std::unique_ptr<Daemon> daemon;
+};
+
+class Soak
+{
+public:
+    Soak()
+    {
+        for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy"})
+            unsetenv(name);
+        test::run("'" MAKE_IDENTITY "' " + folder_.root);
+        setenv("ATLS_PLATFORM_DIR", folder_.path("device").c_str(), 1);
+        for (const char *tls : {"1.2", "1.3"})
+            services_.push_back(std::make_unique<Service>(folder_.path("service/"), tls));
+        const std::string a = "PROXY " + a_.address(), b = ";PROXY " + b_.address();
+        for (const auto &[name, ways] :
+             {std::pair("pac0", a + b), {"pac1", "PROXY 127.0.0.1:1" + b + ";DIRECT"}})
+            folder_.write(name, "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? '" +
+                                    ways + "' : 'PROXY ' + host + ':80;DIRECT'; }");
+        start_manager();
+    }
+
+    bool run(Clock::duration time)
+    {
+        const Footprint before = everything_for(WARM_UP);
+        closed_connections_ = 0;
+        const Footprint after = everything_for(time);
+        for (const auto &[kind, codes] : codes_) {
+            std::cout << std::left << std::setw(22) << kind;
+            for (const auto &[code, calls] : codes)
+                std::cout << std::setw(14) << std::to_string(code) + ": " + std::to_string(calls);
+            std::cout << "longest " << longest_.at(kind) << " s\n";
+        }
+        std::cout << "wrong answers " << wrong_ << ", undefined results " << undefined_ << "\n";
+        bool good = wrong_ == 0 && undefined_ == 0;
+        for (size_t i = 0; i < after.size(); i++) {
+            const long allowed = ALLOWANCE[i] + closed_connections_ * KEPT_BY_CONNECTION[i];
+            good = good && after[i] - before[i] <= allowed;
+            std::cout << std::setw(18) << NAMES[i] << "start " << before[i] << ", end " << after[i]
+                      << ", grown " << after[i] - before[i] << " of " << allowed << " allowed\n";
+        }
+        return good;
+    }
+
+private:
+    using Codes = std::set<int>;
+    int count(const std::string &kind, const Codes &defined, const std::function<int()> &operation)
+    {
+        const auto start = Clock::now();
+        const int code = operation();
+        const std::chrono::duration<double> time = Clock::now() - start;
+        const std::lock_guard<std::mutex> lock(results_);
+        codes_[kind][code]++;
+        longest_[kind] = std::max(longest_[kind], time.count());
+        if (defined.count(code) == 0) {
+            undefined_++;
+            std::cout << "undefined result " << code << ": " << kind << std::endl;
+        }
+        return code;
+    }
+    void wrong(const std::string &what)
+    {
+        const std::lock_guard<std::mutex> lock(results_);
+        wrong_++;
+        std::cout << "wrong answer: " << what << std::endl;
+    }
+    // For operations of several threads at once, but not while the client is cleaned up.
+    int shared(const std::string &kind, const Codes &defined, const std::function<int()> &operation)
+    {
+        turnstile_.lock(); // held by who waits for all others to finish
+        turnstile_.unlock();
+        const std::shared_lock<std::shared_mutex> lock(renewal_);
+        return count(kind, defined, operation);
+    }
+
+    // A message of random bytes, as often short as long.
+    int exchange(atls_handle *handle, atls_resp &answer, Random &random)
+    {
+        const double exponent = std::uniform_real_distribution<>(0, std::log(LONGEST_MESSAGE))(random);
+        std::string message(static_cast<size_t>(std::exp(exponent)), '\0');
+        if (message.size() % 16384 == 0)
+            message.pop_back(); // such an answer cannot be received
+        for (char &byte : message)
+            byte = static_cast<char>(random());
+        const int result =
+            atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls", &answer);
+        if (result == ATLS_OK && std::string(answer.body, answer.body_len) != message)
+            wrong("to a message of " + std::to_string(message.size()) + " bytes");
+        return result;
+    }
+    void exchange_messages(unsigned seed)
+    {
+        Random random(seed);
+        atls_handle *handle = create_atls_handle();
+        atls_resp answer = {};
+        while (!stop_) {
+            const Service &service = *services_[random() % services_.size()];
+            int result = shared("connect, TLS " + service.version, {ATLS_OK, ATLS_HANDSHAKE_FAILED}, [&] {
+                return atls_connect(&handle, "127.0.0.1", nullptr, service.port.port, "/atls", "soak");
+            });
+            for (auto left = random() % 10; left > 0 && result == ATLS_OK && !stop_; left--)
+                result = shared("exchange", {ATLS_OK, ATLS_BAD_RESPONSE, ATLS_EXCHANGE_FAILED},
+                                [&] { return exchange(handle, answer, random); });
+            std::this_thread::sleep_for(result == ATLS_OK ? 0ms : 20ms);
+            atls_handle_cleanup(&handle);
+            if (random() % 2 == 0) {
+                free_atls_handle(handle);
+                handle = create_atls_handle();
+            }
+        }
+        cleanup_atls_resp(&answer);
+        free_atls_handle(handle);
+    }
+
+    ProxyMode resolve(const std::string &host)
+    {
+        const ProxyUrlInformation proxies = get_proxy_url(("https://" + host + "/").c_str());
+        std::this_thread::yield(); // the texts stay readable, whatever the others do
+        std::string entries;
+        for (int i = 0; i < proxies.proxyUrlCount; i++)
+            entries += (proxies.proxyUrlList[i] ? proxies.proxyUrlList[i] : "NULL") + std::string(";");
+        if (entries != (proxies.mode == PROXY_MODE_OFF      ? ""
+                        : proxies.mode == PROXY_MODE_MANUAL ? a_.address() + ";"
+                                                            : "PROXY " + host + ":80;DIRECT;"))
+            wrong(host + ", mode " + std::to_string(proxies.mode) + ": " + entries);
+        return proxies.mode;
+    }
+    void ask_for_proxies(unsigned seed)
+    {
+        for (Random random(seed); !stop_; std::this_thread::sleep_for(2ms)) {
+            shared("resolve (its mode)", {0, 1, 2, 3},
+                   [&] { return resolve("host" + std::to_string(random() % HOSTS) + ".example"); });
+            if (random() % 16 == 0)
+                shared("service started?", {0, 1}, check_service_started);
+        }
+    }
+
+    void start_manager()
+    {
+        manager_ = std::make_unique<Program>(
+            std::vector<std::string>{PROXYMANAGERD, "--pac", folder_.path("pac0"), "--wpad-script",
+                                     folder_.path("pac1"), "--state-file", folder_.path("state")});
+        if (!manager_->wait_for_error("serving as"))
+            throw std::runtime_error("no proxy manager: " + manager_->err());
+    }
+    // Changes the configuration, from here or from another process. The client must know of it afterwards.
+    void configure(unsigned number)
+    {
+        const auto mode = static_cast<ProxyMode>(number % 5 % 4);
+        std::string proxy = mode == PROXY_MODE_MANUAL ? a_.address() : "";
+        std::string pac = mode == PROXY_MODE_PACURL ? folder_.path("pac1") : "";
+        std::string user = mode == PROXY_MODE_MANUAL ? "device" : "";
+        if (number % 2 == 0)
+            shared("configure", {0}, [&] {
+                return update_proxy_config({mode, proxy.data(), pac.data(), false, user.data(), user.data()});
+            });
+        else if (ask("updateProxyconfig", {proxyMode2Str(mode), proxy, pac, "false", user, user}) != "(0,)")
+            wrong("to gdbus");
+        shared("service started?", {1}, check_service_started); // the answer comes behind the signals
+        ProxyManagerConfig config = get_http_proxy_config();
+        if (config.mode != mode)
+            wrong("configuration of mode " + std::to_string(config.mode));
+        cleanupProxyConfig(&config);
+    }
+
+    void create_client(bool with_service = true)
+    {
+        const int code = count("create client", {with_service}, create_proxy_manager_client);
+        closed_connections_ += code == 0;
+        set_proxy_manager_event_cb(PROXY_MGR_EVENT_CONFIG_UPDATED, [](ProxyMgrEventType) { events_++; });
+    }
+    void clean_up_client()
+    {
+        count("clean up client", {1}, cleanup_proxy_manager_client);
+        closed_connections_++;
+    }
+    void renew_client(bool without_manager)
+    {
+        const std::lock_guard<std::mutex> turnstile(turnstile_);
+        const std::lock_guard<std::shared_mutex> alone(renewal_);
+        clean_up_client();
+        if (without_manager) {
+            create_client(false);
+            start_manager();
+        }
+        create_client();
+    }
+
+    // One disturbance after the other; after all eight the peers are up.
+    void disturb(unsigned number)
+    {
+        const std::function<void()> disturbances[] = {
+            [&] { configure(number); },
+            [&] { count("kill a proxy", {-SIGKILL}, [&] { return a_.die(); }); },
+            [&] { configure(number); },
+            [&] { a_.start(); },
+            [&] { renew_client(false); },
+            [&] { configure(number); },
+            [&] { count("stop the service", {0}, [&] { return manager_->end(SIGTERM); }); },
+            [&] { number % 16 == 7 ? start_manager() : renew_client(true); },
+        };
+        disturbances[number % 8]();
+    }
+    void print_line(Clock::duration passed)
+    {
+        for (const auto &file : std::filesystem::directory_iterator("/tmp"))
+            if (file.path().filename().string().rfind("atls_handshake_data_", 0) == 0)
+                dumps_ += std::filesystem::remove(file.path());
+        const Footprint held = footprint();
+        std::cout << std::chrono::duration_cast<std::chrono::seconds>(passed).count() << " s:";
+        for (size_t i = 0; i < held.size(); i++)
+            std::cout << " " << NAMES[i] << " " << held[i] << ",";
+        std::cout << " bus connections closed " << closed_connections_ << ", events " << events_
+                  << ", dump files removed " << dumps_ << std::endl;
+    }
+    // Returns what is held when all has been cleaned up.
+    Footprint everything_for(Clock::duration time)
+    {
+        create_client();
+        stop_ = false;
+        std::vector<std::thread> threads;
+        for (unsigned i = 0; i < 6; i++)
+            threads.emplace_back(i < 4 ? &Soak::exchange_messages : &Soak::ask_for_proxies, this, i);
+        const auto start = Clock::now();
+        auto line = start + LINE_EVERY;
+        for (unsigned number = 0; Clock::now() < start + time || number % 8 != 0; number++) {
+            alarm(PATIENCE_SECONDS); // ends the program when a thread is stuck
+            disturb(number);
+            std::this_thread::sleep_for(500ms);
+            for (; Clock::now() >= line; line += LINE_EVERY)
+                print_line(Clock::now() - start);
+        }
+        stop_ = true;
+        for (std::thread &thread : threads)
+            thread.join();
+        clean_up_client();
+        malloc_trim(0);
+        return footprint();
+    }
+
+    Folder folder_;
+    PrivateBus bus_;
+    Proxy a_{"LogLevel Critical\n"}, b_{"LogLevel Critical\n"};
+    std::unique_ptr<Program> manager_;
+    std::vector<std::unique_ptr<Service>> services_;
+    std::mutex turnstile_;
+    std::shared_mutex renewal_;
+    std::atomic<bool> stop_{false};
+    std::mutex results_; // for what follows
+    std::map<std::string, std::map<int, long>> codes_;
+    std::map<std::string, double> longest_;
+    long wrong_ = 0, undefined_ = 0;
+    long closed_connections_ = 0, dumps_ = 0;
+    static inline std::atomic<long> events_{0};
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    return cli::guarded("soak", [&] {
+        CLI::App app("Everything at once for some minutes, against the built library, on loopback.", "soak");
+        double minutes = 1;
+        app.add_option("--minutes", minutes, "How long, after a warm-up")
+            ->check(CLI::Range(0.1, 100000.0))
+            ->capture_default_str();
+        app.footer(
+            "Removes the library's dump files from /tmp: start it with scripts/soak or scripts/private-tmp.\n"
+            "Exit status: 0 when no answer was wrong, no result undefined, and descriptors, threads and\n"
+            "memory came back, otherwise 1; 64 wrong usage; 69 a peer cannot be started. A stuck call\n"
+            "ends it with SIGALRM.");
+        if (const auto status = cli::parse(app, argc, argv))
+            return *status;
+        setlogmask(LOG_UPTO(LOG_ERR));
+        Soak soak;
+        if (freopen("/dev/null", "w", stderr) == nullptr) // libcurl's trace
+            return cli::EXIT_UNAVAILABLE;
+        const bool good = soak.run(std::chrono::seconds(std::lround(minutes * 60)));
+        std::cout << (good ? "good" : "NOT GOOD") << std::endl;
+        return good ? 0 : 1;
+    });
+}

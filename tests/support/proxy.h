@@ -1,0 +1,49 @@
+// A real HTTP proxy that can die and come back.
+#ifndef TESTS_PROXY_H
+#define TESTS_PROXY_H
+
+#include "program.h"
+
+#include <memory>
+
+namespace test
+{
+
+// A real proxy, on a port of its own, also when it dies and comes back.
+class Proxy
+{
+public:
+    explicit Proxy(const std::string &settings = "")
+    {
+        port_.close();
+        folder_.write("conf", "Port " + std::to_string(port_.port) + "\nListen 127.0.0.1\nLogFile \"" +
+                                  folder_.path("log") + "\"\n" + settings);
+        start();
+    }
+    void start()
+    {
+        daemon_ = std::make_unique<Daemon>("tinyproxy -d -c " + folder_.path("conf"), port_.port);
+    }
+    int die() { return daemon_->end(SIGKILL); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_.port); }
+    // How many requests for a connection came since it was asked last.
+    int requests()
+    {
+        const std::string log = read_file(folder_.path("log"));
+        int count = 0;
+        for (; (seen_ = log.find(": CONNECT 127.0.0.1:", seen_)) != std::string::npos; seen_++)
+            count++;
+        seen_ = log.size();
+        return count;
+    }
+
+private:
+    Folder folder_;
+    Listener port_;
+    std::unique_ptr<Daemon> daemon_;
+    size_t seen_ = 0;
+};
+
+} // namespace test
+
+#endif
