@@ -42,7 +42,7 @@ constexpr unsigned PATIENCE_SECONDS = 240; // no call may take longer
 using Footprint = std::array<long, 4>;
 constexpr const char *NAMES[] = {"resident bytes", "heap bytes in use", "descriptors", "threads"};
 constexpr Footprint ALLOWANCE{8 << 20, 256 << 10, 0, 0};
-constexpr Footprint KEPT_BY_CONNECTION{10000, 10000, 0, 0}; // about 8 KB of each closed one, for ever
+constexpr Footprint KEPT_BY_CONNECTION{8192, 8192, 0, 0}; // at most, of each closed one, for ever
 
 Footprint footprint()
 {
