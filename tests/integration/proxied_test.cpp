@@ -100,7 +100,7 @@ TEST_F(Proxied, TheConfigurationDecides)
                  {"manual", "A", "", "", ATLS_OK, "A"},
                  {"off", "", "", "", ATLS_OK, ""}};
     for (const auto &[mode, proxy, user, password, result, way_taken] : cases) {
-        SCOPED_TRACE(mode + " " + proxy + " " + user);
+        SCOPED_TRACE(user.empty() ? mode : mode + " as " + user);
         configure(mode, proxy.empty() ? "" : address(proxy[0]), "", user, password);
         EXPECT_EQ(connect(), result);
         EXPECT_TRUE(result != ATLS_OK || (echoes("first") && echoes("second")));
