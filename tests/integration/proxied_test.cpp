@@ -216,8 +216,8 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
             int result = atls_connect(&handle, "127.0.0.1", nullptr, link_.service->port(), "/atls", nullptr);
             EXPECT_TRUE(result == ATLS_OK || result == ATLS_HANDSHAKE_FAILED) << result;
             for (int i = 0; i < 3 && result == ATLS_OK; i++) {
-                const std::string message =
-                    std::to_string(thread) + " " + std::to_string(left) + " " + pattern(100 * i);
+                const std::string message = std::to_string(thread) + " " + std::to_string(left) + " " +
+                                            pattern(static_cast<size_t>(100 * i));
                 result = atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls",
                                            &answer);
                 EXPECT_TRUE(result == ATLS_OK || result == ATLS_BAD_RESPONSE ||
