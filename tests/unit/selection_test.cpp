@@ -28,82 +28,53 @@ struct Case {
     std::string errors;
 };
 
+Answer script(const std::vector<Text> &entries, ProxyMode mode = PROXY_MODE_PACURL)
+{
+    return {mode, entries, "user", "secret"}; // which only a manual proxy gets
+}
+
+Options proxy(const std::string &text)
+{
+    return {{CURLOPT_PROXY, text}};
+}
+
+Options with_password(const std::string &text, unsigned long long mask, const std::string &password)
+{
+    return {{CURLOPT_PROXY, text},
+            {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(mask))},
+            {CURLOPT_PROXYUSERNAME, "user"},
+            {CURLOPT_PROXYPASSWORD, password}};
+}
+
+const std::vector<Text> ODD = {"PROXY",   {},           "PROXY ",    "PROXY " + LONG_NAME,
+                               "socks:1", "HTTP PROXY", "proxy p:1", ""};
+const std::vector<Text> ODD_LIST = {{}, {}, {}, LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""};
+const Answer WITHOUT_USER{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"};
+const Answer WITH_USER{PROXY_MODE_MANUAL, {"p:1"}, "user", {}};
+const Answer WITH_BOTH{PROXY_MODE_MANUAL, {"p:1"}, "user", "secret"};
+const char *const OFF = "setProxyParams Exit since http proxy mode is off\n\n";
+const char *const NO_CLIENT = "setProxyParams: create_proxy_manager_client fail!\n";
+const char *const NO_ENTRIES = "setProxyParams Fail to found any available proxy url\n";
+
 const Case CASES[] = {
-    {"NoClient", std::nullopt, false, {}, {}, "", "setProxyParams: create_proxy_manager_client fail!\n"},
-    {"Off", Answer{}, false, {}, {}, "setProxyParams Exit since http proxy mode is off\n\n", ""},
-    {"NoEntries",
-     Answer{PROXY_MODE_PACURL, {}, {}, {}},
-     false,
-     {},
-     {},
-     "",
-     "setProxyParams Fail to found any available proxy url\n"},
-    {"Pac",
-     Answer{PROXY_MODE_PACURL, {"PROXY p1:80", "DIRECT"}, "user", "secret"},
-     false,
-     {{CURLOPT_PROXY, "p1:80"}},
-     {"p1:80", "DIRECT"},
-     "",
-     ""},
+    {"NoClient", std::nullopt, false, {}, {}, "", NO_CLIENT},
+    {"Off", Answer{}, false, {}, {}, OFF, ""},
+    {"NoEntries", script({}), false, {}, {}, "", NO_ENTRIES},
+    {"Pac", script({"PROXY p1:80", "DIRECT"}), false, proxy("p1:80"), {"p1:80", "DIRECT"}, "", ""},
     {"DirectFirst",
-     Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}},
+     script({"DIRECT", "PROXY p:1"}, PROXY_MODE_WPAD),
      false,
-     {{CURLOPT_PROXY, "NULL"}},
-     {"DIRECT", "p2:80"},
+     proxy("NULL"),
+     {"DIRECT", "p:1"},
      DIRECT,
      ""},
-    {"OddEntries",
-     Answer{PROXY_MODE_PACURL,
-            {"PROXY", {}, "PROXY ", "PROXY " + LONG_NAME, "socks:1", "HTTP PROXY", "proxy p:1", ""},
-            {},
-            {}},
-     false,
-     {{CURLOPT_PROXY, "NULL"}},
-     {{}, {}, {}, LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
-     DIRECT,
-     ""},
-    {"DirectWithin",
-     Answer{PROXY_MODE_PACURL, {"PROXY x-DIRECT:1"}, {}, {}},
-     false,
-     {{CURLOPT_PROXY, "NULL"}},
-     {"x-DIRECT:1"},
-     DIRECT,
-     ""},
-    {"OtherCase",
-     Answer{PROXY_MODE_PACURL, {"direct:1"}, {}, {}},
-     false,
-     {{CURLOPT_PROXY, "direct:1"}},
-     {"direct:1"},
-     "",
-     ""},
-    {"Manual",
-     Answer{PROXY_MODE_MANUAL, {"PROXY p:3128"}, {}, "unused"},
-     false,
-     {{CURLOPT_PROXY, "PROXY p:3128"}},
-     {"p:3128"},
-     "",
-     ""},
-    {"ManualWithUser",
-     Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}},
-     false,
-     {{CURLOPT_PROXY, "p:3128"},
-      {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(0xFFFFFFFFFFFFFFEFULL))},
-      {CURLOPT_PROXYUSERNAME, "user"},
-      {CURLOPT_PROXYPASSWORD, "NULL"}},
-     {"p:3128"},
-     "",
-     ""},
-    {"ManualUnderFips",
-     Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
-     true,
-     {{CURLOPT_PROXY, "p:3128"},
-      {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(0xFFFFFFFFFFFFFFEDULL))},
-      {CURLOPT_PROXYUSERNAME, "user"},
-      {CURLOPT_PROXYPASSWORD, "secret"}},
-     {"p:3128"},
-     "",
-     ""},
-    {"UnknownMode", Answer{4, {"PROXY p:1"}, {}, {}}, false, {}, {"p:1"}, "", ""},
+    {"OddEntries", script(ODD), false, proxy("NULL"), ODD_LIST, DIRECT, ""},
+    {"DirectWithin", script({"PROXY x-DIRECT:1"}), false, proxy("NULL"), {"x-DIRECT:1"}, DIRECT, ""},
+    {"OtherCase", script({"direct:1"}), false, proxy("direct:1"), {"direct:1"}, "", ""},
+    {"Manual", WITHOUT_USER, false, proxy("PROXY p:1"), {"p:1"}, "", ""},
+    {"WithUser", WITH_USER, false, with_password("p:1", 0xFFFFFFFFFFFFFFEFULL, "NULL"), {"p:1"}, "", ""},
+    {"UnderFips", WITH_BOTH, true, with_password("p:1", 0xFFFFFFFFFFFFFFEDULL, "secret"), {"p:1"}, "", ""},
+    {"UnknownMode", script({"PROXY p:1"}, 4), false, {}, {"p:1"}, "", ""},
 };
 
 class Selection : public testing::TestWithParam<Case>
