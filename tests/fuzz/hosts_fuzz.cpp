@@ -8,6 +8,7 @@
 #include "proxy_text.h"
 
 #include <algorithm>
+#include <random>
 #include <vector>
 
 static std::vector<int> released, expected;
@@ -44,7 +45,10 @@ static void compare(const LRUProxyURLCache<int> &cache)
         REQUIRE(node && node->key == entry.first && *cache.find(entry.first) == entry.second);
         node = node->prev;
     }
-    REQUIRE(!node && cache.nodeMap.size() == model.size() && released == expected);
+    REQUIRE(!node && cache.nodeMap.size() == model.size() && cache.valueMap.size() == model.size());
+    REQUIRE(released == expected);
+    released.clear();
+    expected.clear();
 }
 
 static void read_host(std::string url)
@@ -69,28 +73,41 @@ static void read_text(const std::string &text)
     REQUIRE(proxy_text::on_one_line(text).find_first_of("\t\r\x1b\x7f") == std::string::npos);
 }
 
-// s KEY and g KEY store and look up, f stores 60 keys, u URL has a host; any other line is some text.
+static void take_step(LRUProxyURLCache<int> &cache, char command, const std::string &text)
+{
+    static int value = 0;
+    if (command == 's') {
+        store(cache, text, ++value);
+    } else if (command == 'g') {
+        int got = 0;
+        const bool hit = cache.get(text, got);
+        REQUIRE(hit == use(text) && (!hit || got == model.back().second));
+    } else if (command == 'c') {
+        cache.clearCache();
+        std::sort(model.begin(), model.end());
+        for (const auto &entry : model)
+            expected.push_back(entry.second);
+        model.clear();
+    } else if (command == 'r') {
+        std::minstd_rand random(static_cast<unsigned>(text.size())); // NOLINT(cert-msc32-c,cert-msc51-cpp)
+        for (int step = 0; step < 10000; step++)
+            take_step(cache, step % 700 ? "sg"[random() % 2] : 'c', std::to_string(random() % 80));
+    } else if (command == 'u') {
+        read_host(text);
+    } else {
+        read_text(command + text);
+    }
+    compare(cache);
+}
+
+// s KEY and g KEY store and look up, c clears, r does so at random, u URL has a host; any other line is
+// some text.
 void run(std::istream &input)
 {
     released = expected = {};
     model.clear();
     LRUProxyURLCache<int> cache(
         50, [](int &value, void *) { released.push_back(value); }, nullptr);
-    int value = 0;
-    for (char command; input.get(command); compare(cache)) {
-        const std::string text = upto(input, '\n');
-        for (int i = 0; command == 'f' && i < 60; i++)
-            store(cache, std::to_string(i), ++value);
-        if (command == 's') {
-            store(cache, text, ++value);
-        } else if (command == 'g') {
-            int got = 0;
-            const bool hit = cache.get(text, got);
-            REQUIRE(hit == use(text) && (!hit || got == model.back().second));
-        } else if (command == 'u') {
-            read_host(text);
-        } else {
-            read_text(command + text);
-        }
-    }
+    for (char command; input.get(command);)
+        take_step(cache, command, upto(input, '\n'));
 }

@@ -1,9 +1,7 @@
-// Connection and exchange against the reference service: lengths, statuses, refusals, odd answers, files,
-// threads.
+// Connection and exchange against the reference service: lengths, statuses, refusals, odd answers, files.
 
 #include "link.h"
-
-#include <thread>
+#include "log_capture.h"
 
 #include <sys/stat.h>
 #include <syslog.h>
@@ -60,40 +58,6 @@ TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
     EXPECT_EQ(interpose::log_of(LOG_ERR), "");
     EXPECT_EQ(link_.connect(), ATLS_INVALID_INPUT) << "connected already";
     EXPECT_EQ(link_.exchange("still connected"), ATLS_OK);
-}
-
-TEST_P(Connection, DropsAnAnswerThatThereIsNoMemoryFor)
-{
-    link_.start();
-    ASSERT_EQ(link_.connect(), ATLS_OK);
-    for (const char *function : {"malloc", "realloc"}) {
-        link_.reply = 40000;
-        interpose::fail(function);
-        EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
-        EXPECT_TRUE(interpose::logged("allocate memory for decrypted response body"));
-        link_.reply = 0;
-        EXPECT_EQ(link_.exchange("two"), ATLS_OK);
-        EXPECT_EQ(link_.body(), "two") << "not the rest of the answer before";
-    }
-}
-
-TEST_P(Connection, SendsNothingStaleAfterAFailure)
-{
-    link_.start();
-    for (int fault = 1; fault <= 6; fault++) {
-        const bool lost = fault > 3; // a message was encrypted that never arrived
-        for (const bool first : {true, false}) {
-            ASSERT_EQ(link_.connect(), ATLS_OK);
-            ASSERT_EQ(first ? ATLS_OK : link_.exchange("one"), ATLS_OK);
-            interpose::fail(fault < 6 ? "curl_easy_setopt" : "curl_easy_perform", fault < 6 ? fault : 1);
-            EXPECT_EQ(link_.exchange(test::pattern(50000)), ATLS_EXCHANGE_FAILED);
-            EXPECT_EQ(link_.exchange("two"), lost ? ATLS_BAD_RESPONSE : ATLS_OK);
-            const bool alone = lost || !first; // else the flight of the handshake goes in front
-            EXPECT_TRUE(!alone || link_.posted.back() < 100) << "one short record";
-            EXPECT_EQ(link_.exchange("three"), lost ? ATLS_INVALID_INPUT : ATLS_OK);
-            atls_handle_cleanup(&link_.handle);
-        }
-    }
 }
 
 // What the service may send in the place of its response, in the handshake and in an exchange.
@@ -167,28 +131,6 @@ TEST_P(Connection, EndsWhenACertificateIsRefused)
     EXPECT_EQ(link_.connect(), ATLS_HANDSHAKE_FAILED) << "the service is not trusted";
 }
 
-TEST_P(Connection, ServesEightThreadsAtOnce)
-{
-    link_.start();
-    std::vector<std::thread> threads;
-    for (char i = 'a'; i < 'i'; i++)
-        threads.emplace_back([this, i] {
-            atls_handle *handle = create_atls_handle();
-            atls_resp answer = {};
-            EXPECT_EQ(atls_connect(&handle, nullptr, "127.0.0.1", link_.service->port(), "/", nullptr),
-                      ATLS_OK);
-            for (int n = 1; n <= 20; n++) {
-                const std::string message(static_cast<size_t>(n), i);
-                EXPECT_EQ(atls_easy_perform(handle, message.data(), n, "/", &answer), ATLS_OK);
-                EXPECT_EQ(std::string(answer.body, answer.body_len), message);
-            }
-            cleanup_atls_resp(&answer);
-            free_atls_handle(handle);
-        });
-    for (std::thread &thread : threads)
-        thread.join();
-}
-
 TEST(Arguments, AreChecked)
 {
     test::Link link;
@@ -254,7 +196,7 @@ TEST(Handshake, SetsTheClockUnlessItIsSet)
     for (const char *marker : {"/tmp/.stime-by-http", "/tmp/.stime-by-ntp", "/tmp/.stime-by-user"}) {
         test::write_file(marker, "");
         EXPECT_EQ(settings(true), 0u) << marker;
-        EXPECT_FALSE(interpose::logged("Looking up Date"));
+        EXPECT_FALSE(log_capture::contains("Looking up Date"));
         unlink(marker);
     }
 }

@@ -3,6 +3,7 @@
 
 #include "bus.h"
 #include "link.h"
+#include "log_capture.h"
 #include "proxy.h"
 #include "proxymanager.h"
 
@@ -27,7 +28,6 @@ protected:
              {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
             unsetenv(name);
         link_.start();
-        dead_.close();
         EXPECT_TRUE(manager_->wait_for_error("serving as")) << manager_->err();
         interpose::reset();
         EXPECT_EQ(create_proxy_manager_client(), 1);
@@ -41,7 +41,7 @@ protected:
         EXPECT_EQ(ask("updateProxyconfig", {mode, proxy, pac, "false", user, password}), "(0,)");
         EXPECT_TRUE(check_service_started());
     }
-    // A, B, S (silent) and X (dead) stand for proxies, D for none.
+    // A, B, S (silent), X (dead) and U (unknown) stand for proxies, D for none.
     std::string names_to_addresses(const std::string &names)
     {
         std::string answer;
@@ -59,7 +59,9 @@ protected:
     {
         return name == 'A'   ? a_.address()
                : name == 'B' ? b_.address()
-                             : "127.0.0.1:" + std::to_string(name == 'S' ? silent_.port : dead_.port);
+               : name == 'S' ? "127.0.0.1:" + std::to_string(silent_.port)
+               : name == 'X' ? "127.0.0.1:1"
+                             : "no-such-host.invalid:80";
     }
     // Which proxies were asked, "AAB" say, since the last time.
     std::string way() { return std::string(a_.requests(), 'A') + std::string(b_.requests(), 'B'); }
@@ -80,13 +82,12 @@ protected:
     Proxy a_;
     Proxy b_{"BasicAuth device open-sesame\n"}; // in script modes nobody tells the password
     Listener silent_;
-    Listener dead_;
 };
 
 TEST_F(Proxied, TheConfigurationDecides)
 {
     EXPECT_TRUE(connect() == ATLS_OK && echoes("off") && way().empty());
-    EXPECT_TRUE(interpose::logged("setProxyParams Exit since http proxy mode is off"));
+    EXPECT_TRUE(log_capture::contains("setProxyParams Exit since http proxy mode is off"));
     const struct {
         std::string mode, proxy, user, password;
         int result;
@@ -100,13 +101,13 @@ TEST_F(Proxied, TheConfigurationDecides)
                  {"manual", "A", "", "", ATLS_OK, "A"},
                  {"off", "", "", "", ATLS_OK, ""}};
     for (const auto &[mode, proxy, user, password, result, way_taken] : cases) {
-        SCOPED_TRACE(user.empty() ? mode : mode + " as " + user);
+        SCOPED_TRACE(testing::Message() << mode << ' ' << proxy << ' ' << user);
         configure(mode, proxy.empty() ? "" : address(proxy[0]), "", user, password);
         EXPECT_EQ(connect(), result);
         EXPECT_TRUE(result != ATLS_OK || (echoes("first") && echoes("second")));
         EXPECT_EQ(way(), way_taken);
         EXPECT_EQ(link_.handle->proxyUrlCount, result == ATLS_OK && mode != "off");
-        EXPECT_FALSE(interpose::logged("open-sesame")) << "the password is in the log";
+        EXPECT_FALSE(log_capture::contains("open-sesame")) << "the password is in the log";
     }
 }
 
@@ -120,6 +121,7 @@ TEST_F(Proxied, FollowsTheScript)
     } cases[] = {{"AD", ATLS_OK, "A", {}},
                  {"DA", ATLS_OK, "", {}},
                  {"XAD", ATLS_OK, "A", {7}},
+                 {"UD", ATLS_OK, "", {5}},
                  {"SXA", ATLS_OK, "A", {28, 7}},
                  {"XSD", ATLS_OK, "", {7, 28}},
                  {"XSX", ATLS_HANDSHAKE_FAILED, "", {7, 28, 7}},
@@ -128,17 +130,23 @@ TEST_F(Proxied, FollowsTheScript)
         SCOPED_TRACE(names);
         use_script(names);
         EXPECT_EQ(connect(names.find('S') == std::string::npos ? 0 : SHORT_TIMEOUT_MS), result);
-        std::string expected;
-        for (size_t i = 0; i < failures.size(); i++)
-            expected += "curl_rc:" + std::to_string(failures[i]) +
-                        ", proxyUrlCount:" + std::to_string(names.size()) +
-                        ", index:" + std::to_string(i + 1) + "\n";
-        std::string seen;
-        std::istringstream notices(interpose::log_of(LOG_NOTICE));
-        for (std::string line; std::getline(notices, line);)
-            if (const size_t at = line.find("curl_rc:"); at != std::string::npos)
-                seen += line.substr(at) + "\n";
-        EXPECT_EQ(seen, expected);
+        std::string expected; // of the log
+        for (size_t i = 1; i <= failures.size(); i++) {
+            expected.append("atls_handshake: curl_rc:").append(std::to_string(failures[i - 1]));
+            expected.append(", proxyUrlCount:").append(std::to_string(names.size()));
+            expected.append(", index:").append(std::to_string(i)).append("\n\n");
+            if (failures[i - 1] != 56 && i < names.size())
+                expected += names[i] == 'D'
+                                ? "Direct connect without http proxy\n\n"
+                                : "atls_handshake connect with http proxy:" + address(names[i]) + "\n\n";
+        }
+        const std::string notices = interpose::log_of(LOG_NOTICE) + "\n";
+        const size_t start = std::min(notices.find("atls_handshake: curl_rc"), notices.size());
+        EXPECT_EQ(notices.substr(start, expected.size()), expected) << notices;
+        EXPECT_EQ(notices.find("curl_rc", start + expected.size()), std::string::npos) << notices;
+        EXPECT_EQ(log_capture::contains("atls_handshake: Failed to preform post"), result != ATLS_OK);
+        EXPECT_EQ(log_capture::contains("Curl error"), result != ATLS_OK);
+        EXPECT_EQ(link_.handle->proxyUrlList != nullptr, result == ATLS_OK);
         EXPECT_TRUE(result != ATLS_OK || echoes("message"));
         EXPECT_EQ(way(), way_taken);
     }
@@ -148,6 +156,13 @@ TEST_F(Proxied, FollowsTheScript)
 // goes through the next one.
 TEST_F(Proxied, SurvivesTheDeathOfAProxy)
 {
+    use_script("A");
+    ASSERT_EQ(connect(), ATLS_OK);
+    a_.die();
+    EXPECT_EQ(link_.exchange("lost"), ATLS_EXCHANGE_FAILED);
+    EXPECT_TRUE(log_capture::contains("atls_easy_perform: Failed to preform post"));
+    EXPECT_TRUE(link_.handle->proxyUrlCount == 0 && !link_.handle->proxyUrlList);
+    a_.start();
     for (const int version : {TLS1_3_VERSION, TLS1_2_VERSION}) {
         Link link(version);
         link.start();
@@ -157,11 +172,11 @@ TEST_F(Proxied, SurvivesTheDeathOfAProxy)
         a_.die();
         EXPECT_EQ(link.exchange("first"), ATLS_OK);
         EXPECT_EQ(link.body(), "first");
-        EXPECT_TRUE(interpose::logged("curl_rc:7, proxyUrlCount:3, index:2"));
+        EXPECT_TRUE(log_capture::contains("atls_easy_perform: curl_rc:7, proxyUrlCount:3, index:2"));
         EXPECT_TRUE(link.exchange("second") == ATLS_OK && link.body() == "second");
         a_.start();
     }
-    EXPECT_EQ(way(), "AA");
+    EXPECT_EQ(way(), "AAA");
 }
 
 // The service has the message, but its answer does not come in time: the same records are posted once more,
@@ -171,7 +186,7 @@ TEST_F(Proxied, EndsTheSessionWhenAMessageArrivesTwice)
     std::atomic<int> answered{0};
     link_.options.answer = [&](const std::string &message) {
         if (answered++ == 0)
-            for (int i = 0; i < 2000 && !interpose::logged("curl_rc:28"); i++)
+            for (int i = 0; i < 2000 && !log_capture::contains("curl_rc:28"); i++)
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
         return message;
     };
@@ -192,7 +207,7 @@ TEST_F(Proxied, DoesWithoutServiceAndBus)
     manager_.reset();
     for (const char *missing : {"service", "bus"}) {
         EXPECT_TRUE(connect() == ATLS_OK && echoes("direct")) << missing;
-        EXPECT_TRUE(interpose::logged("setProxyParams: create_proxy_manager_client fail!")) << missing;
+        EXPECT_TRUE(log_capture::contains("setProxyParams: create_proxy_manager_client fail!")) << missing;
         EXPECT_TRUE(way().empty() && !link_.handle->proxyUrlList) << missing;
         bus_.kill();
     }
@@ -203,7 +218,7 @@ TEST_F(Proxied, DoesWithoutServiceAndBus)
     EXPECT_TRUE(connect() == ATLS_OK && echoes("with the proxy again") && way() == "A");
 }
 
-// On four threads, while answers are thrown away and proxy A comes and goes: every call gives a result, and
+// On eight threads, while answers are thrown away and proxy A comes and goes: every call gives a result, and
 // an answer is always that of its own message.
 TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
 {
@@ -217,7 +232,7 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
             EXPECT_TRUE(result == ATLS_OK || result == ATLS_HANDSHAKE_FAILED) << result;
             for (int i = 0; i < 3 && result == ATLS_OK; i++) {
                 const std::string message = std::to_string(thread) + " " + std::to_string(left) + " " +
-                                            pattern(static_cast<size_t>(100 * i));
+                                            pattern(size_t{100} * static_cast<size_t>(i));
                 result = atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls",
                                            &answer);
                 EXPECT_TRUE(result == ATLS_OK || result == ATLS_BAD_RESPONSE ||
@@ -232,7 +247,7 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
         free_atls_handle(handle);
     };
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++)
+    for (int i = 0; i < 8; i++)
         threads.emplace_back(connect_and_exchange, i);
     for (int round = 0; left > 0; round++) {
         use_script(round % 2 ? "AXD" : "XAD");
@@ -270,6 +285,37 @@ TEST_F(Proxied, KnowsDigestButUnderFips)
     interpose::set_fips(true);
     EXPECT_EQ(connect(), ATLS_HANDSHAKE_FAILED);
     interpose::set_fips(false);
+}
+
+// A real HTTPS front end that offers HTTP/2: header names must still arrive as the service wrote them. On another
+// port it speaks no TLS: no proxy mends that.
+TEST_F(Proxied, PassesAnHttp2FrontEnd)
+{
+    Listener front, plain;
+    front.close();
+    plain.close();
+    const std::string root = link_.folder.root;
+    std::string settings = "user root; daemon off; pid " + root + "/pid; error_log " + root +
+                           "/error; events {}\nhttp { access_log off; client_max_body_size 8m;\n";
+    for (const char *kind : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"})
+        settings += std::string(kind) + "_temp_path " + root + "/" + kind + "; ";
+    settings +=
+        "server { listen 127.0.0.1:" + std::to_string(plain.port) +
+        "; listen 127.0.0.1:" + std::to_string(front.port) + " ssl http2; ssl_certificate " +
+        identity("service/front-cert.pem") + "; ssl_certificate_key " + identity("service/front-key.pem") +
+        "; location / { proxy_pass https://127.0.0.1:" + std::to_string(link_.service->port()) + "; } } }\n";
+    const Daemon nginx(
+        "/usr/sbin/nginx -e " + root + "/error -c " + link_.folder.write("nginx.conf", settings), front.port);
+    use_script("DD");
+    EXPECT_EQ(atls_connect(&link_.handle, "127.0.0.1", nullptr, plain.port, "/", nullptr),
+              ATLS_HANDSHAKE_FAILED);
+    EXPECT_TRUE(log_capture::contains("curl_rc:35, proxyUrlCount:2, index:1\n"));
+    EXPECT_FALSE(log_capture::contains("index:2"));
+    ASSERT_EQ(atls_connect(&link_.handle, "127.0.0.1", nullptr, front.port, "/", nullptr), ATLS_OK);
+    for (const size_t size : {5, 20000, 1000000})
+        EXPECT_TRUE(echoes(pattern(size))) << size;
+    EXPECT_NE(std::string(link_.answer.header).find("Server: nginx"), std::string::npos);
+    atls_handle_cleanup(&link_.handle);
 }
 
 } // namespace

@@ -2,6 +2,8 @@
 
 #include "proxy_fixture.h"
 
+#include <cstring>
+
 using namespace test;
 
 namespace
@@ -149,4 +151,43 @@ TEST_F(RunningClient, TellsEventsByTheirRules)
         }
         EXPECT_EQ(Events::take(told.size()), told) << testing::PrintToString(steps);
     }
+}
+
+TEST(Records, HaveModesAndTexts)
+{
+    const std::pair<const char *, int> modes[] = {{"off", 0}, {"MANUAL", 1}, {"pacurl", 2}, {"Wpad", 3},
+                                                  {"", 0},    {"direct", 0}, {"wpad ", 0}};
+    for (const auto &[text, mode] : modes)
+        EXPECT_EQ(str2ProxyMode(text), mode) << text;
+    EXPECT_STREQ(proxyMode2Str(3), "wpad");
+    EXPECT_STREQ(proxyMode2Str(4), "off");
+    EXPECT_STREQ(proxyMode2Str(-1), "off");
+    char *const text = string2Char("abc", 2);
+    EXPECT_STREQ(text, "ab");
+    free(text);
+    EXPECT_TRUE(!string2Char("abc", 0) && !string2Char(nullptr, 5));
+}
+
+TEST(Records, AreCopiedDeeplyAndReleasedOnce)
+{
+    char proxy[] = "p:1", empty[] = "";
+    const ProxyManagerConfig source = {2, proxy, empty, true, nullptr, nullptr};
+    ProxyManagerConfig copy;
+    initProxyConfig(&copy);
+    cloneProxyConfig(&source, &copy);
+    EXPECT_STREQ(copy.proxyUrl, "p:1");
+    EXPECT_TRUE(copy.proxyUrl != source.proxyUrl && !copy.pacUrl && !copy.userName && !copy.password);
+    ProxyUrlInformation info;
+    initProxyUrlInfo(&info, 3, 2);
+    EXPECT_TRUE(info.mode == 3 && !info.proxyUrlList[0] && !info.proxyUrlList[1]);
+    info.proxyUrlList[1] = strdup("DIRECT");
+    info.password = strdup("secret");
+    ProxySetting setting = {4, strdup("value")};
+    for (int i = 0; i < 2; i++) {
+        cleanupProxyConfig(&copy);
+        cleanupProxyUrlInfo(&info);
+        cleanupProxySetting(&setting);
+    }
+    EXPECT_TRUE(copy.mode == 2 && copy.optionFlag && !copy.proxyUrl && setting.kind == 0);
+    EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && !info.password);
 }

@@ -243,29 +243,39 @@ TEST_F(ProxyTest, FailsAllCallsWhenTheBusIsLostAndStartsAnew)
     EXPECT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
 }
 
-// Meant for AddressSanitizer: strings are read while they are cleared, evicted and replaced.
-TEST_F(RunningClient, KeepsStringsReadableForTheThreadThatAsked)
+// Meant for the sanitizers: eight threads call whatever there is, and strings are read while they are cleared,
+// evicted and replaced.
+TEST_F(RunningClient, ServesEightThreadsInAStormOfSignals)
 {
     std::atomic<bool> stop{false};
-    std::thread clearer([&] {
-        while (!stop)
+    std::thread storm([&] {
+        for (int32_t i = 0; !stop; i++) {
             service->emit("notifyClearcache");
+            service->emit("ProxyMgrStateEvent", {i});
+            service->emit("notifyProxyConfigupdated", {"pacurl", "", "", ""});
+        }
     });
-    std::vector<std::thread> readers;
-    for (int i = 1; i <= 3; i++) {
-        readers.emplace_back([i] {
-            for (int n = 0; n < 1500; n++) {
-                const std::string host = "http://host" + std::to_string(n * i % 60);
-                const ProxyUrlInformation info = get_proxy_url(host.c_str());
-                std::this_thread::yield();
+    service->answer("updateProxyconfig", {int32_t{0}});
+    std::vector<std::thread> threads;
+    for (int i = 1; i <= 8; i++) {
+        threads.emplace_back([i] {
+            for (int n = 0; n < 400; n++) {
+                const ProxyUrlInformation info =
+                    get_proxy_url(("http://host" + std::to_string(n * i % 60)).c_str());
+                if (n % 8 == i - 1) {
+                    EXPECT_EQ(configText().substr(0, 1), "2");
+                    EXPECT_EQ(update_proxy_config(ProxyManagerConfig{}), 0);
+                    EXPECT_TRUE(check_service_started());
+                    set_proxy_manager_event_cb(i, Events::callback);
+                }
                 EXPECT_EQ(toText(info), USUAL_ANSWER);
             }
         });
     }
-    for (std::thread &reader : readers)
-        reader.join();
+    for (std::thread &thread : threads)
+        thread.join();
     stop = true;
-    clearer.join();
+    storm.join();
 
     // Two misses on one host: the later answer replaces the earlier, whose strings are still being read.
     service->hold("getProxyurl");

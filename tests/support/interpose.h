@@ -4,7 +4,6 @@
 #define TESTS_INTERPOSE_H
 
 #include <ctime>
-#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -17,9 +16,7 @@ namespace interpose
 
 struct State {
     std::vector<std::pair<CURLoption, std::string>>
-        options;                        // set on request objects; number or text, "" for others
-    std::map<std::string, int> calls;   // of the functions that can be made to fail
-    std::map<std::string, int> failing; // which call of a function fails, counted like that
+        options;                 // set on request objects; number or text, "" for others
     long timeout_ms = 0;         // what request objects get in place of the client's time-out; 0: the same
     time_t now = 0;              // what time() says; 0: the real time
     bool clock_settable = false; // whether stime() succeeds; it never sets the clock
@@ -29,9 +26,8 @@ struct State {
 
 State kept(); // a copy of what is kept since reset()
 void reset(long timeout_ms = 0, time_t now = 0,
-           bool clock_settable = false);             // forgets it; puts these in force
-void set_fips(bool on);                              // what the question for the FIPS mode is answered
-void fail(const std::string &function, int nth = 1); // makes the nth call from now (1: the next) fail
+           bool clock_settable = false); // forgets it; puts these in force
+void set_fips(bool on);                  // what the question for the FIPS mode is answered
 
 // Points are the calls, and the requests for memory, that can fail. Only those on a thread that is inside the
 // library count: between set_inside() calls, and on threads that the library starts.
@@ -42,7 +38,6 @@ std::string failed();          // the point that failed; "" when none did
 bool fails(const char *point); // passes a point
 
 std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
-bool logged(const std::string &text);
 
 } // namespace interpose
 

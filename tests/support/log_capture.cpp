@@ -52,8 +52,9 @@ std::vector<std::string> log_capture::lines()
     return kept().lines;
 }
 
-bool log_capture::contains(const std::string &line)
+bool log_capture::contains(const std::string &text)
 {
     const auto all = lines();
-    return std::find(all.begin(), all.end(), line) != all.end();
+    return std::any_of(all.begin(), all.end(),
+                       [&](const auto &line) { return line.find(text) != std::string::npos; });
 }

@@ -11,7 +11,7 @@ namespace log_capture
 // Forgets the lines kept so far; from now on they are kept as "<priority> text", or not.
 void record(bool on = true);
 std::vector<std::string> lines();
-bool contains(const std::string &line); // the whole line, with its priority
+bool contains(const std::string &text); // in a line, with its priority
 
 } // namespace log_capture
 

@@ -134,18 +134,11 @@ int Program::end(int signal)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-static sockaddr_in loopback(int port)
+Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
-Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-{
-    sockaddr_in address = loopback(0);
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     socklen_t length = sizeof address;
     if (bind(fd, generic, length) != 0 || listen(fd, 8) != 0 || getsockname(fd, generic, &length) != 0)
@@ -162,16 +155,7 @@ void Listener::close()
 
 Daemon::Daemon(const std::string &command, int port) : Program({"sh", "-c", "exec " + command})
 {
-    const sockaddr_in address = loopback(port);
-    bool answers = false;
-    for (int probes = 0; !answers && probes < 3000; probes++) {
-        const int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        answers = ::connect(probe, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-        ::close(probe);
-        usleep(answers ? 0 : 10000);
-    }
-    if (!answers)
-        throw std::runtime_error("does not listen: " + command);
+    run("timeout 30 bash -c 'until : </dev/tcp/127.0.0.1/" + std::to_string(port) + "; do sleep 0.01; done'");
 }
 
 } // namespace test

@@ -30,7 +30,7 @@ template <typename Scenario>
 void torture(Scenario scenario)
 {
     const char *value = getenv("TORTURE_STRIDE");
-    const int stride = value ? atoi(value) : 10;
+    const int stride = value ? static_cast<int>(strtol(value, nullptr, 10)) : 10;
     int failed = 0;
     for (int nth = 1;; nth += stride) {
         log_capture::record(false);
@@ -61,15 +61,17 @@ bool connect_and_post(int port)
     EXPECT_TRUE(interpose::kept().unwiped.empty()) << "certificate or key is left on the stack";
     EXPECT_TRUE(result == ATLS_OK || (!handle->curl && !handle->ssl && !handle->header_opts)) << result;
     atls_resp answer = {};
-    for (const size_t size : {20, 40000}) {
+    bool complete = result == ATLS_OK;
+    for (const size_t size : {20, 40000, 30}) { // also after a failure: nothing stale may be sent or read
         const std::string message = pattern(size);
-        if (result == ATLS_OK)
+        if (handle->ssl)
             result = in_library([&] {
                 return atls_easy_perform(handle, message.data(), static_cast<int>(size), "/atls", &answer);
             });
-        EXPECT_TRUE(result != ATLS_OK || std::string(answer.body, answer.body_len) == message);
+        EXPECT_TRUE(result != ATLS_OK || std::string(answer.body, answer.body_len) == message ||
+                    interpose::failed() == "SSL_read"); // a real failure of it ends the session
+        complete = complete && result == ATLS_OK && answer.header;
     }
-    const bool complete = result == ATLS_OK && answer.header;
     in_library([&] {
         cleanup_atls_resp(&answer);
         free_atls_handle(handle);
@@ -78,33 +80,22 @@ bool connect_and_post(int port)
     return complete;
 }
 
-TEST(Torture, ConnectionWithoutProxies)
-{
-    PrivateBus bus;
-    bus.kill();
-    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
-        Link link(version);
-        link.start();
-        torture([&] { return connect_and_post(link.service->port()); });
-    }
-}
-
 // Two proxies are dead; the third way is direct.
-TEST(Torture, ConnectionWithFailOver)
+TEST(Torture, Connection)
 {
     const PrivateBus bus;
     ScriptedService service;
-    Listener dead;
-    dead.close();
-    const std::string proxy = "PROXY 127.0.0.1:" + std::to_string(dead.port);
+    const std::string proxy = "PROXY 127.0.0.1:1";
     service.answer("getProxyurl", {Texts{"pacurl", proxy, proxy, "DIRECT"}});
-    Link link;
-    link.start();
-    torture([&] {
-        const bool complete = connect_and_post(link.service->port());
-        in_library(cleanup_proxy_manager_client);
-        return complete;
-    });
+    for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
+        Link link(version);
+        link.start();
+        torture([&] {
+            const bool complete = connect_and_post(link.service->port());
+            in_library(cleanup_proxy_manager_client);
+            return complete;
+        });
+    }
 }
 
 // Answers, evictions, changes by signal, and the end of the client.

@@ -75,19 +75,6 @@ TEST(RequestCookies, ReplaceTheOneCookieLine)
     EXPECT_EQ(request.headers(), kept + std::string(1015, 'c') + "|");
 }
 
-// The transport must not be left with a list of which the head has been freed: the transfer would read it.
-TEST(RequestCookies, LeaveAValidListAfterAFailure)
-{
-    for (const char *function : {"curl_slist_append", "curl_easy_setopt"}) {
-        Request request{"Cookie: old=1", "Z: 1"};
-        interpose::fail(function);
-        EXPECT_EQ(atls_set_cookies(&request.handle, "new=1"), ATLS_BAD_RESPONSE);
-        EXPECT_EQ(request.headers().find("Z: 1|"), 0u);
-        curl_easy_setopt(request.handle->curl, CURLOPT_URL, "http://127.0.0.1:1/");
-        EXPECT_EQ(curl_easy_perform(request.handle->curl), CURLE_COULDNT_CONNECT);
-    }
-}
-
 TEST(TrackingId, IsRead)
 {
     const std::string longest(64, 'i');

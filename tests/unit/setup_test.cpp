@@ -1,7 +1,9 @@
-// Handles, transport set-up and engine set-up: layout, options in order, unwinding, faults of the device's
-// identity.
+// Handles, transport set-up and engine set-up: layout, options in order, proxies, unwinding, faults of the
+// device's identity.
 
 #include "link.h"
+#include "log_capture.h"
+#include "proxy_double.h"
 
 #include <cstddef>
 #include <cstring>
@@ -19,21 +21,25 @@ static_assert(offsetof(atls_handle, port) == 512 && offsetof(atls_handle, proxyU
 static_assert(offsetof(atls_handle, curl) == 512 + 3 * WORD && sizeof(atls_handle) == 512 + 6 * WORD);
 static_assert(offsetof(atls_resp, tracking_id) == 5 * WORD && sizeof(atls_resp) == 6 * WORD);
 
+using proxy_double::Answer;
+using proxy_double::Text;
+using Options = decltype(interpose::State::options);
+
 class Setup : public testing::Test
 {
 protected:
     Setup() { name_server("host.example"); }
+    ~Setup() override
+    {
+        interpose::set_fips(false);
+        proxy_double::set(Answer{});
+    }
 
     void name_server(const std::string &host, int port = 8443)
     {
         snprintf(handle_->hostname, sizeof handle_->hostname, "%s", host.c_str());
         handle_->port = port;
         interpose::reset();
-    }
-    bool empty() const
-    {
-        return !handle_->curl && !handle_->header_opts && !handle_->ssl && !handle_->port &&
-               !*handle_->hostname;
     }
     std::vector<std::string> headers() const
     {
@@ -47,35 +53,20 @@ protected:
     atls_handle *&handle_ = device_.handle;
 };
 
-TEST_F(Setup, CleanupEmptiesAHandleButForItsProxyList)
-{
-    ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr) + init_al_ssl(&handle_), ATLS_OK);
-    handle_->proxyUrlCount = 2; // released by free_atls_handle: a leak is LeakSanitizer's to find
-    handle_->proxyUrlList = static_cast<char **>(calloc(2, WORD));
-    handle_->proxyUrlList[1] = strdup("p:1");
-    atls_handle_cleanup(&handle_);
-    EXPECT_TRUE(empty());
-    EXPECT_STREQ(handle_->proxyUrlList[1], "p:1");
-    atls_resp answer = {nullptr, 5, strdup("h"), 1, 500, strdup("id")};
-    cleanup_atls_resp(&answer);
-    EXPECT_TRUE(answer.body_len == 5 && answer.header_len == 0 && answer.status_code == 0 &&
-                !answer.tracking_id);
-}
-
 TEST_F(Setup, SetsOptionsAndHeadersInOrder)
 {
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
     handle_->proxyUrlList = static_cast<char **>(calloc(1, WORD));
     ASSERT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_OK);
-    const decltype(interpose::State::options) expected = {{CURLOPT_VERBOSE, "1"},
-                                                          {CURLOPT_ERRORBUFFER, ""},
-                                                          {CURLOPT_URL, "https://host.example:8443/atls"},
-                                                          {CURLOPT_SSL_VERIFYPEER, "0"},
-                                                          {CURLOPT_SSL_VERIFYHOST, "0"},
-                                                          {CURLOPT_TIMEOUT_MS, "30000"},
-                                                          {CURLOPT_HTTPHEADER, ""},
-                                                          {CURLOPT_HTTP_VERSION, "2"},
-                                                          {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"}};
+    const Options expected = {{CURLOPT_VERBOSE, "1"},
+                              {CURLOPT_ERRORBUFFER, ""},
+                              {CURLOPT_URL, "https://host.example:8443/atls"},
+                              {CURLOPT_SSL_VERIFYPEER, "0"},
+                              {CURLOPT_SSL_VERIFYHOST, "0"},
+                              {CURLOPT_TIMEOUT_MS, "30000"},
+                              {CURLOPT_HTTPHEADER, ""},
+                              {CURLOPT_HTTP_VERSION, "2"},
+                              {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"}};
     EXPECT_EQ(interpose::kept().options, expected);
     EXPECT_EQ(headers(), (std::vector<std::string>{"Content-Type: application/octet-stream",
                                                    "User-Agent: Halvo-Desktop/desktop-1.0",
@@ -99,29 +90,110 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     }
 }
 
-// Every call of the set-up that can fail is made to, one after the other.
+const std::string LONG_NAME(300, 'x');
+const std::string DIRECT = "setProxyParams Direct connect without http proxy\n\n";
+const Options NO_PROXY = {{CURLOPT_PROXY, "NULL"}};
+
+Answer answer_of_script(const std::vector<Text> &entries)
+{
+    return {PROXY_MODE_PACURL, entries, "user", "secret"};
+}
+
+Options with_user(unsigned long long methods, const char *password)
+{
+    return {{CURLOPT_PROXY, "p:3128"},
+            {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(methods))},
+            {CURLOPT_PROXYUSERNAME, "user"},
+            {CURLOPT_PROXYPASSWORD, password}};
+}
+
+// What reaches the request object, the handle and the log of an answer of the proxy manager.
+TEST_F(Setup, ChoosesProxies)
+{
+    const struct {
+        std::optional<Answer> answer;
+        Options options; // set after those of the transport
+        std::vector<Text> list;
+        std::string notices = {}, errors = {};
+        bool fips = false;
+    } cases[] = {
+        {std::nullopt, {}, {}, "", "setProxyParams: create_proxy_manager_client fail!\n"},
+        {Answer{}, {}, {}, "setProxyParams Exit since http proxy mode is off\n\n"},
+        {answer_of_script({}), {}, {}, "", "setProxyParams Fail to found any available proxy url\n"},
+        {answer_of_script({"PROXY p1:80", "DIRECT"}), {{CURLOPT_PROXY, "p1:80"}}, {"p1:80", "DIRECT"}},
+        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, NO_PROXY, {"DIRECT", "p2:80"}, DIRECT},
+        {answer_of_script(
+             {"PROXY", {}, "PROXY ", "PROXY " + LONG_NAME, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
+         NO_PROXY,
+         {{}, {}, {}, LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
+         DIRECT},
+        {answer_of_script({"PROXY x-DIRECT:1"}), NO_PROXY, {"x-DIRECT:1"}, DIRECT},
+        {answer_of_script({"direct:1"}), {{CURLOPT_PROXY, "direct:1"}}, {"direct:1"}},
+        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, {{CURLOPT_PROXY, "PROXY p:1"}}, {"p:1"}},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}},
+         with_user(0xFFFFFFFFFFFFFFEFULL, "NULL"),
+         {"p:3128"}},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
+         with_user(0xFFFFFFFFFFFFFFEDULL, "secret"),
+         {"p:3128"},
+         "",
+         "",
+         true},
+        {Answer{4, {"PROXY p:1"}, {}, {}}, {}, {"p:1"}},
+    };
+    for (const auto &expected : cases) {
+        SCOPED_TRACE(&expected - cases);
+        atls_handle_cleanup(&handle_);
+        name_server("host.example");
+        interpose::set_fips(expected.fips);
+        proxy_double::set(expected.answer);
+        ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
+        proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
+        get_proxy_url("");
+
+        Options options = interpose::kept().options;
+        options.erase(options.begin(), options.begin() + 9); // those of the transport
+        EXPECT_EQ(options, expected.options);
+        std::vector<Text> list;
+        for (int i = 0; i < handle_->proxyUrlCount; i++)
+            list.push_back(handle_->proxyUrlList[i] ? Text(handle_->proxyUrlList[i]) : std::nullopt);
+        EXPECT_EQ(list, expected.list);
+        EXPECT_EQ(handle_->proxyUrlList != nullptr, !expected.list.empty());
+        EXPECT_EQ(interpose::log_of(LOG_NOTICE),
+                  "enter setProxyParams pRequestUrl:https://host.example:8443/atls\n\n" + expected.notices +
+                      "init_tl_curl: Transport layer initialized!");
+        EXPECT_EQ(interpose::log_of(LOG_ERR), expected.errors);
+        EXPECT_EQ(log_capture::contains("setProxyParams ProxyUrlList[0] = "),
+                  !list.empty() && expected.answer->entries[0]);
+    }
+}
+
+// Whatever is refused, the reason is logged, and the handle has the whole list of proxies or none.
 TEST_F(Setup, UnwindsEveryFailure)
 {
-    ASSERT_EQ(init_tl_curl(&handle_, "/", "track") + init_al_ssl(&handle_), ATLS_OK);
-    const auto calls = interpose::kept().calls;
-    for (const auto &[function, count] : calls) {
-        const bool engine = function == "BIO_new" || function == "SSL_new";
-        // Two of the options only help; of the BIOs the last two are the engine's.
-        for (int nth = function == "BIO_new" ? count - 1 : 1;
-             nth <= (count > 8 && !engine ? count - 2 : count); nth++) {
-            SCOPED_TRACE(function + std::to_string(nth));
-            atls_handle_cleanup(&handle_);
-            name_server("host.example");
-            interpose::fail(function, nth);
-            const int transport = init_tl_curl(&handle_, "/", "track");
-            EXPECT_EQ(transport, engine ? ATLS_OK : ATLS_SETUP_FAILED);
-            EXPECT_EQ(engine ? init_al_ssl(&handle_) : transport, ATLS_SETUP_FAILED);
-            EXPECT_TRUE(!handle_->curl && !handle_->header_opts && !handle_->ssl);
-            const std::string errors = interpose::log_of(LOG_ERR);
-            EXPECT_EQ(errors.find(engine ? "init_al_ssl: Failed to create" : "init_tl_curl: "), 0u) << errors;
-            EXPECT_EQ(errors.find("\nCurl error [48] maps to") != std::string::npos,
-                      function == "curl_easy_setopt");
-        }
+    proxy_double::set(answer_of_script({"PROXY a:1", "PROXY b:1"}));
+    for (int nth = 2;; nth++) { // the first is the check of the port
+        atls_handle_cleanup(&handle_);
+        name_server("host.example");
+        interpose::arm(nth);
+        interpose::set_inside(true);
+        int result = init_tl_curl(&handle_, "/", "track");
+        const bool transport = result == ATLS_OK;
+        result = transport ? init_al_ssl(&handle_) : result;
+        interpose::set_inside(false);
+        if (interpose::disarm() < nth)
+            break;
+        SCOPED_TRACE(interpose::failed() + std::to_string(nth));
+        const char *const *list = handle_->proxyUrlList;
+        EXPECT_TRUE(list ? handle_->proxyUrlCount == 2 && list[0] && list[1] : handle_->proxyUrlCount == 0);
+        if (result == ATLS_OK)
+            continue;
+        EXPECT_TRUE(result == ATLS_SETUP_FAILED && !handle_->curl && !handle_->header_opts && !handle_->ssl);
+        const std::string errors = interpose::log_of(LOG_ERR);
+        EXPECT_EQ(errors.find("init_tl_curl: ") == 0, !transport) << errors;
+        EXPECT_EQ(errors.find("init_al_ssl: ") != std::string::npos, transport) << errors;
+        EXPECT_EQ(errors.find("\nCurl error [48] maps to") != std::string::npos,
+                  interpose::failed() == "curl_easy_setopt");
     }
 }
 
@@ -149,42 +221,6 @@ TEST(UserAgent, IsMadeOfModelAndLoad)
     }
 }
 
-struct IdentityFault {
-    const char *name;
-    const char *make; // run in the folder of the identity; D is the device's
-    const char
-        *message; // the first error; a text that ends in ".." is followed by the ssl error; "": no fault
-    friend std::ostream &operator<<(std::ostream &out, const IdentityFault &fault)
-    {
-        return out << fault.name;
-    }
-};
-
-class Identity : public Setup, public testing::WithParamInterface<IdentityFault>
-{
-};
-
-TEST_P(Identity, IsChecked)
-{
-    const IdentityFault &fault = GetParam();
-    test::run("cd " + test::identity("") + " && D=" + device_.folder.root + " && (" + fault.make +
-              ") 2>/dev/null");
-    ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_OK);
-    ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere",
-                  1); // of other code: not to be logged as the reason
-    const std::string message = fault.message;
-    EXPECT_EQ(init_al_ssl(&handle_), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
-    EXPECT_EQ(empty(), !message.empty());
-    const std::string errors = interpose::log_of(LOG_ERR);
-    EXPECT_EQ(errors.find(message), 0u) << errors;
-    EXPECT_EQ(errors.find("bad length"), std::string::npos) << errors;
-    EXPECT_EQ(errors.find("ssl error") != std::string::npos, message.find("..") != std::string::npos)
-        << errors;
-    const bool passed_on =
-        errors.find("init_al_ssl: Failed to add fake cert/key into SSL CTX") != std::string::npos;
-    EXPECT_EQ(passed_on, message.find("atls_add_mic") == 0) << errors;
-}
-
 #define NEW_KEY "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 "
 #define NEW_EC_KEY "openssl ecparam -name prime256v1 -genkey -noout "
 #define TO_KEY "-outform DER -out $D/device-key.der"
@@ -199,26 +235,44 @@ const char *const WRONG_KEY =
 // OpenSSL 1.1 decodes any kind of key from PKCS#8 and refuses it at the next step.
 const char *const OTHER_KIND = OPENSSL_VERSION_NUMBER < 0x30000000L ? WRONG_KEY : BAD_KEY;
 
-INSTANTIATE_TEST_SUITE_P(
-    , Identity,
-    testing::Values(
-        IdentityFault{"NoTrustStore", "rm $D/truststore.pem",
-                      "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
-        IdentityFault{"NoCertificate", "rm $D/device-cert.der", NO_MIC},
-        IdentityFault{"EmptyCertificate", ": >$D/device-cert.der", NO_MIC},
-        IdentityFault{"LargeCertificate", "head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
-        IdentityFault{"CertificateIsAFolder", "rm $D/device-cert.der; mkdir $D/device-cert.der", NO_MIC},
-        IdentityFault{"GarbageCertificate", "head -c 4096 /dev/zero >$D/device-cert.der", BAD_MIC},
-        IdentityFault{"PemCertificate", "cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
-        IdentityFault{"CertificateWithATail", "head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
-        IdentityFault{"NoKey", "rm $D/device-key.der", NO_KEY},
-        IdentityFault{"LargeKey", "head -c 4097 /dev/zero >$D/device-key.der", NO_KEY},
-        IdentityFault{"PemKey", "cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        IdentityFault{"EcKey", NEW_EC_KEY TO_KEY, BAD_KEY},
-        IdentityFault{"EcKeyAsPkcs8", NEW_EC_KEY "| " TO_PKCS8, OTHER_KIND},
-        IdentityFault{"OtherKey", NEW_KEY "| openssl rsa " TO_KEY, WRONG_KEY},
-        IdentityFault{"OtherPkcs8Key", NEW_KEY TO_KEY, WRONG_KEY},
-        IdentityFault{"Pkcs8Key", TO_PKCS8 " -in ca/unit-key.pem", ""}),
-    [](const auto &fault) { return std::string(fault.param.name); });
+TEST(Identity, IsChecked)
+{
+    // A command in the folder of the identity, D being the device's; the first error, "" when all is well. A text
+    // that ends in ".." is followed by the error of OpenSSL.
+    const std::pair<const char *, std::string> cases[] = {
+        {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
+        {"rm $D/device-cert.der", NO_MIC},
+        {": >$D/device-cert.der", NO_MIC},
+        {"head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
+        {"rm $D/device-cert.der; mkdir $D/device-cert.der", NO_MIC},
+        {"head -c 4096 /dev/zero >$D/device-cert.der", BAD_MIC},
+        {"cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
+        {"head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
+        {"rm $D/device-key.der", NO_KEY},
+        {"head -c 4097 /dev/zero >$D/device-key.der", NO_KEY},
+        {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
+        {NEW_EC_KEY TO_KEY, BAD_KEY},
+        {NEW_EC_KEY "| " TO_PKCS8, OTHER_KIND},
+        {NEW_KEY "| openssl rsa " TO_KEY, WRONG_KEY},
+        {NEW_KEY TO_KEY, WRONG_KEY},
+        {TO_PKCS8 " -in ca/unit-key.pem", ""},
+    };
+    for (const auto &[make, message] : cases) {
+        SCOPED_TRACE(make);
+        test::Device device;
+        test::run("cd " + test::identity("") + " && D=" + device.folder.root + " && (" + make +
+                  ") 2>/dev/null");
+        interpose::reset();
+        ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere", 1); // of other code: not the reason
+        EXPECT_EQ(init_al_ssl(&device.handle), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
+        EXPECT_EQ(device.handle->ssl == nullptr, !message.empty());
+        const std::string errors = interpose::log_of(LOG_ERR);
+        EXPECT_EQ(errors.find(message), 0u) << errors;
+        EXPECT_EQ(errors.find("bad length"), std::string::npos) << errors;
+        EXPECT_EQ(errors.find("ssl error") != std::string::npos, message.find("..") != std::string::npos);
+        EXPECT_EQ(log_capture::contains("init_al_ssl: Failed to add fake cert/key into SSL CTX"),
+                  message.find("atls_add_mic") == 0);
+    }
+}
 
 } // namespace
