@@ -5,6 +5,7 @@ source=$1 build=$2
 work=$(mktemp -d)
 . "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work"' EXIT
+trap 'echo "failed: $BASH_COMMAND" >&2' ERR
 unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 
 post() {
