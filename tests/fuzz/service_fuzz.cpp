@@ -27,6 +27,7 @@ void run(std::istream &input)
     }
     Options options;
     options.max_sessions = 1;
+    options.log = [](const std::string &line) { REQUIRE(!line.empty()); };
     SessionStore store(ctx.get(), options);
     std::string id, sent;
     size_t read = 0;
