@@ -373,7 +373,7 @@ int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
             *out_length = static_cast<int>(total);
             return ATLS_OK;
         }
-        auto *larger = static_cast<char *>(realloc(*out, total + ATLS_FLIGHT_SIZE));
+        auto *larger = static_cast<char *>(grow_block(*out, total + ATLS_FLIGHT_SIZE));
         if (!larger) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
             discard_answer(ssl);

@@ -13,6 +13,7 @@
 #include <initializer_list>
 
 #include <dlfcn.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <pthread.h>
@@ -31,6 +32,8 @@ namespace
 constexpr uint32_t DER_CAPACITY = 4096;
 // Cookies of one response, NUL included.
 constexpr int COOKIES_SIZE = 1024;
+// From here on growing blocks get room to spare.
+constexpr size_t LARGE_BLOCK = 1 << 16;
 // How far behind the cursor a response header is looked for.
 constexpr size_t HEADER_SEARCH_BOUND = 16384;
 constexpr size_t TRACKING_ID_MAX = 64;
@@ -539,6 +542,17 @@ void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *rea
 
 // ---- Response capture
 
+void *grow_block(void *block, size_t size)
+{
+    if (size < LARGE_BLOCK)
+        return realloc(block, size);
+    if (malloc_usable_size(block) >= size)
+        return block;
+    const size_t with_room = size + size / 2;
+    void *larger = with_room > size ? realloc(block, with_room) : nullptr;
+    return larger ? larger : realloc(block, size);
+}
+
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
 {
     auto *resp = static_cast<curl_resp *>(userdata);
@@ -549,7 +563,7 @@ size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata
     const size_t count = size * nmemb;
     const size_t block_size = resp->size + 1 + count;
     char *old = resp->data;
-    resp->data = block_size > count ? static_cast<char *>(realloc(old, block_size)) : nullptr;
+    resp->data = block_size > count ? static_cast<char *>(grow_block(old, block_size)) : nullptr;
     if (!resp->data) {
         syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__,
                block_size);

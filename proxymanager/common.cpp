@@ -42,16 +42,21 @@ char *copyText(const std::string &text)
     return string2Char(text.data(), textLength(text.length()));
 }
 
-char *getHost(const std::string &url)
+std::string_view hostOf(std::string_view url)
 {
     const size_t scheme = url.find("://");
-    if (scheme == std::string::npos)
-        return copyText(url);
-    std::string rest = url.substr(scheme + strlen("://"));
+    if (scheme == std::string_view::npos)
+        return url;
+    std::string_view rest = url.substr(scheme + strlen("://"));
     const size_t slash = rest.find('/');
-    if (slash != std::string::npos && slash > 0)
-        rest.resize(slash);
-    return copyText(rest.substr(0, rest.find(':')));
+    if (slash > 0)
+        rest = rest.substr(0, slash);
+    return rest.substr(0, rest.find(':'));
+}
+
+char *getHost(const std::string &url)
+{
+    return copyText(std::string(hostOf(url)));
 }
 
 void initProxyConfig(ProxyManagerConfig *config)

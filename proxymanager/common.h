@@ -5,12 +5,14 @@
 #include "proxymanager.h"
 
 #include <string>
+#include <string_view>
 
 // Releases a heap block unless it is NULL, and clears the pointer to it.
 void freeMem(char **text);
 
-// Returns a heap copy of the host part of a URL, NULL when that part is empty. A text without "://" is its
-// own host.
+// The host part of a URL. A text without "://" is its own host.
+std::string_view hostOf(std::string_view url);
+// Returns a heap copy of it, NULL when it is empty.
 char *getHost(const std::string &url);
 
 // string2Char for a whole text; one that is too long for it yields NULL.

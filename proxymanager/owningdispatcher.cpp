@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <ctime>
 #include <new>
+#include <utility>
 
 #include <dbus/dbus.h>
 #include <fcntl.h>
@@ -302,8 +303,10 @@ bool CallDesk::awaitReply(DBus::Connection &connection, Call &call)
     if (!running_ || !isOwned(connection))
         return false;
     queued_.push_back(&call);
-    wake();
     const timespec deadline = MonotonicCondition::deadline(DEFAULT_TIMEOUT);
+    lock.unlock(); // the thread needs it as soon as it is awake
+    wake();
+    lock.lock();
     while (call.state == Call::State::Waiting) {
         if (!call.changed.waitUntil(lock, deadline))
             break;
@@ -428,12 +431,12 @@ void OwningDispatcher::leave()
     desk_.stop();
 }
 
-// The wake-up is drained before anything is looked at: whatever is asked for later wakes the poll at the end.
+// A wake-up that the poll has seen is drained before anything is looked at: whatever is asked for later wakes the
+// poll at the end.
 void OwningDispatcher::do_iteration()
 {
-    desk_.drainWake();
-    if (!unlockPairIntact())
-        desk_.stop();
+    if (std::exchange(woken_, false))
+        desk_.drainWake();
     if (desk_.stopped())
         return;
     desk_.sendQueued();
@@ -443,24 +446,23 @@ void OwningDispatcher::do_iteration()
     dispatch();
 }
 
-// A program that names the dispatcher as a DBus::BusDispatcher object may reach leave() of the base class,
-// which writes to the base class's pipe and closes it. That has to stop the thread as well, and the two
-// numbers must not be mistaken for ours when they come back as somebody else's files.
-bool OwningDispatcher::unlockPairIntact() const
-{
-    struct stat status = {};
-    return _fdunlock[0] < 0 || (fstat(_fdunlock[0], &status) == 0 && status.st_dev == unlockDevice_ &&
-                                status.st_ino == unlockInode_);
-}
-
+// A program that names the dispatcher as a DBus::BusDispatcher object may reach leave() of the base class, which writes
+// to the base class's pipe and closes it. That has to stop the thread as well, and the two numbers must not be mistaken
+// for ours when they come back as somebody else's files: the thread polls a copy of its own.
 void OwningDispatcher::rememberUnlockPair()
 {
-    struct stat status = {};
-    if (_fdunlock[0] >= 0 && fstat(_fdunlock[0], &status) == 0) {
-        unlockDevice_ = status.st_dev;
-        unlockInode_ = status.st_ino;
-    }
+    if (unlockCopy_ >= 0)
+        close(unlockCopy_);
+    unlockCopy_ = fcntl(_fdunlock[0], F_DUPFD_CLOEXEC, 0);
     unlockProcess_ = getpid();
+}
+
+bool OwningDispatcher::unlockPairIntact() const
+{
+    struct stat ours = {};
+    struct stat present = {};
+    return fstat(unlockCopy_, &ours) == 0 && fstat(_fdunlock[0], &present) == 0 &&
+           ours.st_dev == present.st_dev && ours.st_ino == present.st_ino;
 }
 
 // Also makes a new pair in a process that shares the present one with its parent.
@@ -470,7 +472,7 @@ void OwningDispatcher::repairUnlockPair()
     if (intact && unlockProcess_ == getpid())
         return;
     for (const int descriptor : _fdunlock) {
-        if (intact && descriptor >= 0)
+        if (intact)
             close(descriptor);
     }
     if (pipe2(_fdunlock, O_CLOEXEC | O_NONBLOCK) != 0)
@@ -559,6 +561,8 @@ void OwningDispatcher::dispatch()
 {
     if (pollSockets(-1) <= 0)
         return;
+    if (polled_[ready_.size()].revents != 0)
+        woken_ = true;
     if (polled_.back().revents != 0)
         desk_.stop();
     handleReady();
@@ -591,7 +595,7 @@ int OwningDispatcher::pollSockets(int timeout)
         }
     }
     polled_.push_back({desk_.wakeDescriptor(), POLLIN, 0});
-    polled_.push_back({_fdunlock[0], POLLIN, 0});
+    polled_.push_back({unlockCopy_, POLLIN, 0});
     return poll(polled_.data(), polled_.size(), timeout);
 }
 

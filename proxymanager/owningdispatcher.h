@@ -152,9 +152,9 @@ private:
     void repairUnlockPair();
 
     CallDesk &desk_;
-    dev_t unlockDevice_ = 0;
-    ino_t unlockInode_ = 0;
+    int unlockCopy_ = -1; // of the reading end of the base class's pipe
     pid_t unlockProcess_ = 0;
+    bool woken_ = false; // of the thread alone
 
     std::mutex watchMutex_; // taken inside libdbus's locks: nothing of libdbus is called under it
     std::vector<SocketWatch *> watches_;

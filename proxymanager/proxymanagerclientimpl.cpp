@@ -4,13 +4,13 @@
 
 #include "owningdispatcher.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include <dbus/dbus.h>
 #include <strings.h>
-#include <sys/types.h>
 #include <syslog.h>
-#include <unistd.h>
 
 namespace
 {
@@ -249,6 +249,21 @@ bool NameOwner::sent(const DBus::Message &message) const
 namespace
 {
 
+// The cache and the callers hold copies of a record whose strings are the same. An answer goes when it has left the
+// cache and each thread that was given it has asked for another one, or ended.
+using AnswerHolder = std::shared_ptr<ProxyAnswer>;
+
+// What the calling thread may still be reading.
+thread_local AnswerHolder heldAnswer;
+
+// The answers in the cache, by the identity of their records. Guarded by the client's cacheMutex. Never destroyed:
+// threads may be running after the static objects.
+std::unordered_map<const void *, AnswerHolder> &cachedAnswers()
+{
+    static auto *answers = new std::unordered_map<const void *, AnswerHolder>;
+    return *answers;
+}
+
 // Any of the blocks of a record tells it from all others; NULL when there is none to release.
 const void *identity(const ProxyUrlInformation &record)
 {
@@ -257,63 +272,7 @@ const void *identity(const ProxyUrlInformation &record)
     return record.userName ? record.userName : record.password;
 }
 
-// Lets go of the thread's answer when the thread ends. In a child process the lock may be held for ever by a
-// thread that was not copied.
-struct ThreadEnd {
-    const pid_t process = getpid();
-    ~ThreadEnd()
-    {
-        if (process == getpid())
-            AnswerHolders::instance().dropThread();
-    }
-};
-
 } // namespace
-
-// Never destroyed: threads may end after the static objects.
-AnswerHolders &AnswerHolders::instance()
-{
-    static auto *holders = new AnswerHolders;
-    return *holders;
-}
-
-void AnswerHolders::addToCache(const std::shared_ptr<ProxyAnswer> &answer)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (const void *key = identity(answer->record))
-        cached_[key] = answer;
-}
-
-bool AnswerHolders::dropFromCache(const ProxyUrlInformation &record)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return cached_.erase(identity(record)) != 0;
-}
-
-void AnswerHolders::holdForThread(const ProxyUrlInformation &record)
-{
-    thread_local const ThreadEnd atEnd;
-    (void)atEnd;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto answer = cached_.find(identity(record));
-    if (answer != cached_.end())
-        threads_[pthread_self()] = answer->second;
-    else
-        threads_.erase(pthread_self());
-}
-
-void AnswerHolders::dropThread()
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    threads_.erase(pthread_self());
-}
-
-void AnswerHolders::dropAll()
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    threads_.clear();
-    cached_.clear();
-}
 
 // ---- Life
 
@@ -335,7 +294,7 @@ ProxyManagerClientImpl::~ProxyManagerClientImpl()
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
     clearProxyUrlCache();
     urlCache.reset();
-    AnswerHolders::instance().dropAll();
+    heldAnswer.reset();
     {
         const std::lock_guard<std::mutex> lock(eventMutex);
         eventHandlers.clear();
@@ -503,9 +462,10 @@ constexpr const char *GET_PROXY_URL = "getProxyUrl";
 
 std::string cacheKey(const char *requestUrl)
 {
-    char *host = getHost(requestUrl);
-    const std::unique_ptr<char, decltype(&free)> owned(host, free);
-    return orEmpty(host);
+    const std::string_view host = hostOf(requestUrl);
+    if (host.empty())
+        free(copyText({})); // which logs that there is none
+    return std::string(host);
 }
 
 char *copyUnlessNull(const char *text)
@@ -513,13 +473,10 @@ char *copyUnlessNull(const char *text)
     return text ? copyText(text) : nullptr;
 }
 
-// Takes the copies of the configuration over into the answer of a manual configuration.
-void answerManually(ProxyAnswer &manual, ProxyUrlInformation &result)
+void logManualAnswer(const ProxyUrlInformation &answer)
 {
     syslog(LOG_NOTICE, "%s%s proxy mode is manual. proxyUrl:%s, useName:%s", CLASS_PREFIX, GET_PROXY_URL,
-           orEmpty(manual.record.proxyUrlList ? manual.record.proxyUrlList[0] : nullptr),
-           orEmpty(manual.record.userName));
-    std::swap(result, manual.record);
+           orEmpty(answer.proxyUrlList ? answer.proxyUrlList[0] : nullptr), orEmpty(answer.userName));
 }
 
 void decodeAnswer(const std::vector<std::string> &texts, ProxyUrlInformation &result)
@@ -549,22 +506,22 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
     initProxyUrlInfo(&result, PROXY_MODE_OFF, 0);
     if (!requestUrl) {
         syslog(LOG_ERR, "%s%s requestUrl is null", CLASS_PREFIX, __func__);
-        AnswerHolders::instance().dropThread();
+        heldAnswer.reset();
         return result;
     }
-    ProxyAnswer manual;
+    AnswerHolder manual;
     const ProxyMode mode = snapshotConfig(requestUrl, manual);
     if (mode == PROXY_MODE_OFF) {
-        AnswerHolders::instance().dropThread();
+        heldAnswer.reset();
         return result;
     }
     const std::string key = cacheKey(requestUrl);
     if (findAnswer(requestUrl, key, result))
         return result;
 
-    const auto answer = std::make_shared<ProxyAnswer>();
+    const AnswerHolder answer = manual ? manual : std::make_shared<ProxyAnswer>();
     if (mode == PROXY_MODE_MANUAL)
-        answerManually(manual, answer->record);
+        logManualAnswer(answer->record);
     else if (mode > PROXY_MODE_MANUAL)
         askService(requestUrl, answer->record);
     keepAnswer(key, answer);
@@ -572,7 +529,7 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
 }
 
 // Takes what a manual answer needs, while the configuration cannot change.
-ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, ProxyAnswer &manual)
+ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, std::shared_ptr<ProxyAnswer> &manual)
 {
     const std::lock_guard<std::mutex> lock(configMutex);
     const ProxyMode mode = proxyConfig.mode;
@@ -580,11 +537,13 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, ProxyAn
         return mode;
     syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", CLASS_PREFIX, GET_PROXY_URL, requestUrl, mode);
     if (mode == PROXY_MODE_MANUAL) {
-        initProxyUrlInfo(&manual.record, PROXY_MODE_MANUAL, 1);
-        if (manual.record.proxyUrlCount > 0)
-            manual.record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
-        manual.record.userName = copyUnlessNull(proxyConfig.userName);
-        manual.record.password = copyUnlessNull(proxyConfig.password);
+        manual = std::make_shared<ProxyAnswer>();
+        ProxyUrlInformation &record = manual->record;
+        initProxyUrlInfo(&record, PROXY_MODE_MANUAL, 1);
+        if (record.proxyUrlCount > 0)
+            record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
+        record.userName = copyUnlessNull(proxyConfig.userName);
+        record.password = copyUnlessNull(proxyConfig.password);
     }
     return mode;
 }
@@ -601,7 +560,12 @@ bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::strin
         syslog(LOG_NOTICE, "%s%s get proxy url from cache, index:%d proxy url:%s", CLASS_PREFIX,
                GET_PROXY_URL, i, orEmpty(result.proxyUrlList[i]));
     }
-    AnswerHolders::instance().holdForThread(result);
+    const auto answer = cachedAnswers().find(identity(result));
+    AnswerHolder &held = heldAnswer;
+    if (answer == cachedAnswers().end())
+        held.reset();
+    else if (held != answer->second)
+        held = answer->second;
     return true;
 }
 
@@ -616,20 +580,21 @@ void ProxyManagerClientImpl::askService(const char *requestUrl, ProxyUrlInformat
 
 void ProxyManagerClientImpl::keepAnswer(const std::string &key, const std::shared_ptr<ProxyAnswer> &answer)
 {
-    AnswerHolders &holders = AnswerHolders::instance();
     const std::lock_guard<std::mutex> lock(cacheMutex);
-    holders.addToCache(answer);
     ProxyUrlInformation replaced{}; // by another thread that missed at the same time
     if (const ProxyUrlInformation *present = urlCache->find(key))
         replaced = *present;
+    const void *const record = identity(answer->record);
+    if (record)
+        cachedAnswers()[record] = answer;
     try {
         urlCache->set(key, answer->record);
     } catch (...) {
-        holders.dropFromCache(answer->record);
+        cachedAnswers().erase(record);
         throw;
     }
-    holders.dropFromCache(replaced);
-    holders.holdForThread(answer->record);
+    cachedAnswers().erase(identity(replaced));
+    heldAnswer = answer;
 }
 
 void ProxyManagerClientImpl::clearProxyUrlCache()
@@ -642,7 +607,7 @@ void ProxyManagerClientImpl::clearProxyUrlCache()
 void ProxyManagerClientImpl::clearCacheCallBack(ProxyUrlInformation &value, void *)
 {
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
-    if (AnswerHolders::instance().dropFromCache(value))
+    if (cachedAnswers().erase(identity(value)) != 0)
         initProxyUrlInfo(&value, PROXY_MODE_OFF, 0); // a caller may still be reading the strings
     else
         cleanupProxyUrlInfo(&value);

@@ -109,30 +109,6 @@ struct ProxyAnswer {
     ~ProxyAnswer() { cleanupProxyUrlInfo(&record); }
 };
 
-// Who still needs which answer. The cache and the callers hold copies of a record whose strings are the same:
-// an answer goes when it has left the cache and each thread that was given it has asked for another one, or
-// ended.
-class AnswerHolders
-{
-public:
-    // The cache holds the answer from now on.
-    void addToCache(const std::shared_ptr<ProxyAnswer> &answer);
-    // The cache lets go of the record; false when it is not one of the answers.
-    bool dropFromCache(const ProxyUrlInformation &record);
-    // The calling thread holds the record of the cache from now on, and nothing else.
-    void holdForThread(const ProxyUrlInformation &record);
-    void dropThread();
-    // Neither the cache nor any thread holds anything any more.
-    void dropAll();
-
-    static AnswerHolders &instance();
-
-private:
-    std::mutex mutex_;
-    std::map<const void *, std::shared_ptr<ProxyAnswer>> cached_;
-    std::map<pthread_t, std::shared_ptr<ProxyAnswer>> threads_;
-};
-
 class ProxyManagerClientImpl : public ProxyManagerClient, public DBus::ObjectProxy
 {
 public:
@@ -158,7 +134,7 @@ public:
     void getProxyConfig(ProxyManagerConfig *out);
     void AddEventNotifyHandler(ProxyMgrEventType type, EventHandler handler);
     // The strings belong to the cache; the calling thread may read them until its next call, or until the
-    // client is destroyed.
+    // client is destroyed, whatever the cache does meanwhile.
     ProxyUrlInformation getProxyUrl(const char *requestUrl);
     void clearProxyUrlCache();
     static void clearCacheCallBack(ProxyUrlInformation &value, void *data);
@@ -169,7 +145,7 @@ protected:
 private:
     DBus::Message _invoke_method(DBus::CallMessage &call) override;
 
-    ProxyMode snapshotConfig(const char *requestUrl, ProxyAnswer &manual);
+    ProxyMode snapshotConfig(const char *requestUrl, std::shared_ptr<ProxyAnswer> &manual);
     bool findAnswer(const char *requestUrl, const std::string &key, ProxyUrlInformation &result);
     void askService(const char *requestUrl, ProxyUrlInformation &result);
     void keepAnswer(const std::string &key, const std::shared_ptr<ProxyAnswer> &answer);

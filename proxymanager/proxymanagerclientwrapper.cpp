@@ -42,12 +42,21 @@ std::atomic<ProxyManagerClientImpl *> readyClient{nullptr};
 // The process that the client and the connection belong to, 0 when there are none.
 std::atomic<pid_t> ownerProcess{0};
 
+// getpid without a system call for each use.
+std::atomic<pid_t> thisProcess{getpid()};
+const bool followsForks = pthread_atfork(nullptr, nullptr, [] { thisProcess = getpid(); }) == 0;
+
+pid_t processId()
+{
+    return followsForks ? thisProcess.load() : getpid();
+}
+
 // After a fork the child shares the parent's socket, and finds locks as threads that it does not have left
 // them.
 bool isOtherProcess()
 {
     const pid_t owner = ownerProcess;
-    return owner != 0 && owner != getpid();
+    return owner != 0 && owner != processId();
 }
 
 ProxyManagerClientImpl *usableClient()
@@ -297,7 +306,7 @@ int createOnSystemBus()
 bool claimProcess(const char *caller)
 {
     pid_t nobody = 0;
-    if (ownerProcess.compare_exchange_strong(nobody, getpid()) || !isOtherProcess())
+    if (ownerProcess.compare_exchange_strong(nobody, processId()) || !isOtherProcess())
         return true;
     syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
     return false;
@@ -316,7 +325,7 @@ int changeLife(const char *caller, const char *errorFormat, int onThread, Action
         if (!claimProcess(caller))
             return 0;
         const std::lock_guard<std::mutex> lock(lifeMutex);
-        ownerProcess = getpid(); // the claim may have been given up while we waited
+        ownerProcess = processId(); // the claim may have been given up while we waited
         struct ReleaseWhenIdle {
             ~ReleaseWhenIdle()
             {

@@ -58,7 +58,8 @@ public:
                  read_behind(line, " proxy url:", rest))
             take_offer(rest);
         else if (read_behind(line, ": curl_rc:", rest))
-            route_.failures.push_back({proxy_, atoi(rest.c_str()), line.time - last_, false});
+            route_.failures.push_back(
+                {proxy_, static_cast<int>(strtol(rest.c_str(), nullptr, 10)), line.time - last_, false});
         else if (read_behind(line, " connect with http proxy:", rest))
             proxy_ = rest;
         else if (contains(line, "Direct connect without http proxy"))

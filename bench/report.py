@@ -1,0 +1,129 @@
+#!/usr/bin/env python3
+"""Makes the table, bench.json and the picture of what scripts/bench has measured.
+
+usage: report.py BUILD PICTURE
+"""
+
+import json
+import statistics
+import subprocess
+import sys
+
+# The most that a ratio of the library to a baseline may be, by the beginning of the case, the baseline, and what counts:
+# the CPU time or the wall time.
+GOALS = [
+    ("exchange/", "composition", 1.05, "cpu"),
+    ("connect/", "composition", 1.05, "cpu"),
+    ("decrypt/", "plain loop", 1.25, "cpu"),
+    ("cache hit/log masked", "least design", 1.2, "cpu"),
+    ("cache miss/1 thread", "raw libdbus", 1.15, "wall"),
+    ("cache miss/4 threads", "raw libdbus", 1.0, "wall"),
+]
+
+
+def read_times(path):
+    """The runs of each case by who ran it: pairs of CPU and wall nanoseconds, in the order of the rounds."""
+    cases = {}
+    with open(path, encoding="utf-8") as file:
+        runs = json.load(file)["benchmarks"]
+    for run in runs:
+        if run["run_type"] == "iteration":
+            group, case, who = run["name"].split("/")[:3]
+            scale = {"ns": 1, "us": 1e3, "ms": 1e6}[run["time_unit"]]
+            times = (run["cpu_time"] * scale, run["real_time"] * scale)
+            cases.setdefault(f"{group}/{case}", {}).setdefault(who, []).append(times)
+    return cases
+
+
+def quartiles(values):
+    low, middle, high = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
+    return {"median": middle, "low": low, "high": high}
+
+
+def goal_of(case, baseline):
+    return next((goal[2:] for goal in GOALS if case.startswith(goal[0]) and goal[1] == baseline), None)
+
+
+def compare(cases):
+    """One row for each case and baseline."""
+    rows = []
+    for case, runs in cases.items():
+        for baseline in (who for who in runs if who != "library"):
+            pairs = list(zip(runs["library"], runs[baseline]))
+            row = {"case": case, "baseline": baseline}
+            for index, kind in enumerate(("cpu", "wall")):
+                row[kind] = quartiles([ours[index] / theirs[index] for ours, theirs in pairs])
+                row[kind + "_ns"] = statistics.median(ours[index] for ours in runs["library"])
+            goal = goal_of(case, baseline)
+            row["goal"], row["goal_kind"] = goal or (None, None)
+            rows.append(row)
+    return rows
+
+
+def growth(cases, group):
+    """How much more the library's time grows from 1 to 64 MiB than the baseline's."""
+    small, large = (next(runs for case, runs in cases.items() if case.startswith(f"{group}/{size} MiB")) for size in (1, 64))
+    cpu = {who: statistics.median(time[0] for time in large[who]) / statistics.median(time[0] for time in small[who])
+           for who in small}
+    return cpu["library"] / next(value for who, value in cpu.items() if who != "library")
+
+
+def read_figures(path):
+    with open(path, encoding="utf-8") as file:
+        for line in file:
+            name, value, rest = line[:58].rstrip(), line[58:72].strip(), line[72:].split()
+            goal = rest[-1]
+            yield {"name": name, "value": float(value), "unit": rest[0] if len(rest) > 1 else "",
+                   "goal": None if goal == "-" else float(goal)}
+
+
+def print_table(rows, figures):
+    print(f"{'library against':<46}{'baseline':<16}{'CPU':>6} {'spread':<13}{'wall':>5} {'spread':<13}{'goal':<6}{'CPU time':>12}")
+    for row in rows:
+        spreads = [f"{row[kind]['low']:.2f}..{row[kind]['high']:.2f}" for kind in ("cpu", "wall")]
+        missed = row["goal"] and row[row["goal_kind"]]["median"] > row["goal"]
+        goal = f"{row['goal']}{'!' if missed else ''}" if row["goal"] else ""
+        print(f"{row['case']:<46}{row['baseline']:<16}{row['cpu']['median']:>6.2f} {spreads[0]:<13}"
+              f"{row['wall']['median']:>5.2f} {spreads[1]:<13}{goal:<6}{row['cpu_ns'] / 1000:>9.1f} us")
+    print()
+    for figure in figures:
+        goal = f"goal {figure['goal']:g}{'!' if figure['value'] > figure['goal'] else ''}" if figure["goal"] else ""
+        print(f"{figure['name']:<62}{figure['value']:>10.6g} {figure['unit']:<8}{goal}")
+
+
+def draw(rows, path):
+    """Bars of the ratios that have a goal, with gnuplot."""
+    shown = [row for row in rows if row["goal"]]
+    lines = [f'"{row["case"]} : {row["baseline"]}" {row[row["goal_kind"]]["median"]:.3f} {row["goal"]}' for row in shown]
+    script = f"""
+        set terminal svg size 900,{60 + 22 * len(shown)} font 'sans,11'
+        set output '{path}'
+        set title 'Time of the library divided by that of the baseline; a line is the goal'
+        set yrange [-0.7:{len(shown) - 0.3}] reverse
+        set xrange [0:*]
+        set grid xtics
+        set style fill solid 0.5
+        unset key
+        $data << EOD\n{chr(10).join(lines)}\nEOD
+        plot $data using (0):0:(0):2:($0-0.35):($0+0.35):ytic(1) with boxxyerror lc rgb '#4477aa', \
+             '' using 3:($0-0.45):(0):(0.9) with vectors nohead lw 2 lc rgb '#cc3311'
+        """
+    script = "\n".join(line.strip() for line in script.splitlines())
+    subprocess.run(["gnuplot"], input=script, text=True, check=True)
+
+
+def main():
+    build, picture = sys.argv[1:]
+    cases = read_times(f"{build}/times.json")
+    rows = compare(cases)
+    figures = list(read_figures(f"{build}/figures.txt"))
+    for group in ("decrypt", "capture"):
+        figures.append({"name": f"growth of {group} from 1 to 64 MiB against the baseline's", "value": growth(cases, group),
+                        "unit": "", "goal": 1.25 if group == "decrypt" else None})
+    print_table(rows, figures)
+    with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
+        json.dump({"ratios": rows, "figures": figures}, file, indent=1)
+    draw(rows, picture)
+
+
+main()
