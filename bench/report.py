@@ -26,7 +26,7 @@ def read_times(path):
     cases = {}
     with open(path, encoding="utf-8") as file:
         runs = json.load(file)["benchmarks"]
-    for run in runs:
+    for run in sorted(runs, key=lambda run: run["family_index"]):
         if run["run_type"] == "iteration":
             group, case, who = run["name"].split("/")[:3]
             scale = {"ns": 1, "us": 1e3, "ms": 1e6}[run["time_unit"]]

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <pacparser.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 #include "proxy_text.h"
@@ -130,6 +131,15 @@ void send(int output, const std::string &text)
     }
 }
 
+// closefrom came with glibc 2.34, close_range with Linux 5.9.
+void close_above(int descriptor)
+{
+    if (syscall(SYS_close_range, descriptor + 1, ~0U, 0) == 0)
+        return;
+    for (int last = static_cast<int>(sysconf(_SC_OPEN_MAX)) - 1; last > descriptor; last--)
+        close(last);
+}
+
 // The child's life. It holds nothing of its parent but the standard streams and the pipe: the bus must notice
 // the end of the parent at once.
 [[noreturn]] void run_child(int output, pid_t parent, const std::string &source, const std::string &url)
@@ -138,7 +148,7 @@ void send(int output, const std::string &text)
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (getppid() != parent || dup2(output, KEPT) < 0)
         _exit(1);
-    closefrom(KEPT + 1);
+    close_above(KEPT);
     try {
         send(KEPT, ANSWER + evaluate(source, url).substr(0, LARGEST_ANSWER));
     } catch (const std::exception &error) {

@@ -105,6 +105,6 @@ status=0
 stop service || status=$?
 check "the service ends" 0 "$status"
 check "nothing but the flights is left in /tmp" "" \
-    "$(find /tmp -newer "$work/device/device-cert.der" ! -path /tmp ! -path "$work*" ! -name 'atls_handshake_data_*_[0-9]*')"
+    "$(find /tmp -mindepth 1 -maxdepth 1 -newer "$work/device/device-cert.der" ! -path "$work" ! -name 'atls_handshake_data_*_[0-9]*')"
 check "no key can be read by others" "" "$(find "$work" -name '*key*' -perm /077)"
 echo "$passed passed, 0 failed"
