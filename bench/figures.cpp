@@ -17,7 +17,6 @@
 #include <memory>
 #include <stdexcept>
 
-#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 
@@ -36,12 +35,6 @@ void print(const char *name, double value, const char *unit, const char *goal = 
 {
     std::cout << std::left << std::setw(58) << name << std::setw(14) << value << std::setw(10) << unit << goal
               << '\n';
-}
-
-size_t heap()
-{
-    const auto state = mallinfo2();
-    return state.uordblks + state.hblkhd;
 }
 
 atls_handle *connect(int port)
@@ -64,14 +57,14 @@ void measure_handles(int port)
     std::vector<atls_handle *> handles;
     std::vector<std::unique_ptr<bench::Composition>> compositions;
     free_atls_handle(connect(port)); // what is allocated once
-    size_t before = heap();
+    size_t before = test::heap_in_use();
     for (int i = 0; i < HANDLES; i++)
         handles.push_back(connect(port));
-    const size_t library = heap() - before;
-    before = heap();
+    const size_t library = test::heap_in_use() - before;
+    before = test::heap_in_use();
     for (int i = 0; i < HANDLES; i++)
         compositions.push_back(std::make_unique<bench::Composition>(port));
-    const size_t composition = heap() - before;
+    const size_t composition = test::heap_in_use() - before;
     std::for_each(handles.begin(), handles.end(), free_atls_handle);
     print("heap of a connected handle", static_cast<double>(library) / HANDLES, "bytes");
     print("  of it beyond libcurl and the engine",
@@ -105,10 +98,11 @@ void measure_cache()
 {
     const auto url = [](int i) { return "http://host" + std::to_string(i) + ".example/"; };
     get_proxy_url(url(50).c_str());
-    const size_t before = heap();
+    const size_t before = test::heap_in_use();
     for (int i = 0; i < 49; i++)
         get_proxy_url(url(i).c_str());
-    print("heap of a cached answer of two proxies", static_cast<double>(heap() - before) / 49, "bytes");
+    print("heap of a cached answer of two proxies", static_cast<double>(test::heap_in_use() - before) / 49,
+          "bytes");
     const std::string known = url(7);
     const size_t counted = bench::allocations();
     for (int i = 0; i < EXCHANGES; i++)

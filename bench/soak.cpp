@@ -51,8 +51,7 @@ Footprint footprint()
     };
     long resident_pages = 0;
     std::ifstream("/proc/self/statm") >> resident_pages >> resident_pages; // the second number
-    const auto heap = mallinfo2();
-    return {resident_pages * sysconf(_SC_PAGESIZE), static_cast<long>(heap.uordblks + heap.hblkhd),
+    return {resident_pages * sysconf(_SC_PAGESIZE), static_cast<long>(heap_in_use()),
             entries("/proc/self/fd"), entries("/proc/self/task")};
 }
 

@@ -8,6 +8,7 @@ foreach(language C CXX)
 endforeach()
 set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)
+add_compile_options(-mthumb) # as the compilers of Debian and of most devices do
 add_link_options(-fuse-ld=lld)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L ${ATLS_SYSROOT})
 foreach(kind LIBRARY INCLUDE PACKAGE)

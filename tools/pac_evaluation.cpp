@@ -134,7 +134,7 @@ void send(int output, const std::string &text)
 // closefrom came with glibc 2.34, close_range with Linux 5.9.
 void close_above(int descriptor)
 {
-    if (syscall(SYS_close_range, descriptor + 1, ~0U, 0) == 0)
+    if (syscall(__NR_close_range, descriptor + 1, ~0U, 0) == 0)
         return;
     for (int last = static_cast<int>(sysconf(_SC_OPEN_MAX)) - 1; last > descriptor; last--)
         close(last);

@@ -6,7 +6,6 @@
 #include <filesystem>
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <unistd.h>
 
 // What C++ programs find in the library.
@@ -47,7 +46,7 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
     for (int cycle = 0; cycle < 1000; cycle++) {
         if (cycle == 20) {
             counted = count();
-            heap = mallinfo2().uordblks;
+            heap = heap_in_use();
         }
         std::vector<std::thread> creators; // at once, of one client
         for (int i = 0; i < (cycle % 50 == 30 ? 8 : 0); i++)
@@ -63,7 +62,7 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
             file = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
     EXPECT_EQ(count(), counted);
-    EXPECT_LT(mallinfo2().uordblks, heap + size_t{980} * 10000);
+    EXPECT_LT(heap_in_use(), heap + size_t{980} * 10000);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)), "/dev/null");
     close(file);
 }

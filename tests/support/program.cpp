@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -132,6 +133,16 @@ int Program::end(int signal)
     int status = 0;
     waitpid(std::exchange(pid_, -1), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+size_t heap_in_use()
+{
+#if __GLIBC_PREREQ(2, 33)
+    const auto heap = mallinfo2();
+#else
+    const auto heap = mallinfo();
+#endif
+    return static_cast<size_t>(heap.uordblks) + static_cast<size_t>(heap.hblkhd);
 }
 
 Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
