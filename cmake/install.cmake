@@ -2,8 +2,8 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Outside the folders that the loader knows, libatls.so finds the platform layer beside itself.
-if(NOT CMAKE_INSTALL_PREFIX MATCHES "^/usr(/local)?$")
+# Wherever it is installed but in the system's own folders, libatls.so finds the platform layer beside itself.
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     set_target_properties(atls PROPERTIES INSTALL_RPATH "$ORIGIN")
     set(program_rpath "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 endif()
@@ -69,6 +69,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libatls1)
 set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "Application-layer TLS over HTTPS, and a client of the device's proxy manager")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_HEADERS_PACKAGE_NAME libatls-dev)
 set(CPACK_DEBIAN_HEADERS_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_HEADERS_DESCRIPTION "Headers, documentation and examples of libatls")

@@ -43,11 +43,13 @@ inline CLI::Validator one_of(const std::map<std::string, int> &values)
     return CLI::Validator(translate, "");
 }
 
-// Parses the command line. A value is the exit status to end with at once: 0 after --help, EXIT_USAGE after a
+// Parses the command line. A value is the exit status to end with at once: 0 after --help or
+// --version, EXIT_USAGE after a
 // one-line reason on the standard error.
 inline std::optional<int> parse(CLI::App &app, int argc, char **argv)
 {
     try {
+        app.set_version_flag("--version", app.get_name() + " " + ATLS_VERSION);
         app.parse(argc, argv);
         return std::nullopt;
     } catch (const CLI::Success &help) {
