@@ -23,6 +23,7 @@
  *     this interface but the record functions. Hand such work to another thread;
  *   - no thread may call this interface while it holds a lock that a callback wants: the call would wait for
  *     the callback, and the callback for the lock, until the time limit.
+ *
  * A C++ callback should not throw; what it throws is logged and goes no further.
  *
  * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
