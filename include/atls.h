@@ -1,5 +1,6 @@
-/*
- * atls.h - application-layer TLS over HTTPS POSTs.
+/**
+ * @file atls.h
+ * Application-layer TLS over HTTPS POSTs.
  *
  * An ATLS connection is a TLS session between this device and a remote service whose every record travels in
  * the body of an HTTPS POST, so that it passes HTTPS front ends and HTTP proxies end to end. The device
@@ -34,61 +35,58 @@ extern "C" {
 struct curl_slist; /* libcurl's string list */
 struct ssl_st;     /* OpenSSL's SSL */
 
-/* Result of every operation that reports one. */
+/** Result of every operation that reports one. */
 enum {
-    ATLS_OK = 0,
-    ATLS_INVALID_INPUT = 1, /* a required argument is missing or wrong, or the handle is in the wrong state */
-    ATLS_SETUP_FAILED = 2,  /* request object, TLS engine, device certificate or key could not be set up */
-    ATLS_HANDSHAKE_FAILED = 3, /* the handshake could not be completed: network, proxy, refused certificate */
-    ATLS_BAD_RESPONSE = 4,     /* HTTP status 400 in the handshake, or a response that cannot be processed */
-    ATLS_NO_COOKIE = 5,        /* internal: a response without cookies */
-    ATLS_EXCHANGE_FAILED = 6,  /* the message could not be sent, or no response came back */
-    ATLS_UNEXPECTED_STATUS = 7 /* an HTTP status other than 200 and 400 in the handshake */
+    ATLS_OK = 0,               /**< success */
+    ATLS_INVALID_INPUT = 1,    /**< a required argument is missing or wrong, or the handle is in the wrong
+                                    state */
+    ATLS_SETUP_FAILED = 2,     /**< request object, TLS engine, device certificate or key could not be set
+                                    up */
+    ATLS_HANDSHAKE_FAILED = 3, /**< the handshake could not be completed: network, proxy, refused
+                                    certificate */
+    ATLS_BAD_RESPONSE = 4,     /**< HTTP status 400 in the handshake, or a response that cannot be
+                                    processed */
+    ATLS_NO_COOKIE = 5,        /**< internal: a response without cookies */
+    ATLS_EXCHANGE_FAILED = 6,  /**< the message could not be sent, or no response came back */
+    ATLS_UNEXPECTED_STATUS = 7 /**< an HTTP status other than 200 and 400 in the handshake */
 };
 
-/* Room for a host name or an IP address text, terminating NUL included. */
+/** Room for a host name or an IP address text, terminating NUL included. */
 #define ATLS_HOSTNAME_SIZE 512
 
-/*
- * One connection. Made by create_atls_handle, which zeroes it; the fields are for reading only.
- */
+/** One connection. Made by create_atls_handle, which zeroes it; the fields are for reading only. */
 typedef struct atls_handle {
-    char hostname[ATLS_HOSTNAME_SIZE]; /* host name, or IP address text; empty when not connected */
-    int32_t port;                      /* TCP port; 0 when not connected */
-    char **proxyUrlList;               /* NULL, or proxies to fall back on; entries may be NULL */
-    int32_t proxyUrlCount;             /* number of entries of proxyUrlList */
-    void *curl;                        /* libcurl easy handle: the HTTPS POST request object */
-    struct curl_slist *header_opts;    /* request headers, the server's cookies among them */
-    struct ssl_st *ssl;                /* the inner TLS engine */
+    char hostname[ATLS_HOSTNAME_SIZE]; /**< host name, or IP address text; empty when not connected */
+    int32_t port;                      /**< TCP port; 0 when not connected */
+    char **proxyUrlList;               /**< NULL, or proxies to fall back on; entries may be NULL */
+    int32_t proxyUrlCount;             /**< number of entries of proxyUrlList */
+    void *curl;                        /**< libcurl easy handle: the HTTPS POST request object */
+    struct curl_slist *header_opts;    /**< request headers, the server's cookies among them */
+    struct ssl_st *ssl;                /**< the inner TLS engine */
 } atls_handle;
 
-/*
+/**
  * The answer to one message. The caller provides the record, zeroed before its first use; atls_easy_perform
  * fills it; cleanup_atls_resp releases what it holds.
  */
 typedef struct atls_resp {
-    char *body;        /* the decrypted answer, or the body as received; NUL-terminated */
-    size_t body_len;   /* bytes in body, without the NUL */
-    char *header;      /* status line and header lines as received; NUL-terminated */
-    size_t header_len; /* bytes in header, without the NUL */
-    long status_code;  /* HTTP status of the response */
-    char *tracking_id; /* value of the response's TrackingID header, at most 64 characters, or NULL */
+    char *body;        /**< the decrypted answer, or the body as received; NUL-terminated */
+    size_t body_len;   /**< bytes in body, without the NUL */
+    char *header;      /**< status line and header lines as received; NUL-terminated */
+    size_t header_len; /**< bytes in header, without the NUL */
+    long status_code;  /**< HTTP status of the response */
+    char *tracking_id; /**< value of the response's TrackingID header, at most 64 characters, or NULL */
 } atls_resp;
 
-/*
- * Makes an empty handle. The caller owns it and releases it with free_atls_handle.
- * Returns NULL when there is no memory.
+/**
+ * Makes an empty handle.
+ *
+ * @return the handle, which the caller owns and releases with free_atls_handle; NULL when there is no memory
  */
 atls_handle *create_atls_handle(void);
 
-/*
+/**
  * Connects an empty handle to https://HOST:PORT/SERVICE and performs the TLS handshake with the service.
- *
- * hostname     host name, at most 511 characters; wins over ip, even when it is empty
- * ip           IP address text, used when hostname is NULL; an IPv6 address needs its brackets
- * port         TCP port, 1 to 65535
- * service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023 characters
- * tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
  *
  * The texts are copied. The proxies for the URL are asked of the device's proxy manager (proxymanager.h),
  * whose client is made if the process has none; it stays until cleanup_proxy_manager_client. Without a proxy
@@ -97,24 +95,30 @@ atls_handle *create_atls_handle(void);
  * through stays in use. libcurl heeds https_proxy, all_proxy and no_proxy of the environment besides. Not to
  * be called from a callback of the proxy manager client.
  *
- * Returns ATLS_OK, or
- *   ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left unchanged;
- *                           or an empty host name: the handle is empty
- *   ATLS_SETUP_FAILED       host name too long, no engine, no usable device certificate or key
- *   ATLS_HANDSHAKE_FAILED   no connection through any proxy of the list, or the TLS handshake failed
- *   ATLS_BAD_RESPONSE       status 400, or cookies of more than 1,022 characters in one response
- *   ATLS_UNEXPECTED_STATUS  another status than 200
- * After a failure the handle is empty, but for the first case, and may be connected again.
+ * After a failure the handle is empty, but for the first case of ATLS_INVALID_INPUT, and may be connected
+ * again.
+ *
+ * @param handle       address of a handle that is not connected
+ * @param hostname     host name, at most 511 characters; wins over ip, even when it is empty
+ * @param ip           IP address text, used when hostname is NULL; an IPv6 address needs its brackets
+ * @param port         TCP port, 1 to 65535
+ * @param service      path of the service, beginning with "/"; the URL made of all three is cut at 1,023
+ *                     characters
+ * @param tracking_id  sent as the TrackingID header with every request of the connection; may be NULL
+ *
+ * @retval ATLS_OK                 connected
+ * @retval ATLS_INVALID_INPUT      a missing or wrong argument, or a handle that is connected: it is left
+ *                                 unchanged; or an empty host name: the handle is empty
+ * @retval ATLS_SETUP_FAILED       host name too long, no engine, no usable device certificate or key
+ * @retval ATLS_HANDSHAKE_FAILED   no connection through any proxy of the list, or the TLS handshake failed
+ * @retval ATLS_BAD_RESPONSE       status 400, or cookies of more than 1,022 characters in one response
+ * @retval ATLS_UNEXPECTED_STATUS  another status than 200
  */
 int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int port, const char *service,
                  const char *tracking_id);
 
-/*
+/**
  * Sends one message over a connected handle and waits for the answer.
- *
- * msg, msg_len  the message, 1 to INT_MAX bytes; it is not kept
- * service       path of the service for this message, beginning with "/"
- * resp          zeroed, or holding an earlier answer, which is released once the arguments have been checked
  *
  * Any HTTP status counts as an answer: look at resp->status_code. A body marked with the header line
  * "Content-Type: application/octet-stream", in exactly this spelling, is decrypted; any other is handed back
@@ -122,33 +126,48 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
  * than 16,384 bytes, so an answer of an exact multiple of that length cannot be received (ATLS_BAD_RESPONSE;
  * the session stays usable).
  *
- * Returns ATLS_OK, or
- *   ATLS_INVALID_INPUT    a missing or wrong argument, or no established session: resp is unchanged
- *   ATLS_BAD_RESPONSE     the answer could not be decrypted, or cookies of more than 1,022 characters
- *   ATLS_EXCHANGE_FAILED  the message was not sent, or no answer with a body came back
- * After the last two resp holds no body and no header, but perhaps a tracking identifier; the handle stays
- * connected. A message whose post failed may or may not have reached the service; it is never sent again by a
- * later call. If the service did not get it, or its answer was lost, the inner session ends: the next
- * exchange fails with ATLS_BAD_RESPONSE and later ones with ATLS_INVALID_INPUT. Clean the handle up and
- * connect again.
+ * After ATLS_BAD_RESPONSE and ATLS_EXCHANGE_FAILED resp holds no body and no header, but perhaps a tracking
+ * identifier; the handle stays connected. A message whose post failed may or may not have reached the
+ * service; it is never sent again by a later call. If the service did not get it, or its answer was lost, the
+ * inner session ends: the next exchange fails with ATLS_BAD_RESPONSE and later ones with ATLS_INVALID_INPUT.
+ * Clean the handle up and connect again.
+ *
+ * @param handle   a connected handle
+ * @param msg      the message; it is not kept
+ * @param msg_len  its length, 1 to INT_MAX bytes
+ * @param service  path of the service for this message, beginning with "/"
+ * @param resp     zeroed, or holding an earlier answer, which is released once the arguments have been
+ *                 checked; the caller owns the new answer and releases it with cleanup_atls_resp
+ *
+ * @retval ATLS_OK               resp holds the answer
+ * @retval ATLS_INVALID_INPUT    a missing or wrong argument, or no established session: resp is unchanged
+ * @retval ATLS_BAD_RESPONSE     the answer could not be decrypted, or cookies of more than 1,022 characters
+ * @retval ATLS_EXCHANGE_FAILED  the message was not sent, or no answer with a body came back
  */
 int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const char *service,
                       atls_resp *resp);
 
-/*
+/**
  * Releases the buffers that a response record holds and clears it for reuse. The record itself is the
- * caller's. NULL is ignored.
+ * caller's.
+ *
+ * @param resp  the record; NULL is ignored
  */
 void cleanup_atls_resp(atls_resp *resp);
 
-/*
+/**
  * Disconnects: releases the connection and wipes the host name. The handle stays allocated and may be
- * connected again. A NULL handle is logged and ignored. The proxy list is kept until the next atls_connect or
- * free_atls_handle.
+ * connected again. The proxy list is kept until the next atls_connect or free_atls_handle.
+ *
+ * @param handle  address of the handle; a NULL handle is logged and ignored
  */
 void atls_handle_cleanup(atls_handle **handle);
 
-/* Disconnects and releases the handle. NULL is ignored. */
+/**
+ * Disconnects and releases the handle.
+ *
+ * @param handle  the handle, invalid afterwards; NULL is ignored
+ */
 void free_atls_handle(atls_handle *handle);
 
 #ifdef __cplusplus

@@ -1,5 +1,6 @@
-/*
- * proxymanager.h - client of the device's proxy manager service.
+/**
+ * @file proxymanager.h
+ * Client of the device's proxy manager service.
  *
  * The proxy manager is a process of its own on the D-Bus system bus. Through this interface a program reads
  * and changes the HTTP proxy configuration of the device, asks which proxies serve a URL, and is told of
@@ -22,6 +23,7 @@
  *     this interface but the record functions. Hand such work to another thread;
  *   - no thread may call this interface while it holds a lock that a callback wants: the call would wait for
  *     the callback, and the callback for the lock, until the time limit.
+ *
  * A C++ callback should not throw; what it throws is logged and goes no further.
  *
  * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
@@ -52,24 +54,30 @@ extern "C" {
  * Modes and events are integers of 32 bits, not enumerations: the service may send events without a name, and
  * the size of an enumeration depends on the compiler's options.
  */
+
+/** How proxies are chosen: a PROXY_MODE_ value. */
 typedef int32_t ProxyMode;
+/** Values of ProxyMode. */
 enum {
-    PROXY_MODE_OFF = 0,    /* "off": no proxy */
-    PROXY_MODE_MANUAL = 1, /* "manual": one proxy, configured by hand */
-    PROXY_MODE_PACURL = 2, /* "pacurl": the service evaluates a script from a configured URL */
-    PROXY_MODE_WPAD = 3    /* "wpad": the service evaluates a script that it finds by itself */
+    PROXY_MODE_OFF = 0,    /**< "off": no proxy */
+    PROXY_MODE_MANUAL = 1, /**< "manual": one proxy, configured by hand */
+    PROXY_MODE_PACURL = 2, /**< "pacurl": the service evaluates a script from a configured URL */
+    PROXY_MODE_WPAD = 3    /**< "wpad": the service evaluates a script that it finds by itself */
 };
 
+/** What has happened: a PROXY_MGR_EVENT_ value, or a state event of the service without a name here. */
 typedef int32_t ProxyMgrEventType;
+/** Values of ProxyMgrEventType. */
 enum {
-    PROXY_MGR_EVENT_STATE_0 = 0, /* state event 0, and every state event without a callback of its own */
-    PROXY_MGR_EVENT_STATE_1 = 1, /* state event 1 */
-    PROXY_MGR_EVENT_CONFIG_UPDATED = 2 /* the proxy configuration has changed */
+    PROXY_MGR_EVENT_STATE_0 = 0, /**< state event 0, and every state event without a callback of its own */
+    PROXY_MGR_EVENT_STATE_1 = 1, /**< state event 1 */
+    PROXY_MGR_EVENT_CONFIG_UPDATED = 2 /**< the proxy configuration has changed */
 };
 
-/*
- * Told of an event. type is the event as it came, which may be a value without a name. Runs on the dispatch
- * thread; see "Blocking" above for what it may do.
+/**
+ * Told of an event. Runs on the dispatch thread; see "Blocking" at the top for what it may do.
+ *
+ * @param type  the event as it came, which may be a value without a name
  */
 typedef void (*ProxyMgrEventCallback)(ProxyMgrEventType type);
 
@@ -78,93 +86,106 @@ typedef void (*ProxyMgrEventCallback)(ProxyMgrEventType type);
  * of their own, to be released with free() or with the record's clean-up function.
  */
 
-/* The proxy configuration as the service holds it. */
+/** The proxy configuration as the service holds it. */
 typedef struct ProxyManagerConfig {
-    ProxyMode mode;
-    char *proxyUrl;  /* the proxy of mode 1: host:port */
-    char *pacUrl;    /* the URL of the script of mode 2 */
-    bool optionFlag; /* a yes-or-no setting of the service; the library only carries it */
-    char *userName;  /* for authentication at the proxy */
-    char *password;
+    ProxyMode mode;  /**< how proxies are chosen */
+    char *proxyUrl;  /**< the proxy of mode 1: host:port */
+    char *pacUrl;    /**< the URL of the script of mode 2 */
+    bool optionFlag; /**< a yes-or-no setting of the service; the library only carries it */
+    char *userName;  /**< for authentication at the proxy */
+    char *password;  /**< for authentication at the proxy */
 } ProxyManagerConfig;
 
-/* The proxies to use for one URL. */
+/** The proxies to use for one URL. */
 typedef struct ProxyUrlInformation {
-    ProxyMode mode;        /* 0: use no proxy */
-    char **proxyUrlList;   /* NULL or proxyUrlCount entries, best first; an entry may be NULL. Mode 1: the one
-                              configured proxy. Modes 2 and 3: "PROXY host:port" or "DIRECT" */
-    char *userName;        /* mode 1 only */
-    char *password;        /* mode 1 only */
-    int32_t proxyUrlCount; /* number of entries of proxyUrlList */
+    ProxyMode mode;        /**< 0: use no proxy */
+    char **proxyUrlList;   /**< NULL or proxyUrlCount entries, best first; an entry may be NULL. Mode 1: the
+                                one configured proxy. Modes 2 and 3: "PROXY host:port" or "DIRECT" */
+    char *userName;        /**< mode 1 only */
+    char *password;        /**< mode 1 only */
+    int32_t proxyUrlCount; /**< number of entries of proxyUrlList */
 } ProxyUrlInformation;
 
-/* A single setting, for callers that hold one; the library only releases it. */
+/** A single setting, for callers that hold one; the library only releases it. */
 typedef struct ProxySetting {
-    int32_t kind;
-    char *value;
+    int32_t kind; /**< the caller's own */
+    char *value;  /**< NULL, or a heap block */
 } ProxySetting;
 
-/*
+/**
  * Makes the process's client: connects to the system bus, reads the configuration and starts the dispatch
- * thread, which has all signals blocked. Calling it again is cheap and changes nothing.
+ * thread, which has all signals blocked. Calling it again is cheap and changes nothing. A bus that takes the
+ * connection but never greets it holds the call until it does.
  *
- * Returns 1 when a client exists on return, also when its dispatch thread could not be started (calls then
- * work, events do not come); 0 when the bus cannot be reached or the service does not answer. A bus that takes
- * the connection but never greets it holds the call until it does.
+ * @retval 1  a client exists on return, also when its dispatch thread could not be started: calls then work,
+ *            events do not come
+ * @retval 0  the bus cannot be reached or the service does not answer
  */
 int create_proxy_manager_client(void);
 
-/*
+/**
  * Stops the dispatch thread, releases the client with its cache and its callbacks, and closes the connection.
  * The strings of all answers of get_proxy_url become invalid. No other call may be under way; not to be
  * called from a callback, where it does nothing.
  *
- * Returns 1 when a client was released, 0 when there was none.
+ * @retval 1  a client was released
+ * @retval 0  there was none
  */
 int cleanup_proxy_manager_client(void);
 
-/*
- * Returns a copy of the configuration that the client holds, without asking the service. The caller owns the
- * strings: release them with cleanupProxyConfig. All fields are zero and NULL when there is no client. After
- * a change to any mode but manual only the mode is known.
+/**
+ * Copies the configuration that the client holds, without asking the service. After a change to any mode but
+ * manual only the mode is known.
+ *
+ * @return the copy, whose strings the caller owns: release them with cleanupProxyConfig. All fields are zero
+ *         and NULL when there is no client.
  */
 ProxyManagerConfig get_http_proxy_config(void);
 
-/*
- * Sends a new configuration to the service. The caller keeps the strings. proxyUrl is sent in mode 1 only,
- * without its scheme: a text that contains "http:" loses its first seven characters, one with "https:"
- * its first eight. The client's own copy, and its cache, change only when the service announces the change.
+/**
+ * Sends a new configuration to the service. The client's own copy, and its cache, change only when the
+ * service announces the change.
  *
- * Returns the service's own result code; -1 when there is no client, when the call failed, or when proxyUrl
- * contains "http:" or "https:" and is too short for the prefix.
+ * @param config  the configuration; the caller keeps the strings. proxyUrl is sent in mode 1 only, without
+ *                its scheme: a text that contains "http:" loses its first seven characters, one with "https:"
+ *                its first eight.
+ *
+ * @return the service's own result code; -1 when there is no client, when the call failed, or when proxyUrl
+ *         contains "http:" or "https:" and is too short for the prefix
  */
 int update_proxy_config(ProxyManagerConfig config);
 
-/*
- * Returns the proxies for requestUrl, from the cache if its host was asked for before. Failed and empty
- * answers are kept in the cache too, until the service has it cleared.
+/**
+ * Finds the proxies for a URL, from the cache if its host was asked for before. Failed and empty answers are
+ * kept in the cache too, until the service has it cleared.
  *
  * The strings belong to the client: never free them. They stay readable for the calling thread until its next
  * call of get_proxy_url or until the client is cleaned up, whichever is first; copy what is needed for longer
  * or on other threads.
  *
- * All fields are zero and NULL when requestUrl is NULL, the mode is off, the service gave no answer in time
- * or an empty one, or there is no client.
+ * @param requestUrl  the URL; not kept
+ *
+ * @return the proxies. All fields are zero and NULL when requestUrl is NULL, the mode is off, the service
+ *         gave no answer in time or an empty one, or there is no client.
  */
 ProxyUrlInformation get_proxy_url(const char *requestUrl);
 
-/*
- * Asks the service whether it has started. Returns its answer; false when there is no client or no answer.
+/**
+ * Asks the service whether it has started.
+ *
+ * @return its answer; false when there is no client or no answer
  */
 bool check_service_started(void);
 
-/*
- * Registers cb for events of one type, in place of an earlier callback for it; NULL changes nothing.
- * Callbacks are forgotten when the client is cleaned up. State events go to the callback of their type, or
- * else to that of type 0. Registering for type 0 or 1 absorbs the next change of the configuration: it is not
- * told as event 2.
+/**
+ * Registers a callback for events of one type, in place of an earlier one for it. Callbacks are forgotten
+ * when the client is cleaned up. State events go to the callback of their type, or else to that of type 0.
+ * Registering for type 0 or 1 absorbs the next change of the configuration: it is not told as event 2.
  *
  * When the call returns, an event that is already on its way may still go to the callback that was replaced.
+ *
+ * @param type  the type of the events
+ * @param cb    the callback; NULL changes nothing
  */
 void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb);
 
@@ -173,43 +194,80 @@ void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb
  * time. Record pointers must not be NULL where nothing else is said.
  */
 
-/* Clears a configuration record: mode off, flag false, no strings. Releases nothing. */
+/**
+ * Clears a configuration record: mode off, flag false, no strings. Releases nothing.
+ *
+ * @param config  the record
+ */
 void initProxyConfig(ProxyManagerConfig *config);
 
-/* Releases the strings of a configuration and clears them. Mode and flag stay. May be repeated. */
+/**
+ * Releases the strings of a configuration and clears them. Mode and flag stay. May be repeated.
+ *
+ * @param config  the record
+ */
 void cleanupProxyConfig(ProxyManagerConfig *config);
 
-/*
- * Copies a configuration with its strings into destConfig, which must hold no strings of its own
- * (initProxyConfig). Empty strings become NULL. The caller owns the copies. A NULL pointer is logged and
- * nothing is copied.
+/**
+ * Copies a configuration with its strings. Empty strings become NULL. The caller owns the copies. A NULL
+ * pointer is logged and nothing is copied.
+ *
+ * @param srcConfig   the configuration to copy
+ * @param destConfig  the copy; must hold no strings of its own (initProxyConfig)
  */
 void cloneProxyConfig(const ProxyManagerConfig *srcConfig, ProxyManagerConfig *destConfig);
 
-/*
- * Sets an answer record to mode and a new list of count NULL entries (none when count is 0 or negative),
- * without user name and password. Releases nothing. Without memory for the list the count is 0.
+/**
+ * Sets an answer record to a mode and a new list of NULL entries, without user name and password. Releases
+ * nothing. Without memory for the list the count is 0.
+ *
+ * @param info   the record
+ * @param mode   the mode
+ * @param count  number of entries; no list when it is 0 or negative
  */
 void initProxyUrlInfo(ProxyUrlInformation *info, int mode, int count);
 
-/*
+/**
  * Releases list and strings of an answer record and clears it. May be repeated. For records that the caller
  * has filled; not for answers of get_proxy_url.
+ *
+ * @param info  the record
  */
 void cleanupProxyUrlInfo(ProxyUrlInformation *info);
 
-/* Releases the value of a setting and clears it. May be repeated. */
+/**
+ * Releases the value of a setting and clears it. May be repeated.
+ *
+ * @param setting  the setting
+ */
 void cleanupProxySetting(ProxySetting *setting);
 
-/* Mode of a text (not NULL), in any case: "off", "manual", "pacurl", "wpad". Any other text is mode off. */
+/**
+ * Tells the mode of a text.
+ *
+ * @param text  "off", "manual", "pacurl" or "wpad", in upper or lower case; not NULL
+ *
+ * @return the mode; PROXY_MODE_OFF for any other text
+ */
 int str2ProxyMode(const char *text);
 
-/* Text of a mode, a constant; "off", with a log line, when there is no such mode. */
+/**
+ * Tells the text of a mode.
+ *
+ * @param mode  the mode
+ *
+ * @return a constant, never to be freed; "off", with a log line, when there is no such mode
+ */
 const char *proxyMode2Str(int mode);
 
-/*
- * Returns a heap copy of len bytes of src with a terminating NUL; release it with free(). NULL when src is
- * NULL, len is not positive, or there is no memory.
+/**
+ * Copies bytes to the heap and ends them with a NUL.
+ *
+ * @param src  the bytes
+ * @param len  how many
+ *
+ * @return the copy, which the caller owns and releases with free(); NULL when src is NULL, len is not
+ *         positive, or there is no memory
  */
 char *string2Char(const char *src, int len);
 
