@@ -2,6 +2,7 @@
 
 #include "proxy_fixture.h"
 
+#include <cstddef>
 #include <cstring>
 
 using namespace test;
@@ -152,6 +153,14 @@ TEST_F(RunningClient, TellsEventsByTheirRules)
         EXPECT_EQ(Events::take(told.size()), told) << testing::PrintToString(steps);
     }
 }
+
+// Programs are compiled against this layout.
+constexpr size_t WORD = sizeof(void *);
+static_assert(offsetof(ProxyManagerConfig, proxyUrl) == WORD &&
+              offsetof(ProxyManagerConfig, pacUrl) == 2 * WORD);
+static_assert(offsetof(ProxyManagerConfig, optionFlag) == 3 * WORD && sizeof(ProxyManagerConfig) == 6 * WORD);
+static_assert(offsetof(ProxyUrlInformation, proxyUrlList) == WORD && sizeof(ProxyUrlInformation) == 5 * WORD);
+static_assert(offsetof(ProxyUrlInformation, proxyUrlCount) == 4 * WORD && sizeof(ProxySetting) == 2 * WORD);
 
 TEST(Records, HaveModesAndTexts)
 {
