@@ -65,9 +65,14 @@ check "the trace" 1 "$(status_of post --trace "$url" x >"$work/status"; grep -c 
 install -D -t "$device" "$work/device/truststore.pem"
 cp "$work/device/device-cert.der" "$device/certificate.der"
 openssl pkcs8 -topk8 -nocrypt -inform DER -in "$work/device/device-key.der" -outform DER -out "$device/key.pk8"
+device_post() { ATLS_PLATFORM_DIR=/none LD_BIND_NOW=1 LD_LIBRARY_PATH=$build/examples post "$url" hello; }
 check "another platform" "hello Throwaway device, User-Agent Halvo-Example/example-1.0" \
-    "$(ATLS_PLATFORM_DIR=/none LD_BIND_NOW=1 LD_LIBRARY_PATH=$build/examples post "$url" hello) $(
-        sed -n 's/.*, device certificate .CN=//p' "$work/service.log" | tail -n 1)"
+    "$(device_post) $(sed -n 's/.*, device certificate .CN=//p' "$work/service.log" | tail -n 1)"
+cp "$work/service/device-ca.pem" "$device/truststore.pem"
+check "it verifies the service" 3 "$(status_of device_post)"
+cp "$work/device/truststore.pem" "$device"
+head -c 4096 /dev/zero >>"$device/key.pk8"
+check "it truncates no key" 2 "$(status_of device_post)"
 
 start_bus
 start_proxy proxy && echo "function FindProxyForURL() { return 'PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port'; }" >"$work/pac"
