@@ -196,7 +196,7 @@ private:
         if (!wanted.empty() && entry.id != wanted)
             log("session " + wanted + " unknown, now " + entry.id);
         const Outcome outcome = entry.session->serve(request.body, options_.answer);
-        report(entry, outcome);
+        report(entry, outcome, request.get_header_value("User-Agent"));
         if (outcome.ended)
             sessions_.drop(entry.id);
 
@@ -229,10 +229,11 @@ private:
         return reply;
     }
 
-    void report(const SessionStore::Entry &entry, const Outcome &outcome)
+    void report(const SessionStore::Entry &entry, const Outcome &outcome, const std::string &user_agent)
     {
         if (outcome.established)
-            log("session " + entry.id + " established: " + entry.session->description());
+            log("session " + entry.id + " established: " + entry.session->description() + ", User-Agent " +
+                user_agent);
         if (outcome.answered)
             log("session " + entry.id + " message answered");
         if (outcome.ended)

@@ -3,8 +3,9 @@
 set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
+device=$build/examples/device # compiled into the example of a platform layer
 . "$source/scripts/service-functions"
-trap 'stop_all; rm -rf "$work"' EXIT
+trap 'stop_all; rm -rf "$work" "$device"' EXIT
 trap 'echo "failed: $BASH_COMMAND" >&2' ERR
 unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 
@@ -59,6 +60,19 @@ check "the front end saw no message" "" "$(grep -lr -e hello -e hallo -e piped "
 check "the log" "atls-post: atls_connect: ATLS connection to 127.0.0.1 established" \
     "$(status_of post --log notice "$url" x >"$work/status"; grep established "$work/err")"
 check "the trace" 1 "$(status_of post --trace "$url" x >"$work/status"; grep -c '< HTTP/1.1 200 OK' "$work/err" | sed 's/[2-9]/1/')"
+
+# The example of a device's own platform layer, complete and without anything of the stand-in's.
+install -D -t "$device" "$work/device/truststore.pem"
+cp "$work/device/device-cert.der" "$device/certificate.der"
+openssl pkcs8 -topk8 -nocrypt -inform DER -in "$work/device/device-key.der" -outform DER -out "$device/key.pk8"
+device_post() { ATLS_PLATFORM_DIR=/none LD_BIND_NOW=1 LD_LIBRARY_PATH=$build/examples post "$url" hello; }
+check "another platform" "hello Throwaway device, User-Agent Halvo-Example/example-1.0" \
+    "$(device_post) $(sed -n 's/.*, device certificate .CN=//p' "$work/service.log" | tail -n 1)"
+cp "$work/service/device-ca.pem" "$device/truststore.pem"
+check "it verifies the service" 3 "$(status_of device_post)"
+cp "$work/device/truststore.pem" "$device"
+head -c 4096 /dev/zero >>"$device/key.pk8"
+check "it truncates no key" 2 "$(status_of device_post)"
 
 start_bus
 start_proxy proxy && echo "function FindProxyForURL() { return 'PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port'; }" >"$work/pac"

@@ -1,0 +1,38 @@
+################################################################################
+#
+# libatls
+#
+################################################################################
+
+# A sample for an external tree (BR2_EXTERNAL): copy this folder to its package/, read Config.in from the tree's
+# Config.in and this file from its external.mk, and put the source archive beside this file. The owner of the source
+# chooses the licence: LIBATLS_LICENSE.
+
+LIBATLS_VERSION = 1.0.0
+LIBATLS_SOURCE = libatls-$(LIBATLS_VERSION).tar.gz
+LIBATLS_SITE := $(patsubst %/,%,$(dir $(lastword $(MAKEFILE_LIST))))
+LIBATLS_SITE_METHOD = file
+LIBATLS_INSTALL_STAGING = YES
+LIBATLS_DEPENDENCIES = host-pkgconf dbus dbus-cpp libcurl openssl safeclib
+LIBATLS_CONF_OPTS = \
+	-DATLS_BUILD_TESTS=OFF \
+	-DATLS_BUILD_EXAMPLES=OFF \
+	-DATLS_INSTALL_DOCUMENTATION=OFF \
+	-DATLS_WERROR=OFF
+
+ifeq ($(BR2_PACKAGE_LIBATLS_TOOLS),y)
+LIBATLS_DEPENDENCIES += cli11 cpp-httplib json-for-modern-cpp pacparser
+LIBATLS_CONF_OPTS += -DATLS_BUILD_TOOLS=ON
+else
+LIBATLS_CONF_OPTS += -DATLS_BUILD_TOOLS=OFF
+endif
+
+# The device's own package installs another in its place, after this.
+ifneq ($(BR2_PACKAGE_LIBATLS_STANDIN),y)
+define LIBATLS_REMOVE_STANDIN
+	rm -f $(TARGET_DIR)/usr/lib/libatls-platform.so
+endef
+LIBATLS_POST_INSTALL_TARGET_HOOKS += LIBATLS_REMOVE_STANDIN
+endif
+
+$(eval $(cmake-package))
