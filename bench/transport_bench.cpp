@@ -6,7 +6,6 @@
 #include "composition.h"
 #include "proxymanager.h"
 
-#include <map>
 #include <memory>
 
 namespace bench
@@ -44,19 +43,17 @@ private:
     atls_resp answer_ = {};
 };
 
-// Connects once for all runs, and exchanges messages of a size.
+// Connects, and exchanges messages of a size.
 template <typename Client>
 void add_exchange(const std::string &name, int port, size_t size, bool logging)
 {
-    benchmark::RegisterBenchmark(name.c_str(), [=, client = std::shared_ptr<Client>()](auto &state) mutable {
-        set_logging(false);
-        if (!client)
-            client = std::make_shared<Client>(port);
+    benchmark::RegisterBenchmark(name.c_str(), [=](auto &state) {
+        Client client(port);
         const std::string message(size, 'm');
-        client->exchange(message);
+        client.exchange(message);
         set_logging(logging);
         for (auto each : state)
-            (void)each, client->exchange(message);
+            (void)each, client.exchange(message);
         set_logging(false);
     })->MinTime(0.05);
 }
