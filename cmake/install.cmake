@@ -55,6 +55,9 @@ endif()
 
 # ---- Debian packages
 
+if(NOT top_level)
+    return()
+endif()
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "The libatls developers")
 set(CPACK_PACKAGE_CONTACT "The libatls developers <libatls@localhost>")
@@ -73,7 +76,9 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_HEADERS_PACKAGE_NAME libatls-dev)
 set(CPACK_DEBIAN_HEADERS_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_HEADERS_DESCRIPTION "Headers, documentation and examples of libatls")
-set(CPACK_DEBIAN_HEADERS_PACKAGE_DEPENDS "libatls1 (= ${PROJECT_VERSION})")
+# The private requirements of the pkg-config file must be there, too.
+set(CPACK_DEBIAN_HEADERS_PACKAGE_DEPENDS "libatls1 (= ${PROJECT_VERSION}), libcurl4-openssl-dev | libcurl-dev, libssl-dev, \
+libdbus-1-dev, libdbus-c++-dev, libsafec-dev")
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME atls-tools)
 set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION "Programs around libatls: posting messages, a reference service, the proxy manager")
