@@ -10,7 +10,7 @@ int main(int count, char **arguments)
         const bench::Peers peers;
         bench::add_exchanges(peers);
         bench::add_connections(peers);
-        bench::add_decryption();
+        bench::add_decryption(peers);
         bench::add_proxy_answers();
         benchmark::Initialize(&count, arguments);
         benchmark::RunSpecifiedBenchmarks();

@@ -14,7 +14,7 @@ namespace bench
 
 void add_exchanges(const Peers &peers);
 void add_connections(const Peers &peers);
-void add_decryption();
+void add_decryption(const Peers &peers);
 void add_proxy_answers();
 
 inline void require(bool rule, const char *what)

@@ -178,7 +178,7 @@ void Composition::decrypt()
 {
     BIO_write(SSL_get_rbio(ssl_), body_.data, static_cast<int>(body_.size));
     answer_.release();
-    answer_.data = static_cast<char *>(malloc(body_.size));
+    answer_.data = static_cast<char *>(malloc(body_.size + 1));
     for (int count; (count = SSL_read(ssl_, answer_.data + answer_.size, FLIGHT)) > 0;)
         answer_.size += static_cast<size_t>(count);
     answer_.data[answer_.size] = '\0';

@@ -25,10 +25,10 @@ constexpr size_t MEBIBYTE = 1 << 20;
 class Session
 {
 public:
-    Session()
+    explicit Session(const test::Folder &keys)
     {
-        const std::string cert = std::string(getenv("ATLS_PLATFORM_DIR")) + "/device-cert.der";
-        const std::string key = std::string(getenv("ATLS_PLATFORM_DIR")) + "/device-key.der";
+        const std::string cert = keys.path("device/device-cert.der"),
+                          key = keys.path("device/device-key.der");
         SSL_CTX *ctx = SSL_CTX_new(TLS_method());
         SSL_CTX_use_certificate_file(ctx, cert.c_str(), SSL_FILETYPE_ASN1);
         SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_ASN1);
@@ -94,19 +94,19 @@ char *decrypt_plainly(SSL *ssl, const std::string &records, size_t size)
 }
 
 template <typename Decrypt>
-void add_decryption(const std::string &name, size_t size, Decrypt decrypt)
+void add_decryption(const Peers &peers, const std::string &name, size_t size, Decrypt decrypt)
 {
-    benchmark::RegisterBenchmark(name.c_str(), [=](auto &state) {
+    benchmark::RegisterBenchmark(name.c_str(), [=, &peers](auto &state) {
         const std::string message(size, 'm');
         for (auto each : state) {
             (void)each;
             state.PauseTiming();
-            Session session;
+            Session session(peers.folder);
             const std::string records = session.encrypt(message);
             state.ResumeTiming();
             free(decrypt(session.client.get(), records, size));
             state.PauseTiming();
-            session = Session();
+            session = Session(peers.folder);
             state.ResumeTiming();
         }
     })->Iterations(size > 4 * MEBIBYTE ? 1 : 8);
@@ -127,13 +127,13 @@ constexpr size_t DELIVERY = 1000;
 
 } // namespace
 
-void add_decryption()
+void add_decryption(const Peers &peers)
 {
     for (const size_t mebibytes : {1, 16, 64}) {
         const std::string size = std::to_string(mebibytes) + " MiB";
         const size_t bytes = mebibytes * MEBIBYTE - 1; // the last record of an answer is not a full one
-        add_decryption("decrypt/" + size + "/library", bytes, decrypt_by_library);
-        add_decryption("decrypt/" + size + "/plain loop", bytes, decrypt_plainly);
+        add_decryption(peers, "decrypt/" + size + "/library", bytes, decrypt_by_library);
+        add_decryption(peers, "decrypt/" + size + "/plain loop", bytes, decrypt_plainly);
 
         static char delivery[DELIVERY];
         add_capture("capture/" + size + " in pieces of 1 KB/library", bytes, [](size_t total) {
