@@ -58,19 +58,21 @@ public:
         if (present != nodeMap.end()) {
             remove(present->second, false);
             setHead(present->second);
-            valueMap[key] = value;
+            valueMap.find(key)->second = value;
             return;
         }
         // All memory is had before the first change, so that a failure leaves the cache as it was.
-        std::map<std::string, std::unique_ptr<ProxyURLCacheNode>> created;
-        created.emplace(key, std::make_unique<ProxyURLCacheNode>(key));
-        std::map<std::string, ProxyURLCacheNode *> newNode{{key, created.begin()->second.get()}};
-        std::map<std::string, T> newValue{{key, value}};
-        if (nodeMap.size() >= capacity && tail)
+        auto node = std::make_unique<ProxyURLCacheNode>(key);
+        const auto added = valueMap.emplace(key, value).first;
+        try {
+            nodeMap.emplace(std::move(key), node.get());
+        } catch (...) {
+            valueMap.erase(added);
+            throw;
+        }
+        if (nodeMap.size() > capacity && tail)
             remove(tail, true);
-        setHead(created.begin()->second.release());
-        nodeMap.insert(newNode.extract(newNode.begin()));
-        valueMap.insert(newValue.extract(newValue.begin()));
+        setHead(node.release());
     }
 
     bool get(const std::string &key, T &out)
@@ -80,7 +82,7 @@ public:
             return false;
         remove(present->second, false);
         setHead(present->second);
-        out = valueMap[key];
+        out = valueMap.find(key)->second;
         return true;
     }
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <ctime>
+#include <iterator>
 #include <new>
 #include <utility>
 
@@ -49,22 +50,18 @@ int toWatchFlags(short events)
     return flags;
 }
 
-// Time-outs are kept by the waiting callers. Those of libdbus's own blocking calls need no timer of ours, and
-// dbus-c++'s timers read the wall clock and use freed memory when they fire.
-constexpr size_t ROOM_SIZE = 8 * sizeof(void *); // of one watch or timeout
-
 // libdbus asks for watches and timeouts with its locks held, where nothing may be thrown. So room for a few is
 // there from the beginning, more than one connection needs; only what is beyond comes from the heap.
-template <typename Object>
 class RoomKept
 {
 public:
+    static constexpr size_t ROOM = 8 * sizeof(void *);
+
     static void *operator new(size_t size)
     {
-        static_assert(sizeof(Object) <= ROOM_SIZE);
         const std::lock_guard<std::mutex> lock(mutex_);
         for (Slot &slot : slots_) {
-            if (!slot.used) {
+            if (!slot.used && size <= ROOM) {
                 slot.used = true;
                 return slot.bytes;
             }
@@ -85,19 +82,22 @@ public:
 
 private:
     struct Slot {
-        alignas(std::max_align_t) unsigned char bytes[ROOM_SIZE];
+        alignas(std::max_align_t) unsigned char bytes[ROOM];
         bool used;
     };
     static inline std::mutex mutex_;
-    static inline std::array<Slot, WATCHES_KEPT> slots_{};
+    static inline std::array<Slot, 2 * WATCHES_KEPT> slots_{};
 };
 
-class InertTimeout : public DBus::Timeout, public RoomKept<InertTimeout>
+// Time-outs are kept by the waiting callers. Those of libdbus's own blocking calls need no timer of ours, and
+// dbus-c++'s timers read the wall clock and use freed memory when they fire.
+class InertTimeout : public DBus::Timeout, public RoomKept
 {
 public:
     explicit InertTimeout(DBus::Timeout::Internal *internal) : DBus::Timeout(internal) {}
     void toggle() override {}
 };
+static_assert(sizeof(InertTimeout) <= RoomKept::ROOM);
 
 } // namespace
 
@@ -278,11 +278,11 @@ DBus::Message CallDesk::call(DBus::Connection &connection, DBus::CallMessage &me
     call.message = &message;
     if (!onThread() && awaitReply(connection, call)) {
         if (call.state == Call::State::Lost)
-            throw DBus::ErrorDisconnected("Connection is closed");
+            throw DBus::Error(DBUS_ERROR_DISCONNECTED, "Connection is closed");
         if (call.state == Call::State::NoMemory)
-            throw DBus::ErrorNoMemory("No memory for the call or its reply");
+            throw DBus::Error(DBUS_ERROR_NO_MEMORY, "No memory for the call or its reply");
         if (call.state == Call::State::Waiting)
-            throw DBus::ErrorNoReply(NO_REPLY_TEXT);
+            throw DBus::Error(DBUS_ERROR_NO_REPLY, NO_REPLY_TEXT);
         if (call.reply.front().is_error())
             throw DBus::Error(call.reply.front());
         return call.reply.front();
@@ -302,7 +302,7 @@ bool CallDesk::awaitReply(DBus::Connection &connection, Call &call)
     }
     if (!running_ || !isOwned(connection))
         return false;
-    queued_.push_back(&call);
+    calls_.push_back(&call);
     const timespec deadline = MonotonicCondition::deadline(DEFAULT_TIMEOUT);
     lock.unlock(); // the thread needs it as soon as it is awake
     wake();
@@ -311,10 +311,8 @@ bool CallDesk::awaitReply(DBus::Connection &connection, Call &call)
         if (!call.changed.waitUntil(lock, deadline))
             break;
     }
-    if (call.state == Call::State::Waiting) {
-        queued_.remove(&call);
-        sent_.remove(&call);
-    }
+    if (call.state == Call::State::Waiting)
+        calls_.remove(&call);
     return true;
 }
 
@@ -324,22 +322,27 @@ void CallDesk::sendQueued()
     const std::lock_guard<std::mutex> lock(mutex_);
     if (!owned_ || !owned_->connected())
         return;
-    while (!queued_.empty()) {
-        Call *call = queued_.front();
-        if (owned_->send(*call->message, &call->serial)) {
-            sent_.splice(sent_.end(), queued_, queued_.begin());
-        } else {
-            queued_.pop_front();
-            call->state = Call::State::NoMemory;
-            call->changed.notifyAll();
-        }
+    for (auto each = calls_.begin(); each != calls_.end();) {
+        Call *const call = *each++;
+        if (call->serial != 0 || owned_->send(*call->message, &call->serial))
+            continue;
+        calls_.erase(std::prev(each));
+        end(call, Call::State::NoMemory);
     }
 }
 
 std::list<CallDesk::Call *>::iterator CallDesk::findSent(const DBus::Message &reply)
 {
     const auto serial = static_cast<unsigned int>(reply.reply_serial());
-    return std::find_if(sent_.begin(), sent_.end(), [=](const Call *call) { return call->serial == serial; });
+    return std::find_if(calls_.begin(), calls_.end(),
+                        [=](const Call *call) { return serial != 0 && call->serial == serial; });
+}
+
+// The caller finds its call ended as soon as it has the lock.
+void CallDesk::end(Call *call, Call::State state)
+{
+    call->state = state;
+    call->changed.notifyAll();
 }
 
 bool CallDesk::receive(const DBus::Message &message)
@@ -348,15 +351,13 @@ bool CallDesk::receive(const DBus::Message &message)
         return false;
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto sent = findSent(message);
-    if (sent == sent_.end())
+    if (sent == calls_.end())
         return false;
     try {
         arrived_.push_back(message);
     } catch (const std::bad_alloc &) { // libdbus calls this: nothing may leave
-        Call *call = *sent;
-        sent_.erase(sent);
-        call->state = Call::State::NoMemory;
-        call->changed.notifyAll();
+        end(*sent, Call::State::NoMemory);
+        calls_.erase(sent);
     }
     return true;
 }
@@ -370,15 +371,14 @@ void CallDesk::handOverReplies()
     const std::lock_guard<std::mutex> lock(mutex_);
     while (!arrived_.empty()) {
         const auto sent = findSent(arrived_.front());
-        if (sent == sent_.end()) {
+        if (sent == calls_.end()) {
             arrived_.pop_front(); // its caller has given up
             continue;
         }
-        Call *call = *sent;
-        sent_.erase(sent);
+        Call *const call = *sent;
+        calls_.erase(sent);
         call->reply.splice(call->reply.end(), arrived_, arrived_.begin());
-        call->state = Call::State::Answered;
-        call->changed.notifyAll();
+        end(call, Call::State::Answered);
     }
 }
 
@@ -391,14 +391,9 @@ void CallDesk::failLostCalls()
 
 void CallDesk::failAll()
 {
-    const auto fail = [](Call *call) {
-        call->state = Call::State::Lost;
-        call->changed.notifyAll();
-    };
-    std::for_each(queued_.begin(), queued_.end(), fail);
-    std::for_each(sent_.begin(), sent_.end(), fail);
-    queued_.clear();
-    sent_.clear();
+    for (Call *call : calls_)
+        end(call, Call::State::Lost);
+    calls_.clear();
 }
 
 // ---- Loop
@@ -483,7 +478,7 @@ void OwningDispatcher::repairUnlockPair()
 // ---- Sockets
 
 // libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
-class OwningDispatcher::SocketWatch : public DBus::Watch, public RoomKept<SocketWatch>
+class OwningDispatcher::SocketWatch : public DBus::Watch, public RoomKept
 {
 public:
     SocketWatch(DBus::Watch::Internal *internal, OwningDispatcher &dispatcher)
@@ -527,11 +522,11 @@ void OwningDispatcher::wakeFromOutside()
 
 DBus::Watch *OwningDispatcher::add_watch(DBus::Watch::Internal *internal)
 {
+    static_assert(sizeof(SocketWatch) <= RoomKept::ROOM);
     auto *watch = new SocketWatch(internal, *this);
     {
         const std::lock_guard<std::mutex> lock(watchMutex_);
-        // Those that read come first: an end of the connection must not hide what was sent before it.
-        watches_.insert(watch->reads() ? watches_.begin() : watches_.end(), watch);
+        watches_.push_back(watch);
     }
     wakeFromOutside();
     return watch;
@@ -587,10 +582,13 @@ int OwningDispatcher::pollSockets(int timeout)
     ready_.clear();
     {
         const std::lock_guard<std::mutex> lock(watchMutex_);
-        for (SocketWatch *watch : watches_) {
-            if (watch->isEnabled()) {
-                polled_.push_back(watch->request());
-                ready_.push_back(watch);
+        // Those that read come first: an end of the connection must not hide what was sent before it.
+        for (const bool reading : {true, false}) {
+            for (SocketWatch *watch : watches_) {
+                if (watch->isEnabled() && watch->reads() == reading) {
+                    polled_.push_back(watch->request());
+                    ready_.push_back(watch);
+                }
             }
         }
     }
@@ -610,5 +608,5 @@ void OwningDispatcher::handleReady()
 bool OwningDispatcher::isRegistered(const SocketWatch *watch)
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
-    return std::find(watches_.begin(), watches_.end(), watch) != watches_.end();
+    return std::count(watches_.begin(), watches_.end(), watch) != 0;
 }

@@ -87,7 +87,7 @@ private:
         enum class State { Waiting, Answered, Lost, NoMemory };
 
         DBus::CallMessage *message;
-        unsigned int serial = 0; // once it is sent
+        unsigned int serial = 0; // 0 until it is sent
         State state = State::Waiting;
         std::list<DBus::Message> reply;
         MonotonicCondition changed;
@@ -98,19 +98,19 @@ private:
     bool awaitReply(DBus::Connection &connection, Call &call);
     bool receive(const DBus::Message &message);
     std::list<Call *>::iterator findSent(const DBus::Message &reply);
+    static void end(Call *call, Call::State state);
     void failAll();
 
     std::atomic<bool> stop_{false};
     int wakeDescriptor_ = -1;
     pid_t wakeProcess_ = 0;
 
-    std::mutex mutex_;     // guards the next seven
+    std::mutex mutex_;     // guards the next six
     bool running_ = false; // a thread is at the desk, or expected
     bool entered_ = false;
     bool retired_ = false;
     DBus::Connection *owned_ = nullptr;
-    std::list<Call *> queued_;
-    std::list<Call *> sent_;
+    std::list<Call *> calls_; // in the order in which they came
     MonotonicCondition left_;
 
     DBus::MessageSlot replyFilter_;

@@ -2,11 +2,11 @@
 
 #include "proxymanagerclientimpl.h"
 
+#include "answerreader.h"
 #include "owningdispatcher.h"
 
 #include <cstdlib>
 #include <cstring>
-#include <unordered_map>
 
 #include <dbus/dbus.h>
 #include <strings.h>
@@ -30,7 +30,7 @@ const char *orEmpty(const char *text)
 void require(bool appended)
 {
     if (!appended)
-        throw DBus::ErrorNoMemory("no memory for the call");
+        throw DBus::Error(DBUS_ERROR_NO_MEMORY, "no memory for the call");
 }
 
 // Appends the arguments of a call, and refuses what libdbus or the bus would not bear: text that is not UTF-8
@@ -44,9 +44,9 @@ public:
     {
         length_ += strlen(value);
         if (length_ > TEXT_LIMIT)
-            throw DBus::ErrorLimitsExceeded("text too long");
+            throw DBus::Error(DBUS_ERROR_LIMITS_EXCEEDED, "text too long");
         if (!dbus_validate_utf8(value, nullptr))
-            throw DBus::ErrorInvalidArgs("text is not valid UTF-8");
+            throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "text is not valid UTF-8");
         require(iterator_.append_string(value));
         return *this;
     }
@@ -153,7 +153,7 @@ ProxyManagerServiceInterface_proxy::Configuration ProxyManagerServiceInterface_p
     DBus::MessageIter arguments = reply.reader();
     // Entering anything but a container ends the process.
     if (arguments.type() != DBUS_TYPE_STRUCT)
-        throw DBus::ErrorInvalidArgs("structure expected");
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "structure expected");
     DBus::MessageIter fields = arguments.recurse();
     Configuration configuration;
     for (std::string &text : configuration) {
@@ -170,9 +170,9 @@ std::vector<std::string> ProxyManagerServiceInterface_proxy::getProxyurl(const c
     const DBus::Message reply = request("getProxyurl", call);
     DBus::MessageIter arguments = reply.reader();
     if (arguments.type() != DBUS_TYPE_ARRAY)
-        throw DBus::ErrorInvalidArgs("array expected");
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "array expected");
     if (arguments.array_type() != DBUS_TYPE_STRING)
-        throw DBus::ErrorInvalidArgs("array of strings expected");
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "array of strings expected");
     std::vector<std::string> texts;
     for (DBus::MessageIter element = arguments.recurse(); !element.at_end(); ++element)
         texts.emplace_back(element.get_string());
@@ -244,36 +244,6 @@ bool NameOwner::sent(const DBus::Message &message) const
     return !owner_.empty() && owner_ == orEmpty(message.sender());
 }
 
-// ---- Holders of answers
-
-namespace
-{
-
-// The cache and the callers hold copies of a record whose strings are the same. An answer goes when it has left the
-// cache and each thread that was given it has asked for another one, or ended.
-using AnswerHolder = std::shared_ptr<ProxyAnswer>;
-
-// What the calling thread may still be reading.
-thread_local AnswerHolder heldAnswer;
-
-// The answers in the cache, by the identity of their records. Guarded by the client's cacheMutex. Never destroyed:
-// threads may be running after the static objects.
-std::unordered_map<const void *, AnswerHolder> &cachedAnswers()
-{
-    static auto *answers = new std::unordered_map<const void *, AnswerHolder>;
-    return *answers;
-}
-
-// Any of the blocks of a record tells it from all others; NULL when there is none to release.
-const void *identity(const ProxyUrlInformation &record)
-{
-    if (record.proxyUrlList)
-        return record.proxyUrlList;
-    return record.userName ? record.userName : record.password;
-}
-
-} // namespace
-
 // ---- Life
 
 ProxyManagerClientImpl::ProxyManagerClientImpl(DBus::Connection &connection, const char *path,
@@ -294,7 +264,7 @@ ProxyManagerClientImpl::~ProxyManagerClientImpl()
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
     clearProxyUrlCache();
     urlCache.reset();
-    heldAnswer.reset();
+    AnswerReader::letGo();
     {
         const std::lock_guard<std::mutex> lock(eventMutex);
         eventHandlers.clear();
@@ -502,34 +472,31 @@ void decodeAnswer(const std::vector<std::string> &texts, ProxyUrlInformation &re
 
 ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
 {
-    ProxyUrlInformation result;
-    initProxyUrlInfo(&result, PROXY_MODE_OFF, 0);
+    ProxyUrlInformation result{};
     if (!requestUrl) {
         syslog(LOG_ERR, "%s%s requestUrl is null", CLASS_PREFIX, __func__);
-        heldAnswer.reset();
+        AnswerReader::letGo();
         return result;
     }
-    AnswerHolder manual;
-    const ProxyMode mode = snapshotConfig(requestUrl, manual);
+    ProxyAnswer answer;
+    const ProxyMode mode = snapshotConfig(requestUrl, answer.record);
     if (mode == PROXY_MODE_OFF) {
-        heldAnswer.reset();
+        AnswerReader::letGo();
         return result;
     }
     const std::string key = cacheKey(requestUrl);
     if (findAnswer(requestUrl, key, result))
         return result;
 
-    const AnswerHolder answer = manual ? manual : std::make_shared<ProxyAnswer>();
     if (mode == PROXY_MODE_MANUAL)
-        logManualAnswer(answer->record);
+        logManualAnswer(answer.record);
     else if (mode > PROXY_MODE_MANUAL)
-        askService(requestUrl, answer->record);
-    keepAnswer(key, answer);
-    return answer->record;
+        askService(requestUrl, answer.record);
+    return keepAnswer(key, answer);
 }
 
 // Takes what a manual answer needs, while the configuration cannot change.
-ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, std::shared_ptr<ProxyAnswer> &manual)
+ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, ProxyUrlInformation &manual)
 {
     const std::lock_guard<std::mutex> lock(configMutex);
     const ProxyMode mode = proxyConfig.mode;
@@ -537,13 +504,11 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, std::sh
         return mode;
     syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", CLASS_PREFIX, GET_PROXY_URL, requestUrl, mode);
     if (mode == PROXY_MODE_MANUAL) {
-        manual = std::make_shared<ProxyAnswer>();
-        ProxyUrlInformation &record = manual->record;
-        initProxyUrlInfo(&record, PROXY_MODE_MANUAL, 1);
-        if (record.proxyUrlCount > 0)
-            record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
-        record.userName = copyUnlessNull(proxyConfig.userName);
-        record.password = copyUnlessNull(proxyConfig.password);
+        initProxyUrlInfo(&manual, PROXY_MODE_MANUAL, 1);
+        if (manual.proxyUrlCount > 0)
+            manual.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
+        manual.userName = copyUnlessNull(proxyConfig.userName);
+        manual.password = copyUnlessNull(proxyConfig.password);
     }
     return mode;
 }
@@ -560,12 +525,7 @@ bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::strin
         syslog(LOG_NOTICE, "%s%s get proxy url from cache, index:%d proxy url:%s", CLASS_PREFIX,
                GET_PROXY_URL, i, orEmpty(result.proxyUrlList[i]));
     }
-    const auto answer = cachedAnswers().find(identity(result));
-    AnswerHolder &held = heldAnswer;
-    if (answer == cachedAnswers().end())
-        held.reset();
-    else if (held != answer->second)
-        held = answer->second;
+    AnswerReader::ofThisThread().turnTo(result);
     return true;
 }
 
@@ -578,23 +538,19 @@ void ProxyManagerClientImpl::askService(const char *requestUrl, ProxyUrlInformat
     }
 }
 
-void ProxyManagerClientImpl::keepAnswer(const std::string &key, const std::shared_ptr<ProxyAnswer> &answer)
+// Hands an answer over to the cache.
+ProxyUrlInformation ProxyManagerClientImpl::keepAnswer(const std::string &key, ProxyAnswer &answer)
 {
+    AnswerReader &reader = AnswerReader::ofThisThread();
     const std::lock_guard<std::mutex> lock(cacheMutex);
     ProxyUrlInformation replaced{}; // by another thread that missed at the same time
     if (const ProxyUrlInformation *present = urlCache->find(key))
         replaced = *present;
-    const void *const record = identity(answer->record);
-    if (record)
-        cachedAnswers()[record] = answer;
-    try {
-        urlCache->set(key, answer->record);
-    } catch (...) {
-        cachedAnswers().erase(record);
-        throw;
-    }
-    cachedAnswers().erase(identity(replaced));
-    heldAnswer = answer;
+    urlCache->set(key, answer.record);
+    const ProxyUrlInformation kept = std::exchange(answer.record, {});
+    reader.turnTo(kept);
+    AnswerReader::giveUp(replaced);
+    return kept;
 }
 
 void ProxyManagerClientImpl::clearProxyUrlCache()
@@ -607,8 +563,5 @@ void ProxyManagerClientImpl::clearProxyUrlCache()
 void ProxyManagerClientImpl::clearCacheCallBack(ProxyUrlInformation &value, void *)
 {
     syslog(LOG_INFO, "%s%s called ", CLASS_PREFIX, __func__);
-    if (cachedAnswers().erase(identity(value)) != 0)
-        initProxyUrlInfo(&value, PROXY_MODE_OFF, 0); // a caller may still be reading the strings
-    else
-        cleanupProxyUrlInfo(&value);
+    AnswerReader::giveUp(value);
 }

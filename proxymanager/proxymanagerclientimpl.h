@@ -99,7 +99,7 @@ private:
     DBus::MessageSlot filter_;
 };
 
-// An answer to a caller. Its strings are released with it.
+// An answer that is not in the cache yet. Its strings are released with it.
 struct ProxyAnswer {
     ProxyUrlInformation record{};
 
@@ -145,10 +145,10 @@ protected:
 private:
     DBus::Message _invoke_method(DBus::CallMessage &call) override;
 
-    ProxyMode snapshotConfig(const char *requestUrl, std::shared_ptr<ProxyAnswer> &manual);
+    ProxyMode snapshotConfig(const char *requestUrl, ProxyUrlInformation &manual);
     bool findAnswer(const char *requestUrl, const std::string &key, ProxyUrlInformation &result);
     void askService(const char *requestUrl, ProxyUrlInformation &result);
-    void keepAnswer(const std::string &key, const std::shared_ptr<ProxyAnswer> &answer);
+    ProxyUrlInformation keepAnswer(const std::string &key, ProxyAnswer &answer);
     static void callHandler(const char *caller, EventHandler handler, ProxyMgrEventType type);
     bool hasHandler(ProxyMgrEventType type) const { return eventHandlers.count(type) != 0; }
 

@@ -77,14 +77,12 @@ private:
     int former_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// Nothing is thrown across the C interface: whatever comes is logged, and the neutral result returned.
-template <typename Result, typename Action>
-Result contain(const char *caller, const char *errorFormat, Result neutral, Action action)
+// Logs what is being handled in a catch block.
+void logException(const char *caller, const char *errorFormat)
 {
-    const NotCancellable here;
     constexpr const char *FAILED = "%s%s error: %s";
     try {
-        return action();
+        throw;
     } catch (const DBus::Error &error) {
         const char *text = error.what();
         syslog(LOG_ERR, errorFormat, "", caller, text ? text : "");
@@ -92,6 +90,18 @@ Result contain(const char *caller, const char *errorFormat, Result neutral, Acti
         syslog(LOG_ERR, FAILED, "", caller, error.what());
     } catch (...) {
         syslog(LOG_ERR, FAILED, "", caller, "unknown error");
+    }
+}
+
+// Nothing is thrown across the C interface: whatever comes is logged, and the neutral result returned.
+template <typename Result, typename Action>
+Result contain(const char *caller, const char *errorFormat, Result neutral, Action action)
+{
+    const NotCancellable here;
+    try {
+        return action();
+    } catch (...) {
+        logException(caller, errorFormat);
     }
     return neutral;
 }
@@ -238,11 +248,9 @@ Outcome makeClient(DBus::Connection &conn)
         pProxyMgrClient->leaveCallsAt(&dbus_dispatcher.calls());
         checkServiceStarted(*pProxyMgrClient);
         return Outcome::Made;
-    } catch (const DBus::Error &error) {
+    } catch (const std::exception &error) { // DBus::Error is one
         const char *text = error.what();
         syslog(LOG_ERR, CREATE_ERROR, "", CREATE, text ? text : "");
-    } catch (const std::exception &error) {
-        syslog(LOG_ERR, CREATE_ERROR, "", CREATE, error.what());
     }
     const Outcome outcome = pProxyMgrClient ? Outcome::NotAnswering : Outcome::NotConstructed;
     deleteClient();
