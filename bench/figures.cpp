@@ -16,6 +16,7 @@
 #include <iostream>
 #include <memory>
 #include <stdexcept>
+#include <thread>
 
 #include <pthread.h>
 #include <sys/mman.h>
@@ -149,7 +150,7 @@ void measure_signals(test::ScriptedService &service)
     std::atomic<bool> stop{false};
     std::thread storm([&] {
         while (!stop) {
-            service.emit("ProxyMgrStateEvent", {int32_t{3}});
+            service.emitState(3);
             service.emit("notifyClearcache");
         }
     });
@@ -168,13 +169,13 @@ void measure_signals(test::ScriptedService &service)
     for (const auto end = Clock::now() + 1s; Clock::now() < end;) {
         const int before = events;
         const auto sent = Clock::now();
-        service.emit("ProxyMgrStateEvent", {int32_t{4}});
+        service.emitState(4);
         while (events == before && Clock::now() - sent < 1s)
             std::this_thread::sleep_for(50us);
         worst = std::max(worst, Clock::now() - sent);
         std::this_thread::sleep_for(5ms);
     }
-    service.answerHeld({test::Texts{"pacurl", "DIRECT"}});
+    service.answerHeld("(['pacurl', 'DIRECT'],)");
     slow.join();
     print("worst delay of a signal during a call of 1 s",
           std::chrono::duration<double, std::milli>(worst).count(), "ms", "5");

@@ -107,12 +107,9 @@ std::unique_ptr<atls_service::AtlsService> make_service(const std::string &keys,
     const Peers::Ports ports{old->port(), current->port(), echo.bind_to_any_port("127.0.0.1")};
     std::thread(&httplib::SSLServer::listen_after_bind, &echo).detach();
     test::ScriptedService proxies;
-    proxies.script("getProxyurl", [](DBusMessage *call) { // none for the services
-        const char *url = "";
-        dbus_message_get_args(call, nullptr, DBUS_TYPE_STRING, &url, DBUS_TYPE_INVALID);
-        const bool service = strstr(url, "127.0.0.1") != nullptr;
-        return test::BusPeer::makeReply(call, {service ? test::Texts{"pacurl", "DIRECT"}
-                                                       : test::Texts{"pacurl", "PROXY p1:80", "DIRECT"}});
+    proxies.script("getProxyurl", [](const std::string &url) { // none for the services
+        const bool service = url.find("127.0.0.1") != std::string::npos;
+        return service ? "(['pacurl', 'DIRECT'],)" : "(['pacurl', 'PROXY p1:80', 'DIRECT'],)";
     });
     (void)!write(ports_out, &ports, sizeof ports);
     char end;

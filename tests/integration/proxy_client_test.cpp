@@ -19,10 +19,10 @@ char *writable(const char *text)
 
 TEST_F(ProxyTest, IsMadeOnceWithTheConfigurationOfTheService)
 {
-    const std::pair<Texts, const char *> cases[] = {
-        {{"MANUAL", "p:8080", "", "y", "u", ""}, "1 y p:8080 NULL u NULL"},
-        {{"pacurl", "", "http://pac/", "Y", "", "x"}, "2 n NULL http://pac/ NULL x"},
-        {{"other", "", "", "", "", ""}, "0 n NULL NULL NULL NULL"},
+    const std::pair<const char *, const char *> cases[] = {
+        {"('MANUAL', 'p:8080', '', 'y', 'u', '')", "1 y p:8080 NULL u NULL"},
+        {"('pacurl', '', 'http://pac/', 'Y', '', 'x')", "2 n NULL http://pac/ NULL x"},
+        {"('other', '', '', '', '', '')", "0 n NULL NULL NULL NULL"},
     };
     for (const auto &[config, expected] : cases) {
         ScriptedService service(config);
@@ -51,12 +51,12 @@ TEST_F(ProxyTest, WithoutServiceThereIsNoClient)
 
 TEST_F(RunningClient, FollowsConfigurationSignals)
 {
-    const std::tuple<Arguments, const char *, const char *> cases[] = {
-        {{"Manual", "p:1", "u", "secret"}, "1 y p:1 NULL u secret", "1 p:1 u/secret"},
-        {{"manual", "", "u", ""}, "1 y NULL NULL u NULL", "1 NULL u/NULL"},
-        {{"off", "", "", ""}, "0 y NULL NULL NULL NULL", "0"},
-        {{"pacurl", "p:2", "u", "y"}, "2 y NULL NULL NULL NULL", USUAL_ANSWER},
-        {{"nonsense", "", "", "", "further", int32_t{1}}, "0 y NULL NULL NULL NULL", "0"},
+    const std::tuple<const char *, const char *, const char *> cases[] = {
+        {"('Manual', 'p:1', 'u', 'secret')", "1 y p:1 NULL u secret", "1 p:1 u/secret"},
+        {"('manual', '', 'u', '')", "1 y NULL NULL u NULL", "1 NULL u/NULL"},
+        {"('off', '', '', '')", "0 y NULL NULL NULL NULL", "0"},
+        {"('pacurl', 'p:2', 'u', 'y')", "2 y NULL NULL NULL NULL", USUAL_ANSWER},
+        {"('nonsense', '', '', '', 'further', 1)", "0 y NULL NULL NULL NULL", "0"},
     };
     int host = 0;
     for (const auto &[signal, config, answer] : cases) {
@@ -73,16 +73,16 @@ TEST_F(RunningClient, FollowsConfigurationSignals)
 
 TEST_F(RunningClient, SendsConfigurations)
 {
-    service->answer("updateProxyconfig", {int32_t{42}});
-    const std::pair<ProxyManagerConfig, Arguments> cases[] = {
+    service->answer("updateProxyconfig", "(42,)");
+    const std::pair<ProxyManagerConfig, const char *> cases[] = {
         {{1, writable("https://p:1"), nullptr, true, writable("u"), writable("secret")},
-         {"manual", "p:1", "", true, "u", "secret"}},
-        {{1, writable("p:1"), nullptr, false, nullptr, nullptr}, {"manual", "p:1", "", false, "", ""}},
+         "('manual', 'p:1', '', true, 'u', 'secret')"},
+        {{1, writable("p:1"), nullptr, false, nullptr, nullptr}, "('manual', 'p:1', '', false, '', '')"},
         {{1, writable("12345x://http:"), nullptr, false, nullptr, nullptr},
-         {"manual", "//http:", "", false, "", ""}},
+         "('manual', '//http:', '', false, '', '')"},
         {{2, writable("http://p:1"), writable("http://pac/"), false, nullptr, nullptr},
-         {"pacurl", "", "http://pac/", false, "", ""}},
-        {{9, nullptr, nullptr, false, nullptr, nullptr}, {"off", "", "", false, "", ""}},
+         "('pacurl', '', 'http://pac/', false, '', '')"},
+        {{9, nullptr, nullptr, false, nullptr, nullptr}, "('off', '', '', false, '', '')"},
     };
     for (const auto &[config, sent] : cases) {
         EXPECT_EQ(update_proxy_config(config), 42);
@@ -98,16 +98,16 @@ TEST_F(RunningClient, SendsConfigurations)
 TEST_F(RunningClient, KeepsTheAnswersOfTheServicePerHost)
 {
     EXPECT_EQ(toText(get_proxy_url("http://a:80/x")), USUAL_ANSWER);
-    EXPECT_EQ(service->lastArguments(), Arguments{"http://a:80/x"});
+    EXPECT_EQ(service->lastArguments(), "('http://a:80/x',)");
     EXPECT_EQ(toText(get_proxy_url("other://a")), USUAL_ANSWER);
     EXPECT_EQ(service->calls("getProxyurl"), 1);
     EXPECT_EQ(toText(get_proxy_url(nullptr)), "0");
 
-    const std::tuple<Arguments, const char *, const char *> odd[] = {
-        {{Texts{}}, "http://empty/", "0"},
-        {{Texts{"off"}}, "http://mode/", "0"},
-        {{Texts{"wpad", "", "DIRECT"}}, "http://list/", "3 NULL, DIRECT"},
-        {{"pacurl"}, "http://wrong/", "0"},
+    const std::tuple<const char *, const char *, const char *> odd[] = {
+        {"(@as [],)", "http://empty/", "0"},
+        {"(['off'],)", "http://mode/", "0"},
+        {"(['wpad', '', 'DIRECT'],)", "http://list/", "3 NULL, DIRECT"},
+        {"('pacurl',)", "http://wrong/", "0"},
     };
     for (const auto &[reply, url, answer] : odd) {
         service->answer("getProxyurl", reply);
@@ -117,8 +117,8 @@ TEST_F(RunningClient, KeepsTheAnswersOfTheServicePerHost)
         EXPECT_EQ(service->calls("getProxyurl"), calls + 1) << "not kept: " << url;
     }
 
-    service->answer("getProxyurl", {Texts{"pacurl", "DIRECT"}});
-    emit("notifyClearcache", {});
+    service->answer("getProxyurl", "(['pacurl', 'DIRECT'],)");
+    emit("notifyClearcache");
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 DIRECT");
     for (int i = 0; i < 50; i++)
         get_proxy_url(("http://host" + std::to_string(i)).c_str());
@@ -143,11 +143,11 @@ TEST_F(RunningClient, TellsEventsByTheirRules)
     for (const auto &[steps, told] : cases) {
         for (const std::string &step : steps) {
             if (step == "c")
-                emit("notifyProxyConfigupdated", {"off", "", "", ""});
+                emit("notifyProxyConfigupdated", "('off', '', '', '')");
             else if (step[0] == 'r')
                 set_proxy_manager_event_cb(std::stoi(step.substr(1)), Events::callback);
             else
-                emit("ProxyMgrStateEvent", {std::stoi(step)});
+                emit("ProxyMgrStateEvent", "(" + step + ",)");
             set_proxy_manager_event_cb(2, nullptr);
         }
         EXPECT_EQ(Events::take(told.size()), told) << testing::PrintToString(steps);

@@ -6,10 +6,12 @@
 #include <ctime>
 #include <future>
 
+#include <dbus/dbus.h>
 #include <dlfcn.h>
 #include <sys/time.h>
 
 using namespace test;
+using namespace std::string_literals;
 
 namespace
 {
@@ -73,16 +75,14 @@ TEST_F(RunningClient, FailsAloneTheCallWithTextThatCannotBeSent)
 
 TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
 {
-    const Texts six = {"manual", "p:1", "", "y", "", ""};
-    const Arguments nothing, text = {"text"}, texts(six.begin(), six.end()), number = {int32_t{1}},
-                             flag = {true}, empty = {Texts{}}, list = {six},
-                             three = {Structure{{"manual", "p:1", ""}}};
-    for (const Arguments &shape : {nothing, text, texts, number, flag, empty, list, three}) {
+    const std::string number = "(1,)", flag = "(true,)", list = "(['manual', 'p:1', '', 'y', '', ''],)";
+    for (const std::string &shape : {number, flag, list, "()"s, "('text',)"s, "(@as [],)"s,
+                                     "('manual', 'p:1', '', 'y', '', '')"s, "(('manual', 'p:1', ''),)"s}) {
         ScriptedService service;
         service.answer("getProxyconfig", shape);
         ASSERT_EQ(create_proxy_manager_client(), 1);
         EXPECT_EQ(configText(), "0 n NULL NULL NULL NULL");
-        service.emit("notifyProxyConfigupdated", {"pacurl", "", "", ""});
+        service.emit("notifyProxyConfigupdated", "('pacurl', '', '', '')");
         EXPECT_TRUE(check_service_started());
         for (const char *member : {"getProxyurl", "updateProxyconfig", "checkServicestarted"})
             service.answer(member, shape);
@@ -102,19 +102,19 @@ TEST_F(ProxyTest, TakesRepliesOfTheWrongShapeForErrors)
 TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
 {
     const std::string prefix = "<3> ProxyManagerClientImpl-";
-    const std::pair<std::string, Arguments> bad[] = {
-        {"notifyProxyConfigupdated", {}},
-        {"notifyProxyConfigupdated", {"manual", "p", "u", int32_t{1}}},
-        {"ProxyMgrStateEvent", {}},
-        {"ProxyMgrStateEvent", {"1"}},
-        {"ProxyMgrStateEvent", {true}}};
+    const std::pair<std::string, const char *> bad[] = {
+        {"notifyProxyConfigupdated", "()"},
+        {"notifyProxyConfigupdated", "('manual', 'p', 'u', 1)"},
+        {"ProxyMgrStateEvent", "()"},
+        {"ProxyMgrStateEvent", "('1',)"},
+        {"ProxyMgrStateEvent", "(true,)"}};
     for (const auto &[member, arguments] : bad) {
         log_capture::record();
         emit(member, arguments);
         EXPECT_TRUE(log_capture::contains(prefix + member + " signal dropped: type mismatch"));
     }
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
-    emit("notifyClearcache", {"further"});
+    emit("notifyClearcache", "('further',)");
     EXPECT_TRUE(log_capture::contains("<6> ProxyManagerClientImpl-notifyClearcache called "));
 
     set_proxy_manager_event_cb(5, [](ProxyMgrEventType) { throw std::runtime_error("oops"); });
@@ -122,8 +122,8 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
     set_proxy_manager_event_cb(7, [](ProxyMgrEventType) {
         Events::callback(cleanup_proxy_manager_client()); // refused, instead of waiting for its own thread
     });
-    for (int32_t type : {5, 6, 7})
-        emit("ProxyMgrStateEvent", {type, "further"});
+    for (const char *arguments : {"(5, 'further')", "(6, 'further')", "(7, 'further')"})
+        emit("ProxyMgrStateEvent", arguments);
     const std::string thrown = prefix + "ProxyMgrStateEvent the callback of event type:";
     EXPECT_TRUE(log_capture::contains(thrown + "5 has thrown: oops"));
     EXPECT_TRUE(log_capture::contains(thrown + "6 has thrown: unknown error"));
@@ -138,32 +138,26 @@ TEST_F(ProxyTest, HearsTheOwnerOfTheNameOnly)
     set_proxy_manager_event_cb(0, Events::callback);
     BusPeer forger;
     const auto forge = [&] {
-        forger.run([&](DBusConnection *connection) { // an owner that the bus has not announced
-            DBusMessage *change =
-                dbus_message_new_signal(DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "NameOwnerChanged");
-            const char *name = SERVICE_NAME, *former = "", *owner = dbus_bus_get_unique_name(connection);
-            dbus_message_append_args(change, DBUS_TYPE_STRING, &name, DBUS_TYPE_STRING, &former,
-                                     DBUS_TYPE_STRING, &owner, DBUS_TYPE_INVALID);
-            dbus_message_set_destination(change, client.c_str());
-            BusPeer::send(connection, change);
-        });
-        forger.emit("ProxyMgrStateEvent", {int32_t{1}});
-        forger.emit("ProxyMgrStateEvent", {int32_t{1}}, client);
-        forger.emit("notifyProxyConfigupdated", {"off", "", "", ""}, client);
+        // An owner that the bus has not announced.
+        const std::string change = std::string("('") + SERVICE_NAME + "', '', '" + forger.uniqueName() + "')";
+        forger.emit("NameOwnerChanged", change, client, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS);
+        forger.emit("ProxyMgrStateEvent", "(1,)");
+        forger.emit("ProxyMgrStateEvent", "(1,)", client);
+        forger.emit("notifyProxyConfigupdated", "('off', '', '', '')", client);
         forger.sync();
     };
     forge();
-    service.emit("ProxyMgrStateEvent", {int32_t{2}}, client);
+    service.emit("ProxyMgrStateEvent", "(2,)", client);
     EXPECT_EQ(Events::take(1), std::vector<int>{2});
 
     // The service gives its name up, and another connection takes it.
     ScriptedService successor;
-    service.emit("ProxyMgrStateEvent", {int32_t{3}});
-    service.run([](DBusConnection *connection) { dbus_bus_release_name(connection, SERVICE_NAME, nullptr); });
-    service.emit("ProxyMgrStateEvent", {int32_t{4}});
+    service.emitState(3);
+    service.callBus("ReleaseName", std::string("('") + SERVICE_NAME + "',)");
+    service.emitState(4);
     service.sync();
     forge();
-    successor.emit("ProxyMgrStateEvent", {int32_t{5}});
+    successor.emitState(5);
     EXPECT_EQ(Events::take(2), (std::vector<int>{3, 5}));
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
 }
@@ -177,12 +171,12 @@ TEST_F(RunningClient, StallsNobodyWhileTheServiceIsSlow)
     set_proxy_manager_event_cb(2, Events::callback);
     const auto start = Clock::now();
     for (int i = 0; i < 100; i++) {
-        emit("notifyProxyConfigupdated", {"wpad", "", "", ""});
+        emit("notifyProxyConfigupdated", "('wpad', '', '', '')");
         EXPECT_EQ(Events::take(0), std::vector<int>{2}) << "handled before the reply behind it";
         EXPECT_EQ(toText(get_proxy_url("http://kept/")), USUAL_ANSWER);
     }
     EXPECT_LT(secondsSince(start), 10);
-    service->answerHeld({Texts{"wpad", "DIRECT"}});
+    service->answerHeld("(['wpad', 'DIRECT'],)");
     EXPECT_EQ(slow.get(), "3 DIRECT");
 }
 
@@ -208,7 +202,7 @@ TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
     second.get();
     EXPECT_LT(std::clock() - cpu, 5 * CLOCKS_PER_SEC) << "the thread is idle";
     wallClockJumped = false;
-    service->answerHeld({Texts{"pacurl", "DIRECT"}}); // too late for both
+    service->answerHeld("(['pacurl', 'DIRECT'],)"); // too late for both
     EXPECT_TRUE(check_service_started());
     EXPECT_EQ(toText(get_proxy_url("http://a/")), "0");
 }
@@ -249,13 +243,12 @@ TEST_F(RunningClient, ServesEightThreadsInAStormOfSignals)
 {
     std::atomic<bool> stop{false};
     std::thread storm([&] {
-        for (int32_t i = 0; !stop; i++) {
+        for (int i = 0; !stop; i++) {
             service->emit("notifyClearcache");
-            service->emit("ProxyMgrStateEvent", {i});
-            service->emit("notifyProxyConfigupdated", {"pacurl", "", "", ""});
+            service->emitState(i);
+            service->emit("notifyProxyConfigupdated", "('pacurl', '', '', '')");
         }
     });
-    service->answer("updateProxyconfig", {int32_t{0}});
     std::vector<std::thread> threads;
     for (int i = 1; i <= 8; i++) {
         threads.emplace_back([i] {
@@ -291,8 +284,8 @@ TEST_F(RunningClient, ServesEightThreadsInAStormOfSignals)
         }));
     }
     service->waitForCalls("getProxyurl", calls + 2);
-    service->answerHeld({Texts{"pacurl", "PROXY p2:1"}});
-    emit("notifyClearcache", {});
+    service->answerHeld("(['pacurl', 'PROXY p2:1'],)");
+    emit("notifyClearcache");
     cleared.set_value();
     for (auto &caller : callers)
         EXPECT_EQ(caller.get(), "2 PROXY p2:1");

@@ -74,12 +74,12 @@ TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
     set_proxy_manager_event_cb(0, Events::callback);
     const std::string name = dbus_conn->unique_name();
     EXPECT_EQ(cleanup_without_conn(), 1);
-    service->emit("ProxyMgrStateEvent", {int32_t{1}}, name); // for nobody
-    service->sync();                                         // the bus has passed it on by now
+    service->emit("ProxyMgrStateEvent", "(1,)", name); // for nobody
+    service->sync();                                   // the bus has passed it on by now
     ASSERT_EQ(create_proxy_manager_client(), 1);
     EXPECT_EQ(dbus_conn->unique_name(), name);
     set_proxy_manager_event_cb(0, Events::callback);
-    service->emit("ProxyMgrStateEvent", {int32_t{2}});
+    service->emitState(2);
     EXPECT_EQ(Events::take(1), std::vector<int>{2});
 
     // A failed create keeps the connection as well; one that is dead by then is replaced.
@@ -96,7 +96,7 @@ TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
     service = std::make_unique<ScriptedService>();
     ASSERT_EQ(create_proxy_manager_client(), 1);
     set_proxy_manager_event_cb(0, Events::callback);
-    service->emit("ProxyMgrStateEvent", {int32_t{3}});
+    service->emitState(3);
     EXPECT_EQ(Events::take(1), std::vector<int>{3});
     EXPECT_EQ(cleanup_proxy_manager_client(), 1);
     EXPECT_EQ(dbus_conn, nullptr);
@@ -114,7 +114,7 @@ TEST_F(ProxyTest, AProgramMayBringItsOwnConnection)
         set_proxy_manager_event_cb(0, Events::callback);
         std::thread loop([] { dbusLoopFunc(nullptr); });
         for (int i = 0; i < 20; i++) {
-            service.emit("ProxyMgrStateEvent", {i});
+            service.emitState(i);
             EXPECT_TRUE(check_service_started());
             EXPECT_EQ(Events::take(1), std::vector<int>{i});
         }
@@ -132,7 +132,7 @@ TEST_F(ProxyTest, ProcessesEndWell)
     std::atomic<bool> stop{false};
     std::thread sender([&] {
         while (!stop)
-            service.emit("ProxyMgrStateEvent", {int32_t{9}});
+            service.emitState(9);
     });
     for (int i = 0; i < 25; i++) {
         EXPECT_EQ(outcome("exit"), "");

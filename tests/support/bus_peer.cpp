@@ -4,156 +4,89 @@
 
 #include <stdexcept>
 
-#include <poll.h>
-#include <sys/eventfd.h>
-
 namespace test
 {
 
 namespace
 {
 
-struct Appender {
-    DBusMessageIter to;
-
-    void basic(int type, const void *value) { dbus_message_iter_append_basic(&to, type, value); }
-    void container(int type, const char *signature, const Texts &texts)
-    {
-        Appender inner{};
-        dbus_message_iter_open_container(&to, type, signature, &inner.to);
-        for (const std::string &text : texts)
-            inner(text);
-        dbus_message_iter_close_container(&to, &inner.to);
-    }
-    void operator()(const std::string &text)
-    {
-        const char *chars = text.c_str();
-        basic(DBUS_TYPE_STRING, &chars);
-    }
-    void operator()(int32_t number) { basic(DBUS_TYPE_INT32, &number); }
-    void operator()(bool flag)
-    {
-        const dbus_bool_t value = flag;
-        basic(DBUS_TYPE_BOOLEAN, &value);
-    }
-    void operator()(const Texts &texts) { container(DBUS_TYPE_ARRAY, "s", texts); }
-    void operator()(const Structure &structure) { container(DBUS_TYPE_STRUCT, nullptr, structure); }
-};
-
-DBusMessage *append(DBusMessage *message, const Arguments &arguments)
+GVariant *parse(const std::string &text) // the caller's next call owns it
 {
-    Appender appender{};
-    dbus_message_iter_init_append(message, &appender.to);
-    for (const Argument &argument : arguments)
-        std::visit(appender, argument);
-    return message;
+    return g_variant_new_parsed(text.c_str());
 }
 
-// The strings and booleans of a call.
-Arguments readArguments(DBusMessage *message)
+std::string print(GVariant *arguments)
 {
-    Arguments arguments;
-    DBusMessageIter from;
-    for (bool more = dbus_message_iter_init(message, &from); more; more = dbus_message_iter_next(&from)) {
-        DBusBasicValue value;
-        dbus_message_iter_get_basic(&from, &value);
-        if (dbus_message_iter_get_arg_type(&from) == DBUS_TYPE_STRING)
-            arguments.emplace_back(std::string(value.str));
-        else
-            arguments.emplace_back(value.bool_val != 0);
-    }
-    return arguments;
+    char *const text = arguments ? g_variant_print(arguments, FALSE) : g_strdup("()");
+    std::string printed = text;
+    g_free(text);
+    return printed;
+}
+
+template <typename Object>
+Object *there(Object *object)
+{
+    return object ? object : throw std::runtime_error("no answer from the private bus");
 }
 
 } // namespace
 
-BusPeer::BusPeer(const std::string &name) : wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+BusPeer::BusPeer(const std::string &name)
+    : connection_(there(g_dbus_connection_new_for_address_sync(
+          PrivateBus::address().c_str(),
+          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+          nullptr, nullptr, nullptr))),
+      filter_(g_dbus_connection_add_filter(connection_, filter, this, nullptr))
 {
-    connection_ = dbus_connection_open_private(PrivateBus::address().c_str(), nullptr);
-    if (!connection_ || !dbus_bus_register(connection_, nullptr))
-        throw std::runtime_error("no connection to the private bus");
-    dbus_connection_set_exit_on_disconnect(connection_, false);
     if (!name.empty())
-        dbus_bus_request_name(connection_, name.c_str(), 0, nullptr);
-    thread_ = std::thread([this] { loop(); });
+        callBus("RequestName", "('" + name + "', uint32 0)");
 }
 
 BusPeer::~BusPeer()
 {
-    run([this](DBusConnection *) { stop_ = true; });
-    thread_.join();
-    for (DBusMessage *call : held_)
-        dbus_message_unref(call);
-    dbus_connection_close(connection_);
-    dbus_connection_unref(connection_);
+    g_dbus_connection_remove_filter(connection_, filter_);
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr); // on the thread that runs the filter
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (GDBusMessage *call : held_)
+        g_object_unref(call);
+    g_object_unref(connection_);
 }
 
-void BusPeer::loop()
+GDBusMessage *BusPeer::filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, void *peer)
 {
-    int socket = -1;
-    dbus_connection_get_unix_fd(connection_, &socket);
-    while (true) {
-        dbus_connection_read_write(connection_, 0);
-        while (DBusMessage *message = dbus_connection_pop_message(connection_)) {
-            handle(message);
-            dbus_message_unref(message);
-        }
-        std::deque<std::function<void()>> tasks;
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            tasks.swap(tasks_);
-        }
-        for (const auto &task : tasks)
-            task();
-        if (stop_)
-            return;
-        if (!dbus_connection_get_is_connected(connection_))
-            socket = -1;
-        pollfd waits[] = {{wake_.get(), POLLIN, 0}, {socket, POLLIN, 0}};
-        poll(waits, 2, -1);
-        eventfd_t count;
-        eventfd_read(wake_.get(), &count);
-    }
+    if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL)
+        return message;
+    static_cast<BusPeer *>(peer)->handle(message);
+    g_object_unref(message);
+    return nullptr;
 }
 
-void BusPeer::run(const std::function<void(DBusConnection *)> &task)
+void BusPeer::handle(GDBusMessage *call)
 {
-    bool done = false;
-    std::unique_lock<std::mutex> lock(mutex_);
-    tasks_.push_back([&] {
-        task(connection_);
-        const std::lock_guard<std::mutex> inner(mutex_);
-        done = true;
-        changed_.notify_all();
-    });
-    eventfd_write(wake_.get(), 1);
-    changed_.wait(lock, [&] { return done; });
-}
-
-void BusPeer::handle(DBusMessage *message)
-{
-    if (dbus_message_get_type(message) != DBUS_MESSAGE_TYPE_METHOD_CALL)
-        return;
-    const std::string member = dbus_message_get_member(message);
-    Answer answer;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        calls_[member]++;
-        lastArguments_ = readArguments(message);
-        answer = answers_[member];
-    }
-    DBusMessage *reply =
-        answer ? answer(message) : dbus_message_new_error(message, DBUS_ERROR_UNKNOWN_METHOD, "");
-    if (reply)
-        send(connection_, reply);
+    const std::string member = g_dbus_message_get_member(call);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    calls_[member]++;
+    lastArguments_ = print(g_dbus_message_get_body(call));
+    const Answer &answer = answers_[member];
+    const std::string text = answer ? answer(lastArguments_) : "";
+    if (!answer || !text.empty())
+        reply(call, text);
+    else
+        held_.push_back(G_DBUS_MESSAGE(g_object_ref(call)));
     changed_.notify_all();
 }
 
-void BusPeer::send(DBusConnection *connection, DBusMessage *message)
+void BusPeer::reply(GDBusMessage *call, const std::string &arguments)
 {
-    dbus_connection_send(connection, message, nullptr);
-    dbus_connection_flush(connection);
-    dbus_message_unref(message);
+    GDBusMessage *reply =
+        arguments.empty()
+            ? g_dbus_message_new_method_error_literal(call, "org.freedesktop.DBus.Error.UnknownMethod", "")
+            : g_dbus_message_new_method_reply(call);
+    if (!arguments.empty())
+        g_dbus_message_set_body(reply, parse(arguments));
+    g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    g_object_unref(reply);
 }
 
 void BusPeer::script(const std::string &member, Answer answer)
@@ -162,28 +95,18 @@ void BusPeer::script(const std::string &member, Answer answer)
     answers_[member] = std::move(answer);
 }
 
-void BusPeer::answer(const std::string &member, const Arguments &arguments)
+void BusPeer::answer(const std::string &member, const std::string &reply)
 {
-    script(member, [arguments](DBusMessage *call) { return makeReply(call, arguments); });
+    script(member, [reply](const std::string &) { return reply; });
 }
 
-void BusPeer::hold(const std::string &member)
+void BusPeer::answerHeld(const std::string &arguments)
 {
-    script(member, [this](DBusMessage *call) -> DBusMessage * {
-        held_.push_back(dbus_message_ref(call));
-        return nullptr;
-    });
-}
-
-void BusPeer::answerHeld(const Arguments &arguments)
-{
-    run([&](DBusConnection *connection) {
-        for (DBusMessage *call : held_) {
-            send(connection, makeReply(call, arguments));
-            dbus_message_unref(call);
-        }
-        held_.clear();
-    });
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (GDBusMessage *call : std::exchange(held_, {})) {
+        reply(call, arguments);
+        g_object_unref(call);
+    }
 }
 
 void BusPeer::waitForCalls(const std::string &member, int count)
@@ -199,38 +122,33 @@ int BusPeer::calls(const std::string &member)
     return calls_[member];
 }
 
-Arguments BusPeer::lastArguments()
+std::string BusPeer::lastArguments()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     return lastArguments_;
 }
 
-DBusMessage *BusPeer::makeReply(DBusMessage *call, const Arguments &arguments)
+void BusPeer::emit(const std::string &member, const std::string &arguments, const std::string &destination,
+                   const char *path, const char *interface)
 {
-    return append(dbus_message_new_method_return(call), arguments);
+    g_dbus_connection_emit_signal(connection_, destination.empty() ? nullptr : destination.c_str(), path,
+                                  interface, member.c_str(), parse(arguments), nullptr);
+    g_dbus_connection_flush_sync(connection_, nullptr, nullptr);
 }
 
-void BusPeer::emit(const std::string &member, const Arguments &arguments, const std::string &destination)
+void BusPeer::callBus(const std::string &member, const std::string &arguments)
 {
-    run([&](DBusConnection *connection) {
-        DBusMessage *signal = dbus_message_new_signal(SERVICE_PATH, SERVICE_INTERFACE, member.c_str());
-        if (!destination.empty())
-            dbus_message_set_destination(signal, destination.c_str());
-        send(connection, append(signal, arguments));
-    });
+    g_variant_unref(there(g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", member.c_str(),
+        parse(arguments), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr)));
 }
 
-void BusPeer::sync()
+ScriptedService::ScriptedService(const std::string &config) : BusPeer(SERVICE_NAME)
 {
-    run([](DBusConnection *connection) { dbus_bus_name_has_owner(connection, SERVICE_NAME, nullptr); });
-}
-
-ScriptedService::ScriptedService(const Texts &config) : BusPeer(SERVICE_NAME)
-{
-    answer("getProxyconfig", {Structure{config}});
-    answer("checkServicestarted", {true});
-    answer("updateProxyconfig", {int32_t{0}});
-    answer("getProxyurl", {Texts{"pacurl", "PROXY p1:80", "DIRECT"}});
+    answer("getProxyconfig", "(" + config + ",)");
+    answer("checkServicestarted", "(true,)");
+    answer("updateProxyconfig", "(0,)");
+    answer("getProxyurl", "(['pacurl', 'PROXY p1:80', 'DIRECT'],)");
 }
 
 } // namespace test

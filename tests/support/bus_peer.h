@@ -1,81 +1,67 @@
-// Peers on the private bus that can answer wrongly, late, or not at all. Written with plain libdbus, so that
-// they share nothing with the library under test.
+// Peers on the private bus that can answer wrongly, late, or not at all. They speak D-Bus through GDBus, so that they
+// share nothing with the library under test; arguments are GVariant texts, such as "('text', 1, true, ['a', 'b'])".
 #ifndef TESTS_BUS_PEER_H
 #define TESTS_BUS_PEER_H
 
 #include "bus.h"
 
 #include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <thread>
-#include <variant>
 
-#include <dbus/dbus.h>
+#include <gio/gio.h>
 
 namespace test
 {
 
-// One argument of a message: s, i, b, as, and a structure of strings.
-using Texts = std::vector<std::string>;
-struct Structure : Texts {
-};
-using Argument = std::variant<std::string, int32_t, bool, Texts, Structure>;
-using Arguments = std::vector<Argument>;
-
-// A connection of its own, with a thread that runs it.
 class BusPeer
 {
 public:
     explicit BusPeer(const std::string &name = "");
     ~BusPeer();
+    BusPeer(const BusPeer &) = delete;
+    BusPeer &operator=(const BusPeer &) = delete;
 
-    // What to do with the calls of a member: reply with arguments, keep them until answerHeld, or anything
-    // else, on the peer's thread; NULL is no reply.
-    using Answer = std::function<DBusMessage *(DBusMessage *call)>;
+    // The reply to calls of a member from their arguments, made on GDBus's thread; "" keeps the calls until
+    // answerHeld, and members without a script are answered with an error.
+    using Answer = std::function<std::string(const std::string &arguments)>;
     void script(const std::string &member, Answer answer);
-    void answer(const std::string &member, const Arguments &arguments);
-    void hold(const std::string &member);
-    void answerHeld(const Arguments &arguments);
+    void answer(const std::string &member, const std::string &reply);
+    void hold(const std::string &member) { answer(member, ""); }
+    void answerHeld(const std::string &reply);
 
     int calls(const std::string &member);
     void waitForCalls(const std::string &member, int count); // since the peer was made
-    Arguments lastArguments();
+    std::string lastArguments();
 
-    void emit(const std::string &member, const Arguments &arguments = {},
-              const std::string &destination = "");
-    void sync(); // all that this peer has sent is with the bus when it returns
-    void
-    run(const std::function<void(DBusConnection *)> &task); // on the peer's thread; returns when it is done
-
-    static DBusMessage *makeReply(DBusMessage *call, const Arguments &arguments);
-    static void send(DBusConnection *connection, DBusMessage *message); // takes the message
+    void emit(const std::string &member, const std::string &arguments = "()",
+              const std::string &destination = "", const char *path = SERVICE_PATH,
+              const char *interface = SERVICE_INTERFACE);
+    // Calls the bus itself, which then has all that this peer has sent.
+    void callBus(const std::string &member, const std::string &arguments = "()");
+    void sync() { callBus("GetId"); }
+    std::string uniqueName() const { return g_dbus_connection_get_unique_name(connection_); }
 
 private:
-    void loop();
-    void handle(DBusMessage *message);
+    static GDBusMessage *filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, void *peer);
+    void handle(GDBusMessage *call);
+    void reply(GDBusMessage *call, const std::string &arguments);
 
-    DBusConnection *connection_;
-    Descriptor wake_;
-    std::mutex mutex_;
+    GDBusConnection *connection_;
+    guint filter_;
+    std::mutex mutex_; // guards the rest
     std::condition_variable changed_;
     std::map<std::string, Answer> answers_;
     std::map<std::string, int> calls_;
-    Arguments lastArguments_;
-    std::vector<DBusMessage *> held_;
-    std::deque<std::function<void()>> tasks_;
-    bool stop_ = false;
-    std::thread thread_;
+    std::string lastArguments_;
+    std::vector<GDBusMessage *> held_;
 };
 
 // The service in mode pacurl, answering each URL with one proxy and DIRECT.
-class ScriptedService : public BusPeer
-{
-public:
-    explicit ScriptedService(const Texts &config = {"pacurl", "", "http://pac/", "n", "", ""});
+struct ScriptedService : BusPeer {
+    explicit ScriptedService(const std::string &config = "('pacurl', '', 'http://pac/', 'n', '', '')");
+    void emitState(int type) { emit("ProxyMgrStateEvent", "(" + std::to_string(type) + ",)"); }
 };
 
 } // namespace test

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include <dbus-c++/dbus.h>
@@ -64,10 +65,10 @@ protected:
     RunningClient() { EXPECT_EQ(create_proxy_manager_client(), 1); }
 
     // Sends a signal, and waits until the client has handled all that the service has sent so far.
-    void emit(const std::string &member, const Arguments &arguments)
+    void emit(const std::string &member, const std::string &arguments = "()")
     {
         service->emit(member, arguments);
-        service->answer("checkServicestarted", {true});
+        service->answer("checkServicestarted", "(true,)");
         EXPECT_TRUE(check_service_started());
     }
 

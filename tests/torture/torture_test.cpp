@@ -85,8 +85,7 @@ TEST(Torture, Connection)
 {
     const PrivateBus bus;
     ScriptedService service;
-    const std::string proxy = "PROXY 127.0.0.1:1";
-    service.answer("getProxyurl", {Texts{"pacurl", proxy, proxy, "DIRECT"}});
+    service.answer("getProxyurl", "(['pacurl', 'PROXY 127.0.0.1:1', 'PROXY 127.0.0.1:1', 'DIRECT'],)");
     for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
         Link link(version);
         link.start();
@@ -112,7 +111,7 @@ bool use_proxy_manager(ScriptedService &service)
         const char *last = answer.proxyUrlCount == 2 ? answer.proxyUrlList[1] : nullptr;
         complete = complete && last && strcmp(last, "DIRECT") == 0;
     }
-    service.emit("notifyProxyConfigupdated", {"manual", "p:1", "user", "password"});
+    service.emit("notifyProxyConfigupdated", "('manual', 'p:1', 'user', 'password')");
     service.emit("notifyClearcache");
     complete = in_library(check_service_started) && complete;
     ProxyManagerConfig config = in_library(get_http_proxy_config);
