@@ -23,6 +23,7 @@
 #include <thread>
 
 #include <malloc.h>
+#include <sysexits.h>
 
 namespace
 {
@@ -218,7 +219,7 @@ private:
     // Changes the configuration, from here or from another process. The client must know of it afterwards.
     void configure(unsigned number)
     {
-        const auto mode = static_cast<ProxyMode>(number % 5 % 4);
+        const auto mode = static_cast<ProxyMode>(number / 3 % 5 % 4);
         std::string proxy = mode == PROXY_MODE_MANUAL ? a_.address() : "";
         std::string pac = mode == PROXY_MODE_PACURL ? folder_.path("pac1") : "";
         std::string user = mode == PROXY_MODE_MANUAL ? "device" : "";
@@ -246,19 +247,31 @@ private:
         count("clean up client", {1}, cleanup_proxy_manager_client);
         closed_connections_++;
     }
-    void renew_client(bool without_manager)
+    void renew_client(const std::function<void()> &meanwhile = [] {})
     {
         const std::lock_guard<std::mutex> turnstile(turnstile_);
         const std::lock_guard<std::shared_mutex> alone(renewal_);
         clean_up_client();
-        if (without_manager) {
-            create_client(false);
-            start_manager();
-        }
+        meanwhile();
         create_client();
     }
+    void bring_manager()
+    {
+        create_client(false);
+        start_manager();
+    }
+    int kill_bus()
+    {
+        bus_.kill();
+        return manager_->end();
+    }
+    void bring_bus()
+    {
+        bus_.start();
+        start_manager();
+    }
 
-    // One disturbance after the other; after all eight the peers are up.
+    // One disturbance after the other; after all ten the peers are up.
     void disturb(unsigned number)
     {
         const std::function<void()> disturbances[] = {
@@ -266,12 +279,14 @@ private:
             [&] { count("kill a proxy", {-SIGKILL}, [&] { return a_.die(); }); },
             [&] { configure(number); },
             [&] { a_.start(); },
-            [&] { renew_client(false); },
+            [&] { renew_client(); },
             [&] { configure(number); },
             [&] { count("stop the service", {0}, [&] { return manager_->end(SIGTERM); }); },
-            [&] { number % 16 == 7 ? start_manager() : renew_client(true); },
+            [&] { number % 20 == 7 ? start_manager() : renew_client([&] { bring_manager(); }); },
+            [&] { count("kill the bus", {EX_UNAVAILABLE}, [&] { return kill_bus(); }); },
+            [&] { renew_client([&] { bring_bus(); }); },
         };
-        disturbances[number % 8]();
+        disturbances[number % 10]();
     }
     void print_line(Clock::duration passed)
     {
@@ -295,7 +310,7 @@ private:
             threads.emplace_back(i < 4 ? &Soak::exchange_messages : &Soak::ask_for_proxies, this, i);
         const auto start = Clock::now();
         auto line = start + LINE_EVERY;
-        for (unsigned number = 0; Clock::now() < start + time || number % 8 != 0; number++) {
+        for (unsigned number = 0; Clock::now() < start + time || number % 10 != 0; number++) {
             alarm(PATIENCE_SECONDS); // ends the program when a thread is stuck
             disturb(number);
             std::this_thread::sleep_for(500ms);
