@@ -106,7 +106,7 @@ TEST_F(ProxyManager, AsksThePacScript)
         {"http://endless/", "'DIRECT'"},
     };
     options_.config = {"pacurl", "", folder_.write("a.pac", SCRIPT), false, "", ""};
-    options_.script_limit = std::chrono::seconds(2);
+    options_.script_limit = std::chrono::seconds(5);
     serve();
     for (const auto &[url, entries] : cases)
         EXPECT_EQ(ask("getProxyurl", {url}), "(['pacurl', " + entries + "],)") << url;
