@@ -61,7 +61,8 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
         if (cycle == 0) // must keep its number, whatever the client closes
             file = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
-    EXPECT_EQ(count(), counted);
+    EXPECT_EQ(count().first, counted.first);
+    EXPECT_LE(count().second, counted.second); // idle threads of GLib end by themselves
     EXPECT_LT(heap_in_use(), heap + size_t{980} * 10000);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)), "/dev/null");
     close(file);
