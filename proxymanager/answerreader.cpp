@@ -12,10 +12,6 @@ namespace
 std::mutex readersMutex; // guards the list, and answers that have left the cache. Taken last.
 AnswerReader *firstReader = nullptr;
 
-// A child that is forked while another thread holds the lock must find it free.
-const int followsForks =
-    pthread_atfork([] { readersMutex.lock(); }, [] { readersMutex.unlock(); }, [] { readersMutex.unlock(); });
-
 // Any of the blocks of a record tells it from all others; NULL when there is none to free.
 const void *identity(const ProxyUrlInformation &record)
 {
@@ -28,6 +24,21 @@ const void *identity(const ProxyUrlInformation &record)
 
 // A thread_local object with a destructor would do, but it ends the process when there is no memory for it.
 const AnswerReader::Key AnswerReader::readerKey;
+
+AnswerReader::Key::Key() : made(pthread_key_create(&key, end) == 0)
+{
+    pthread_atfork(nullptr, nullptr, startAnew);
+}
+
+// A child that was forked has none of the other threads, and finds the lock as they had it. What they read is lost to
+// it.
+void AnswerReader::startAnew()
+{
+    new (&readersMutex) std::mutex;
+    firstReader = nullptr;
+    if (readerKey.made)
+        pthread_setspecific(readerKey.key, nullptr);
+}
 
 AnswerReader *AnswerReader::present()
 {

@@ -36,12 +36,15 @@ private:
     void leave();
 
     struct Key {
+        Key();
         pthread_key_t key{};
-        const bool made = pthread_key_create(&key, end) == 0;
+        const bool made;
     };
+    static void startAnew();
     static const Key readerKey;
 
-    // Guarded by the lock of the cache, and once the answer has left that, by the lock of the readers.
+    // The thread itself changes reading_, under the lock of the cache or that of the readers; giveUp, which looks at
+    // all of them, has both. Once giveUp has set hasLeft_, all three change under the lock of the readers only.
     const void *reading_ = nullptr;
     bool hasLeft_ = false;
     ProxyUrlInformation left_{}; // the answer that has left the cache, with one of its readers

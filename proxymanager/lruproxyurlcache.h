@@ -61,7 +61,7 @@ public:
             valueMap.find(key)->second = value;
             return;
         }
-        // All memory is had before the first change, so that a failure leaves the cache as it was.
+        // All memory is had before anything is evicted; a failure leaves the cache as it was.
         auto node = std::make_unique<ProxyURLCacheNode>(key);
         const auto added = valueMap.emplace(key, value).first;
         try {

@@ -61,7 +61,7 @@ public:
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         for (Slot &slot : slots_) {
-            if (!slot.used && size <= ROOM) {
+            if (!slot.used) {
                 slot.used = true;
                 return slot.bytes;
             }
@@ -608,5 +608,5 @@ void OwningDispatcher::handleReady()
 bool OwningDispatcher::isRegistered(const SocketWatch *watch)
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
-    return std::count(watches_.begin(), watches_.end(), watch) != 0;
+    return std::find(watches_.begin(), watches_.end(), watch) != watches_.end();
 }

@@ -484,15 +484,16 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
         AnswerReader::letGo();
         return result;
     }
+    AnswerReader &reader = AnswerReader::ofThisThread();
     const std::string key = cacheKey(requestUrl);
-    if (findAnswer(requestUrl, key, result))
+    if (findAnswer(requestUrl, key, reader, result))
         return result;
 
     if (mode == PROXY_MODE_MANUAL)
         logManualAnswer(answer.record);
     else if (mode > PROXY_MODE_MANUAL)
         askService(requestUrl, answer.record);
-    return keepAnswer(key, answer);
+    return keepAnswer(key, reader, answer);
 }
 
 // Takes what a manual answer needs, while the configuration cannot change.
@@ -513,7 +514,7 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, ProxyUr
     return mode;
 }
 
-bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::string &key,
+bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::string &key, AnswerReader &reader,
                                         ProxyUrlInformation &result)
 {
     const std::lock_guard<std::mutex> lock(cacheMutex);
@@ -525,7 +526,7 @@ bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::strin
         syslog(LOG_NOTICE, "%s%s get proxy url from cache, index:%d proxy url:%s", CLASS_PREFIX,
                GET_PROXY_URL, i, orEmpty(result.proxyUrlList[i]));
     }
-    AnswerReader::ofThisThread().turnTo(result);
+    reader.turnTo(result);
     return true;
 }
 
@@ -539,9 +540,9 @@ void ProxyManagerClientImpl::askService(const char *requestUrl, ProxyUrlInformat
 }
 
 // Hands an answer over to the cache.
-ProxyUrlInformation ProxyManagerClientImpl::keepAnswer(const std::string &key, ProxyAnswer &answer)
+ProxyUrlInformation ProxyManagerClientImpl::keepAnswer(const std::string &key, AnswerReader &reader,
+                                                       ProxyAnswer &answer)
 {
-    AnswerReader &reader = AnswerReader::ofThisThread();
     const std::lock_guard<std::mutex> lock(cacheMutex);
     ProxyUrlInformation replaced{}; // by another thread that missed at the same time
     if (const ProxyUrlInformation *present = urlCache->find(key))

@@ -16,6 +16,7 @@
 
 #include <dbus-c++/dbus.h>
 
+class AnswerReader;
 class CallDesk;
 
 namespace com
@@ -146,9 +147,10 @@ private:
     DBus::Message _invoke_method(DBus::CallMessage &call) override;
 
     ProxyMode snapshotConfig(const char *requestUrl, ProxyUrlInformation &manual);
-    bool findAnswer(const char *requestUrl, const std::string &key, ProxyUrlInformation &result);
+    bool findAnswer(const char *requestUrl, const std::string &key, AnswerReader &reader,
+                    ProxyUrlInformation &result);
     void askService(const char *requestUrl, ProxyUrlInformation &result);
-    ProxyUrlInformation keepAnswer(const std::string &key, ProxyAnswer &answer);
+    ProxyUrlInformation keepAnswer(const std::string &key, AnswerReader &reader, ProxyAnswer &answer);
     static void callHandler(const char *caller, EventHandler handler, ProxyMgrEventType type);
     bool hasHandler(ProxyMgrEventType type) const { return eventHandlers.count(type) != 0; }
 
