@@ -646,11 +646,14 @@ struct CookieList {
 curl_slist *take_cookie_line(curl_slist **list)
 {
     constexpr const char *NAME = "Cookie: ";
+    const size_t name_length = strlen(NAME);
     for (curl_slist **link = list; *link && (*link)->data; link = &(*link)->next) {
         curl_slist *node = *link;
+        if (strncmp(node->data, NAME, name_length) != 0)
+            continue; // spares libsafec's search through the whole line
         const size_t length = strnlen(node->data, SAFEC_SEARCH_LIMIT);
         char *found = nullptr;
-        if (strstr_s(node->data, length, NAME, strlen(NAME), &found) == 0 && found == node->data) {
+        if (strstr_s(node->data, length, NAME, name_length, &found) == 0 && found == node->data) {
             *link = node->next;
             node->next = nullptr;
             return node;

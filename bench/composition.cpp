@@ -155,23 +155,23 @@ void Composition::handshake()
     }
 }
 
-// As many lines as the library writes of an exchange, with the same texts in them.
-void Composition::log_exchange(const char *records, size_t length) const
+// As many lines as the library writes of a response, with the same texts in them and at the same point.
+void Composition::log_response() const
 {
     const int body_size = static_cast<int>(body_.size), header_size = static_cast<int>(header_.size);
-    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", "post", static_cast<int>(length), records);
     syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", "post", header_size, header_.data,
            "127.0.0.1", 1);
     syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", "post", body_size, body_.data,
            "127.0.0.1", 1);
-    for (int i = 0; i < 6; i++)
+    for (int i = 0; i < 2; i++)
+        syslog(LOG_DEBUG, "%s: a line of debugging about an answer from [%s:%d]", "composition", "127.0.0.1",
+               i);
+    for (int i = 0; i < 5; i++)
         syslog(LOG_DEBUG, "%s: a line of debugging about a cookie [%d]", "composition_cookies", i);
     for (int i = 0; i < 2; i++)
         syslog(LOG_DEBUG, "%s: header_option [%s]", "composition_cookies", headers_->data);
-    for (int i = 0; i < 5; i++)
+    for (int i = 0; i < 3; i++)
         syslog(LOG_NOTICE, "%s: a notice with a number [%d]", "composition", i);
-    syslog(LOG_DEBUG, "%s: Decrypted body [%d] bytes [%s] from [%s:%d]", "post",
-           static_cast<int>(answer_.size), answer_.data, "127.0.0.1", 1);
 }
 
 void Composition::decrypt()
@@ -182,6 +182,10 @@ void Composition::decrypt()
     for (int count; (count = SSL_read(ssl_, answer_.data + answer_.size, FLIGHT)) > 0;)
         answer_.size += static_cast<size_t>(count);
     answer_.data[answer_.size] = '\0';
+    const int length = static_cast<int>(answer_.size);
+    syslog(LOG_DEBUG, "%s: Decrypted body [%d] bytes [%s] from [%s:%d]", "post", length, answer_.data,
+           "127.0.0.1", 1);
+    syslog(LOG_NOTICE, "%s: a notice with a number [%d]", "composition", length);
 }
 
 const Block &Composition::exchange(const std::string &message)
@@ -191,9 +195,10 @@ const Block &Composition::exchange(const std::string &message)
     const std::unique_ptr<char, decltype(&free)> records(static_cast<char *>(malloc(length + 1)), free);
     BIO_read(SSL_get_wbio(ssl_), records.get(), static_cast<int>(length));
     records.get()[length] = '\0';
+    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", "post", static_cast<int>(length), records.get());
     post(records.get(), length);
+    log_response();
     decrypt();
-    log_exchange(records.get(), length);
     return answer_;
 }
 

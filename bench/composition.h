@@ -44,7 +44,7 @@ private:
     void handshake();
     void post(const char *records, size_t length);
     void decrypt();
-    void log_exchange(const char *records, size_t length) const;
+    void log_response() const;
 
     CURL *curl_;
     curl_slist *headers_ = nullptr;
