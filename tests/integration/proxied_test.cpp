@@ -259,34 +259,6 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
     EXPECT_GT(succeeded, 0);
 }
 
-// The only proxy with Digest authentication.
-TEST_F(Proxied, KnowsDigestButUnderFips)
-{
-    if (access("/usr/sbin/squid", X_OK) != 0 || geteuid() != 0)
-        GTEST_SKIP() << "squid is not installed, or cannot be run by this user";
-    Folder folder;
-    Listener port;
-    port.close();
-    run("chmod 777 " + folder.root +
-        "; printf 'device:proxy:%s\\n' $(printf device:proxy:open-sesame | md5sum | "
-        "cut -c-32) >" +
-        folder.path("users"));
-    const std::string settings = folder.write(
-        "conf", "auth_param digest program /usr/lib/squid/digest_file_auth -c " + folder.path("users") +
-                    "\nauth_param digest realm proxy\nacl known proxy_auth REQUIRED\n"
-                    "http_access allow known\nhttp_port 127.0.0.1:" +
-                    std::to_string(port.port) + "\npid_filename none\ncache deny all\nshutdown_lifetime 0\n" +
-                    "pinger_enable off\nvisible_hostname proxy\nnetdb_filename none\ncache_log " +
-                    folder.path("cache") + "\naccess_log stdio:" + folder.path("access") + "\ncoredump_dir " +
-                    folder.root + "\n");
-    const Daemon squid("/usr/sbin/squid -N -f " + settings, port.port);
-    configure("manual", "127.0.0.1:" + std::to_string(port.port), "", "device", "open-sesame");
-    EXPECT_TRUE(connect() == ATLS_OK && echoes("with Digest"));
-    interpose::set_fips(true);
-    EXPECT_EQ(connect(), ATLS_HANDSHAKE_FAILED);
-    interpose::set_fips(false);
-}
-
 // A real HTTPS front end that offers HTTP/2: header names must still arrive as the service wrote them. On another
 // port it speaks no TLS: no proxy mends that.
 TEST_F(Proxied, PassesAnHttp2FrontEnd)
