@@ -5,14 +5,17 @@
 #include "atls_internals.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
+#include <mutex>
 
 #include <dlfcn.h>
+#include <locale.h>
 #include <malloc.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -45,6 +48,23 @@ constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
 char errbuf[CURL_ERROR_SIZE];
+
+// Runs a step that may write to a connection whose peer has closed it, and keeps the SIGPIPE of that from the program.
+// libcurl would change the signal's disposition for the whole process, and race with other threads over it.
+template <typename Step>
+void without_broken_pipe(Step step)
+{
+    sigset_t pipe, pending, before;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe, &before);
+    sigpending(&pending);
+    step();
+    constexpr timespec AT_ONCE = {};
+    if (sigismember(&pending, SIGPIPE) == 0)
+        (void)sigtimedwait(&pipe, nullptr, &AT_ONCE);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
 
 } // namespace
 
@@ -86,7 +106,7 @@ void atls_handle_cleanup(atls_handle **handle)
     connection->port = 0;
     if (connection->curl) {
         syslog(LOG_DEBUG, "%s: Cleanup Transport layer curl object", __func__);
-        curl_easy_cleanup(connection->curl);
+        without_broken_pipe([&] { curl_easy_cleanup(connection->curl); });
         connection->curl = nullptr;
     }
     if (connection->header_opts) {
@@ -225,13 +245,12 @@ char user_agent[48];
 
 void build_user_agent()
 {
-    const char *model = platform_get_device_model();
-    char load[128];
+    char model[20], load[128]; // a text that does not fit is cut
+    snprintf(model, sizeof model, "%s", platform_get_device_model());
     snprintf(load, sizeof load, "%s", platform_get_load_id());
     if (char *suffix = strstr(load, ".loads"))
         *suffix = '\0';
-    // A text that does not fit is cut.
-    if (snprintf(user_agent, sizeof user_agent, "Halvo-%.19s/%.31s", model, load) < 0)
+    if (snprintf(user_agent, sizeof user_agent, "Halvo-%s/%.31s", model, load) < 0)
         user_agent[0] = '\0';
 }
 
@@ -286,13 +305,14 @@ bool build_request_headers(curl_slist **list, const char *caller, const char *tr
            append_header(list, caller, "Expect:", NOT_REMOVED);
 }
 
-// HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the
-// headers of a proxy's CONNECT reply are not the server's. Without either option a plain connection still
-// works.
-void set_http_version_and_proxy_headers(CURL *curl)
+// HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the headers of a
+// proxy's CONNECT reply are not the server's; signals are the program's. Without these options a plain connection
+// still works.
+void set_optional_request_options(CURL *curl)
 {
     (void)curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     (void)curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    (void)curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
 }
 
 } // namespace
@@ -334,7 +354,7 @@ int init_tl_curl(atls_handle **handle, const char *service, const char *tracking
                    .set(CURLOPT_HTTPHEADER, header_opts, "%s: Failed to load header options into curl object")
                    .result();
         if (code == CURLE_OK) {
-            set_http_version_and_proxy_headers(curl);
+            set_optional_request_options(curl);
             select_proxies(connection, curl, url);
             connection->curl = curl;
             connection->header_opts = header_opts;
@@ -600,10 +620,29 @@ bool is_empty(const curl_resp &part)
 namespace
 {
 
+// Names and dates in headers are English, whatever locale the program has chosen for itself.
+class HeaderLocale
+{
+public:
+    HeaderLocale() : before_(uselocale(english())) {}
+    ~HeaderLocale() { uselocale(before_); }
+    HeaderLocale(const HeaderLocale &) = delete;
+    HeaderLocale &operator=(const HeaderLocale &) = delete;
+
+private:
+    static locale_t english()
+    {
+        static const locale_t C_LOCALE = newlocale(LC_ALL_MASK, "C", nullptr);
+        return C_LOCALE;
+    }
+    locale_t before_;
+};
+
 // Finds a response header, in any letter case, and returns what stands behind its name and blank; or NULL. libsafec's
 // search costs five times as much for each byte as libc's, which says where to begin.
 const char *find_header(const char *text, const char *name)
 {
+    const HeaderLocale locale;
     const size_t name_length = strlen(name);
     const char *const near = strcasestr(text, name);
     const size_t skipped = near ? static_cast<size_t>(near - text) : HEADER_SEARCH_BOUND;
@@ -830,6 +869,7 @@ void atls_set_date_by_http_header(const char *header)
     }
     struct tm fields = {};
     fields.tm_isdst = -1;
+    const HeaderLocale locale;
     (void)strptime(date, "%a, %e %h %Y %H:%M:%S %z", &fields);
     const time_t header_time = mktime(&fields); // the device reads the fields as local time
     if (time(nullptr) >= header_time || set_system_clock(&header_time) != 0)
@@ -846,7 +886,7 @@ namespace
 struct FlightDump {
     const char *prefix;
     int file_index = 1;
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER; // one dump at a time, so that no two share a number
+    std::mutex lock = {}; // one dump at a time, so that no two share a number
 };
 
 FlightDump sent_flights{"/tmp/atls_handshake_data_sent_"};
@@ -879,9 +919,8 @@ void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t 
         syslog(LOG_ERR, "%s: length is zero", caller);
         return;
     }
-    pthread_mutex_lock(&dump.lock);
+    const std::lock_guard<std::mutex> guard(dump.lock); // given back when the thread is cancelled, too
     write_dump_file(dump, caller, data, length);
-    pthread_mutex_unlock(&dump.lock);
 }
 
 // State of one handshake.
@@ -1087,7 +1126,8 @@ CURLcode post_with_failover(const char *caller, atls_handle *handle)
 {
     // Entry 0 of the list is what the transport was set up with.
     for (int index = 1;; index++) {
-        const CURLcode code = curl_easy_perform(handle->curl);
+        CURLcode code = CURLE_OK;
+        without_broken_pipe([&] { code = curl_easy_perform(handle->curl); });
         if (code == CURLE_OK)
             return code;
         syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),

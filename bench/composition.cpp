@@ -123,6 +123,7 @@ void Composition::prepare_requests(int port)
     curl_easy_setopt(curl_, CURLOPT_TIMEOUT_MS, 30000L);
     curl_easy_setopt(curl_, CURLOPT_HTTPHEADER, headers_);
     curl_easy_setopt(curl_, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    curl_easy_setopt(curl_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl_, CURLOPT_WRITEFUNCTION, take);
     curl_easy_setopt(curl_, CURLOPT_WRITEDATA, &body_);
     curl_easy_setopt(curl_, CURLOPT_HEADERDATA, &header_);

@@ -133,7 +133,7 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
  * Clean the handle up and connect again.
  *
  * @param handle   a connected handle
- * @param msg      the message; it is not kept
+ * @param msg      the message; it is not kept, and must not lie in an answer that resp still holds
  * @param msg_len  its length, 1 to INT_MAX bytes
  * @param service  path of the service for this message, beginning with "/"
  * @param resp     zeroed, or holding an earlier answer, which is released once the arguments have been

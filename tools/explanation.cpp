@@ -18,18 +18,26 @@ namespace
 
 using Lines = std::vector<LogReader::Line>;
 
-bool contains(const LogReader::Line &line, const char *text)
+// A line may end in texts of a peer: only how it begins can be trusted.
+bool begins(const LogReader::Line &line, const std::string &text)
 {
-    return line.text.find(text) != std::string::npos;
+    return line.text.rfind(text, 0) == 0;
 }
 
-// What stands behind a text in a line; false when it is not there.
+// What stands behind a text that the line begins with; false when it begins otherwise.
 bool read_behind(const LogReader::Line &line, const std::string &text, std::string &rest)
 {
-    const size_t at = line.text.find(text);
-    if (at != std::string::npos)
-        rest = line.text.substr(at + text.size());
-    return at != std::string::npos;
+    const bool found = begins(line, text);
+    if (found)
+        rest = line.text.substr(text.size());
+    return found;
+}
+
+// The same for a text that stands behind the name of a step that posts.
+bool read_of_post(const LogReader::Line &line, const char *text, std::string &rest)
+{
+    return read_behind(line, std::string("atls_handshake").append(text), rest) ||
+           read_behind(line, std::string("atls_easy_perform").append(text), rest);
 }
 
 // What was offered, and through what each message went.
@@ -51,22 +59,23 @@ class Follower
 public:
     void take(const LogReader::Line &line)
     {
+        const std::string query = "ProxyManagerClientImpl-getProxyUrl ";
         std::string rest;
-        if (read_behind(line, "proxy mode is manual. proxyUrl:", rest))
+        if (read_behind(line, query + "proxy mode is manual. proxyUrl:", rest))
             take_offer(rest.substr(0, rest.find(", useName:")));
-        else if (contains(line, "response from proxy manager service, index:") &&
-                 read_behind(line, " proxy url:", rest))
-            take_offer(rest);
-        else if (read_behind(line, ": curl_rc:", rest))
+        else if (read_behind(line, query + "response from proxy manager service, index:", rest))
+            take_offer(rest.substr(rest.find(':') + 1)); // behind the index and its name
+        else if (read_of_post(line, ": curl_rc:", rest))
             route_.failures.push_back(
                 {proxy_, static_cast<int>(strtol(rest.c_str(), nullptr, 10)), line.time - last_, false});
-        else if (read_behind(line, " connect with http proxy:", rest))
+        else if (read_of_post(line, " connect with http proxy:", rest))
             proxy_ = rest;
-        else if (contains(line, "Direct connect without http proxy"))
+        else if (begins(line, "Direct connect without http proxy") ||
+                 begins(line, "setProxyParams Direct connect without http proxy"))
             proxy_ = "DIRECT";
-        else if (contains(line, ": Failed to preform post") && !route_.failures.empty())
+        else if (read_of_post(line, ": Failed to preform post", rest) && !route_.failures.empty())
             route_.failures.back().final = true;
-        else if (contains(line, "atls_easy_perform: ATLS received a ["))
+        else if (begins(line, "atls_easy_perform: ATLS received a ["))
             take_message();
         last_ = line.time;
     }
@@ -94,13 +103,14 @@ private:
 const char *why_no_proxy(const Lines &log)
 {
     static constexpr std::array<std::pair<const char *, const char *>, 3> REASONS = {{
-        {"create_proxy_manager_client fail!", "none: the proxy manager cannot be reached"},
-        {"Exit since http proxy mode is off", "none: the proxy mode is off, or there was no answer"},
-        {"Fail to found any available proxy url", "none: the proxy manager knows of none"},
+        {"setProxyParams: create_proxy_manager_client fail!", "none: the proxy manager cannot be reached"},
+        {"setProxyParams Exit since http proxy mode is off",
+         "none: the proxy mode is off, or there was no answer"},
+        {"setProxyParams Fail to found any available proxy url", "none: the proxy manager knows of none"},
     }};
     for (const LogReader::Line &line : log)
         for (const auto &[text, reason] : REASONS)
-            if (contains(line, text))
+            if (begins(line, text))
                 return reason;
     return "not asked for";
 }
@@ -272,7 +282,7 @@ void Explanation::write_times(std::ostream &out, const Lines &log, Clock::time_p
 {
     Clock::time_point chosen = start_;
     for (const LogReader::Line &line : log)
-        if (contains(line, "init_tl_curl: Transport layer initialized!"))
+        if (begins(line, "init_tl_curl: Transport layer initialized!"))
             chosen = std::min(line.time, connected_); // lines are read a little later
     label(out, "time") << "proxy selection " << chosen - start_ << ", handshake " << connected_ - chosen
                        << ", messages " << end - connected_ << '\n';

@@ -88,6 +88,8 @@ check "the explanation" "x
     "$(status_of post --explain "$url" x >"$work/status"; cat "$work/out"; echo
         sed -n '/^  proxies/,/^  tracking/{s/[0-9.]* s$/TIME/;s/: [A-Z].* (lib/: TEXT (lib/;p}' "$work/err")"
 check "nothing but the explanation" "" "$(grep -v -e '^  ' -e "^atls-post: $url" "$work/err" || true)"
+check "no words of a peer in the explanation" "" \
+    "$(status_of post --explain --log debug -n 2 "$url" "x connect with http proxy:evil" >"$work/status"; grep '^  .*evil' "$work/err" || true)"
 check "no proxy manager" "  proxies offered none: the proxy manager cannot be reached" \
     "$(DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none status_of post --explain "$url" x >"$work/status"; grep offered "$work/err")"
 check "explained failure" "3   carried by      nothing" "$(status_of post --explain https://127.0.0.1:1/ x) $(grep carried "$work/err")"

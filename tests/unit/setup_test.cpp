@@ -66,7 +66,8 @@ TEST_F(Setup, SetsOptionsAndHeadersInOrder)
                               {CURLOPT_TIMEOUT_MS, "30000"},
                               {CURLOPT_HTTPHEADER, ""},
                               {CURLOPT_HTTP_VERSION, "2"},
-                              {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"}};
+                              {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"},
+                              {CURLOPT_NOSIGNAL, "1"}};
     EXPECT_EQ(interpose::kept().options, expected);
     EXPECT_EQ(headers(), (std::vector<std::string>{"Content-Type: application/octet-stream",
                                                    "User-Agent: Halvo-Desktop/desktop-1.0",
@@ -152,7 +153,7 @@ TEST_F(Setup, ChoosesProxies)
         get_proxy_url("");
 
         Options options = interpose::kept().options;
-        options.erase(options.begin(), options.begin() + 9); // those of the transport
+        options.erase(options.begin(), options.begin() + 10); // those of the transport
         EXPECT_EQ(options, expected.options);
         std::vector<Text> list;
         for (int i = 0; i < handle_->proxyUrlCount; i++)
