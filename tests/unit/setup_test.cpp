@@ -5,6 +5,7 @@
 #include "log_capture.h"
 #include "proxy_double.h"
 
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 
@@ -89,6 +90,18 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
         EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT) << port;
         EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
     }
+}
+
+TEST_F(Setup, KeepsTheSignalOfABrokenConnectionFromTheProgram)
+{
+    name_server("127.0.0.1", 1);
+    ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_OK);
+    EXPECT_EXIT(
+        {
+            signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
+            _exit(post_with_failover("test", handle_) == CURLE_COULDNT_CONNECT ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 const std::string LONG_NAME(300, 'x');
