@@ -35,7 +35,8 @@
  *
  * fork: the client belongs to the process that created it. In a child process every function gives its
  * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with
- * exec.
+ * exec. As with any function that logs, a child of a process of several threads may find the lock of syslog(3)
+ * taken for ever.
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
  * calls openlog. The user name of a cached answer is logged at LOG_NOTICE, passwords never are.
@@ -125,6 +126,7 @@ int create_proxy_manager_client(void);
 
 /**
  * Stops the dispatch thread, releases the client with its cache and its callbacks, and closes the connection.
+ * A bus that has stopped answering holds the call up for 50 seconds.
  * The strings of all answers of get_proxy_url become invalid. No other call may be under way; not to be
  * called from a callback, where it does nothing.
  *
@@ -160,8 +162,8 @@ int update_proxy_config(ProxyManagerConfig config);
  * kept in the cache too, until the service has it cleared.
  *
  * The strings belong to the client: never free them. They stay readable for the calling thread until its next
- * call of get_proxy_url or until the client is cleaned up, whichever is first; copy what is needed for longer
- * or on other threads.
+ * call of get_proxy_url (which atls_connect makes, too) or until the client is cleaned up, whichever is first;
+ * copy what is needed for longer or on other threads.
  *
  * @param requestUrl  the URL; not kept
  *

@@ -398,7 +398,7 @@ void CallDesk::failAll()
 
 // ---- Loop
 
-OwningDispatcher::OwningDispatcher() : desk_(*new CallDesk)
+OwningDispatcher::OwningDispatcher()
 {
     for (const int descriptor : _fdunlock) {
         fcntl(descriptor, F_SETFD, FD_CLOEXEC);

@@ -34,8 +34,7 @@ private:
     pthread_cond_t condition_;
 };
 
-// Where callers leave their calls and the thread leaves the replies. It is never destroyed: threads may still
-// come to it while the process ends, when the dispatcher is gone already.
+// Where callers leave their calls and the thread leaves the replies.
 class CallDesk
 {
 public:
@@ -121,8 +120,6 @@ class OwningDispatcher : public DBus::BusDispatcher
 {
 public:
     OwningDispatcher();
-    // Comes with the end of the process only, and leaves the descriptors to it.
-    ~OwningDispatcher() override = default;
 
     CallDesk &calls() { return desk_; }
     // Takes in and dispatches what has arrived on the connections, without waiting, while no thread does.
@@ -151,7 +148,7 @@ private:
     bool unlockPairIntact() const;
     void repairUnlockPair();
 
-    CallDesk &desk_;
+    CallDesk desk_;
     int unlockCopy_ = -1; // of the reading end of the base class's pipe
     pid_t unlockProcess_ = 0;
     bool woken_ = false; // of the thread alone

@@ -9,6 +9,7 @@
 #include <csignal>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include <pthread.h>
 #include <sys/types.h>
@@ -16,7 +17,7 @@
 #include <unistd.h>
 
 DBus::Connection *dbus_conn = nullptr;
-OwningDispatcher dbus_dispatcher;
+Lasting<OwningDispatcher> dbus_dispatcher;
 
 namespace
 {
@@ -44,7 +45,16 @@ std::atomic<pid_t> ownerProcess{0};
 
 // getpid without a system call for each use.
 std::atomic<pid_t> thisProcess{getpid()};
-const bool followsForks = pthread_atfork(nullptr, nullptr, [] { thisProcess = getpid(); }) == 0;
+
+// Whoever held the lock when the child was forked is not there. Where the child has use for it, there is nobody's client
+// and hence nothing half changed.
+void followIntoChild()
+{
+    thisProcess = getpid();
+    new (&lifeMutex) std::mutex;
+}
+
+const bool followsForks = pthread_atfork(nullptr, nullptr, followIntoChild) == 0;
 
 pid_t processId()
 {
@@ -124,10 +134,10 @@ void startThread()
 {
     if (dispactcherEnter)
         return;
-    if (!dbus_dispatcher.calls().expectThread()) {
+    if (!dbus_dispatcher->calls().expectThread()) {
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
     } else if (startThreadWithSignalsBlocked() != 0) {
-        dbus_dispatcher.calls().forgetThread();
+        dbus_dispatcher->calls().forgetThread();
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
     } else {
         dispactcherEnter = true;
@@ -139,22 +149,21 @@ void stopThread()
     if (!dispactcherEnter)
         return;
     syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
-    dbus_dispatcher.leave();
+    dbus_dispatcher->leave();
     dispactcherEnter = false;
     if (pthread_join(tidp, nullptr) != 0)
         syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
 }
 
-// Ends the thread of a process that exits without cleaning up, before dbus_dispatcher is destroyed under it,
-// and the calls of other threads. Defined after dbus_dispatcher, hence destroyed first.
+// Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
 struct ThreadStopper {
     ~ThreadStopper()
     {
         if (isOtherProcess())
             return;
-        if (dispactcherEnter && !dbus_dispatcher.calls().onThread())
+        dbus_dispatcher->calls().retire();
+        if (dispactcherEnter && !dbus_dispatcher->calls().onThread())
             stop();
-        dbus_dispatcher.calls().retire();
     }
 
 private:
@@ -163,8 +172,8 @@ private:
     static void stop()
     {
         const std::unique_lock<std::mutex> lock(lifeMutex, std::try_to_lock);
-        dbus_dispatcher.leave();
-        if (dbus_dispatcher.calls().waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
+        dbus_dispatcher->leave();
+        if (dbus_dispatcher->calls().waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
             dispactcherEnter.exchange(false))
             pthread_join(tidp, nullptr);
     }
@@ -175,9 +184,9 @@ private:
 // A connection that goes must have left the dispatcher's queue, which keeps a plain pointer to it.
 void closeConnection(DBus::Connection &connection)
 {
-    dbus_dispatcher.calls().disown();
+    dbus_dispatcher->calls().disown();
     connection.disconnect();
-    dbus_dispatcher.dispatch_pending();
+    dbus_dispatcher->dispatch_pending();
 }
 
 void dropConnection()
@@ -195,7 +204,7 @@ void openConnection()
     DBus::Connection opened = DBus::Connection::SystemBus();
     try {
         auto kept = std::make_unique<DBus::Connection>(opened);
-        dbus_dispatcher.calls().own(kept.get());
+        dbus_dispatcher->calls().own(kept.get());
         dbus_conn = kept.release();
     } catch (...) {
         closeConnection(opened);
@@ -208,7 +217,7 @@ bool reuseConnection()
 {
     if (!dbus_conn)
         return false;
-    dbus_dispatcher.dispatchArrived();
+    dbus_dispatcher->dispatchArrived();
     if (dbus_conn->connected())
         return true;
     dropConnection();
@@ -235,7 +244,7 @@ int deleteClient()
     delete pProxyMgrClient;
     pProxyMgrClient = nullptr;
     if (dbus_conn)
-        dbus_dispatcher.dispatchArrived(); // signals for the client that is gone
+        dbus_dispatcher->dispatchArrived(); // signals for the client that is gone
     return 1;
 }
 
@@ -245,7 +254,7 @@ Outcome makeClient(DBus::Connection &conn)
 {
     try {
         pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME);
-        pProxyMgrClient->leaveCallsAt(&dbus_dispatcher.calls());
+        pProxyMgrClient->leaveCallsAt(&dbus_dispatcher->calls());
         checkServiceStarted(*pProxyMgrClient);
         return Outcome::Made;
     } catch (const std::exception &error) { // DBus::Error is one
@@ -290,7 +299,7 @@ int createOnSystemBus()
 {
     if (clientExists("%s%s (void)proxy_manager_client already exist"))
         return 1;
-    DBus::default_dispatcher = &dbus_dispatcher;
+    DBus::default_dispatcher = &dbus_dispatcher.object;
     syslog(LOG_NOTICE, "%s%s create dbus connection", "", CREATE);
     const bool kept = reuseConnection();
     if (!kept)
@@ -326,7 +335,7 @@ template <typename Action>
 int changeLife(const char *caller, const char *errorFormat, int onThread, Action action)
 {
     return contain(caller, errorFormat, 0, [&]() -> int {
-        if (dbus_dispatcher.calls().onThread()) {
+        if (dbus_dispatcher->calls().onThread()) {
             syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
             return onThread;
         }
@@ -352,7 +361,7 @@ int changeLife(const char *caller, const char *errorFormat, int onThread, Action
 
 int create_proxy_manager_client(DBus::Connection &conn)
 {
-    return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, [&] {
+    return changeLife(CREATE, CREATE_ERROR, usableClient() ? 1 : 0, [&] {
         Outcome outcome;
         const int made = createOn(conn, outcome);
         readyClient = pProxyMgrClient;
@@ -369,7 +378,7 @@ void *dbusLoopFunc(void *)
 {
     return contain<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
         syslog(LOG_NOTICE, "%s%s dbus loop start", "", "dbusLoopFunc");
-        dbus_dispatcher.enter();
+        dbus_dispatcher->enter();
         return nullptr;
     });
 }
@@ -378,7 +387,7 @@ void *dbusLoopFunc(void *)
 
 int create_proxy_manager_client(void)
 {
-    return changeLife(CREATE, CREATE_ERROR, readyClient ? 1 : 0, createOnSystemBus);
+    return changeLife(CREATE, CREATE_ERROR, usableClient() ? 1 : 0, createOnSystemBus);
 }
 
 int cleanup_proxy_manager_client(void)

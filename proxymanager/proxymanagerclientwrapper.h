@@ -8,8 +8,19 @@
 
 // The connection to the system bus, from the first create to cleanup_proxy_manager_client.
 extern DBus::Connection *dbus_conn;
+// Constructed as any object is, and never destroyed: threads that the program leaves behind may still be in it, and come
+// to it, while the process ends.
+template <typename Object>
+union Lasting {
+    Object object;
+
+    Lasting() : object() {}
+    ~Lasting() {}
+    Object *operator->() { return &object; }
+};
+
 // The dispatcher of that connection; for programs a DBus::BusDispatcher.
-extern OwningDispatcher dbus_dispatcher;
+extern Lasting<OwningDispatcher> dbus_dispatcher;
 
 // Makes the process's client on a connection of the program's own, which the program dispatches itself, on
 // one thread. That connection must be in working order and outlive the client. Calls go out on the calling

@@ -174,7 +174,7 @@ Configuration manual_configuration(const Settings &settings)
         throw UsageError("the user name is not UTF-8 text without control characters");
     Configuration config;
     config.mode = PROXY_MODE_MANUAL;
-    config.proxy = settings.proxy;
+    config.proxy = "http://" + settings.proxy; // so that "http:" in a host's name is not taken for the scheme
     config.user = settings.user;
     if (settings.password_from_stdin)
         config.password = read_password();

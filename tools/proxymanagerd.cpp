@@ -3,7 +3,9 @@
 #include "proxy_manager_service.h"
 
 #include <atomic>
+#include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <mutex>
@@ -55,6 +57,9 @@ void add_options(CLI::App &app, Settings &settings)
         ->type_name("URL");
     app.add_option("--script-limit", settings.script_limit_seconds,
                    "Answer DIRECT when a script takes longer than this many seconds")
+        ->check([](const std::string &text) { // which no range excludes
+            return std::isnan(strtod(text.c_str(), nullptr)) ? "not a number: " + text : std::string();
+        })
         ->check(CLI::Range(0.1, 20.0)) // callers wait no longer than 25 seconds for any answer
         ->capture_default_str();
     app.footer(

@@ -7,7 +7,9 @@
 #include "proxymanager.h"
 
 #include <assert.h>
+#include <pthread.h>
 #include <semaphore.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -22,16 +24,16 @@ int __lsan_is_turned_off(void)
     return 1;
 }
 
+/* Nor may it wait for the lock of the C library's. */
+void syslog(int priority, const char *format, ...)
+{
+    (void)priority, (void)format;
+}
+
 static void on_event(ProxyMgrEventType type)
 {
     (void)type;
     sem_post(&events);
-}
-
-static void on_event_exit(ProxyMgrEventType type)
-{
-    (void)type;
-    exit(0);
 }
 
 static void wait_for_child(pid_t child)
@@ -39,6 +41,38 @@ static void wait_for_child(pid_t child)
     int status = -1;
     waitpid(child, &status, 0);
     assert(status == 0);
+}
+
+static void on_event_exit(ProxyMgrEventType type)
+{
+    (void)type;
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(create_proxy_manager_client());
+    wait_for_child(child);
+    exit(0);
+}
+
+static void *clean_up_without_end(void *unused)
+{
+    for (;;)
+        cleanup_proxy_manager_client();
+    return unused;
+}
+
+/* Whoever holds the library's lock when a child is forked is not in the child. */
+static void run_forks(void)
+{
+    pthread_t other;
+    assert(pthread_create(&other, NULL, clean_up_without_end, NULL) == 0);
+    for (int i = 0; i < 60; i++) {
+        const pid_t child = fork();
+        if (child == 0) {
+            alarm(20);
+            _exit(cleanup_proxy_manager_client());
+        }
+        wait_for_child(child);
+    }
 }
 
 /* In the child everything is neutral, and the parent does not notice. */
@@ -71,6 +105,31 @@ static void run_fork(void)
     if (child == 0)
         exit(0);
     wait_for_child(child);
+    run_forks();
+}
+
+/* Calls of all kinds, begun when the process is about to end. */
+static void *use_client(void *unused)
+{
+    usleep(100000);
+    for (;;) {
+        create_proxy_manager_client();
+        check_service_started();
+        get_proxy_url("http://b/");
+        cleanup_proxy_manager_client();
+    }
+    return unused;
+}
+
+/* The end of the process waits for whoever reads this, when all that the library does at the end is done. */
+static void end_slowly(void)
+{
+    static char text[200000];
+    pthread_t user;
+    assert(pthread_create(&user, NULL, use_client, NULL) == 0);
+    setvbuf(stdout, text, _IOFBF, sizeof text);
+    for (size_t i = 0; i < sizeof text - 1; i++)
+        putchar(' ');
 }
 
 int main(int argc, char **argv)
@@ -84,6 +143,8 @@ int main(int argc, char **argv)
         pause();
     if (strcmp(what, "fork") == 0)
         run_fork();
+    if (strcmp(what, "exit-in-use") == 0)
+        end_slowly();
     if (strcmp(what, "exec") == 0)
         execlp("ls", "ls", "/proc/self/fd", NULL);
     return 0; /* without cleaning up, but for the fork */

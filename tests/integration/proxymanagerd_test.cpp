@@ -180,6 +180,7 @@ TEST(ProxyManagerProgram, EndsWithAStatusThatTellsWhy)
     EXPECT_EQ(ask("getProxyconfig"), "(('manual', 'p:1', '', 'n', 'u', 'hidden word'),)");
     EXPECT_EQ(Program({PROXYMANAGERD}).end(), 69) << "the name has an owner";
     EXPECT_EQ(Program({PROXYMANAGERD, "--manual", "p"}).end(), 64);
+    EXPECT_EQ(Program({PROXYMANAGERD, "--script-limit", "nan"}).end(), 64);
     EXPECT_EQ(Program({PROXYMANAGERD, "--user", "u", "--password-file", "/nowhere"}).end(), 64);
     EXPECT_EQ(service.end(SIGTERM), 0);
     EXPECT_EQ(service.err().find("hidden word"), std::string::npos);
@@ -233,6 +234,7 @@ TEST_F(ProxyManager, IsShownAndChangedFromTheShell)
          R"({"mode":"manual","proxyUrl":"p:1","pacUrl":null,"optionFlag":false,"userName":"u","passwordSet":true})"},
         {"$C url http://a/", 0, "http://a/: manual p:1 (user name u)\n"},
         {"$C set manual p:1 --user $(printf %02000d 0)", 4, "refused the configuration (result 4)"},
+        {"$C set manual http:1 && $C get | sed -n 2p", 0, "proxy: http:1\n"},
         {"$C set pac file://" + script, 0, ""},
         {"$C url http://a/ https://b:1/c", 0,
          "http://a/: pacurl PROXY a:80; DIRECT\nhttps://b:1/c: pacurl PROXY b:80; DIRECT\n"},
