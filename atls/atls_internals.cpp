@@ -16,7 +16,6 @@
 
 #include <dlfcn.h>
 #include <locale.h>
-#include <malloc.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <pthread.h>
@@ -35,8 +34,6 @@ namespace
 constexpr uint32_t DER_CAPACITY = 4096;
 // Cookies of one response, NUL included.
 constexpr int COOKIES_SIZE = 1024;
-// From here on growing blocks get room to spare.
-constexpr size_t LARGE_BLOCK = 1 << 16;
 // How far behind the cursor a response header is looked for.
 constexpr size_t HEADER_SEARCH_BOUND = 16384;
 constexpr size_t TRACKING_ID_MAX = 64;
@@ -49,21 +46,27 @@ constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
 char errbuf[CURL_ERROR_SIZE];
 
-// Runs a step that may write to a connection whose peer has closed it, and keeps the SIGPIPE of that from the program.
-// libcurl would change the signal's disposition for the whole process, and race with other threads over it.
-template <typename Step>
-void without_broken_pipe(Step step)
+// Runs a step that may write to a connection whose peer has closed it, and keeps the SIGPIPE of that from the
+// program. libcurl would change the signal's disposition for the whole process, and race with other threads over it.
+CURLcode without_broken_pipe(CURLcode (*step)(CURL *), CURL *curl)
 {
     sigset_t pipe, pending, before;
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_BLOCK, &pipe, &before);
     sigpending(&pending);
-    step();
+    const CURLcode code = step(curl);
     constexpr timespec AT_ONCE = {};
     if (sigismember(&pending, SIGPIPE) == 0)
         (void)sigtimedwait(&pipe, nullptr, &AT_ONCE);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return code;
+}
+
+CURLcode clean_up(CURL *curl)
+{
+    curl_easy_cleanup(curl);
+    return CURLE_OK;
 }
 
 } // namespace
@@ -106,7 +109,7 @@ void atls_handle_cleanup(atls_handle **handle)
     connection->port = 0;
     if (connection->curl) {
         syslog(LOG_DEBUG, "%s: Cleanup Transport layer curl object", __func__);
-        without_broken_pipe([&] { curl_easy_cleanup(connection->curl); });
+        (void)without_broken_pipe(clean_up, connection->curl);
         connection->curl = nullptr;
     }
     if (connection->header_opts) {
@@ -562,17 +565,6 @@ void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *rea
 
 // ---- Response capture
 
-void *grow_block(void *block, size_t size)
-{
-    if (size < LARGE_BLOCK)
-        return realloc(block, size);
-    if (malloc_usable_size(block) >= size)
-        return block;
-    const size_t with_room = size + size / 2;
-    void *larger = with_room > size ? realloc(block, with_room) : nullptr;
-    return larger ? larger : realloc(block, size);
-}
-
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
 {
     auto *resp = static_cast<curl_resp *>(userdata);
@@ -583,7 +575,7 @@ size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata
     const size_t count = size * nmemb;
     const size_t block_size = resp->size + 1 + count;
     char *old = resp->data;
-    resp->data = block_size > count ? static_cast<char *>(grow_block(old, block_size)) : nullptr;
+    resp->data = block_size > count ? static_cast<char *>(realloc(old, block_size)) : nullptr;
     if (!resp->data) {
         syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__,
                block_size);
@@ -624,17 +616,12 @@ namespace
 class HeaderLocale
 {
 public:
-    HeaderLocale() : before_(uselocale(english())) {}
+    HeaderLocale() : before_(uselocale(newlocale(LC_ALL_MASK, "C", nullptr))) {}
     ~HeaderLocale() { uselocale(before_); }
     HeaderLocale(const HeaderLocale &) = delete;
     HeaderLocale &operator=(const HeaderLocale &) = delete;
 
 private:
-    static locale_t english()
-    {
-        static const locale_t C_LOCALE = newlocale(LC_ALL_MASK, "C", nullptr);
-        return C_LOCALE;
-    }
     locale_t before_;
 };
 
@@ -1126,8 +1113,7 @@ CURLcode post_with_failover(const char *caller, atls_handle *handle)
 {
     // Entry 0 of the list is what the transport was set up with.
     for (int index = 1;; index++) {
-        CURLcode code = CURLE_OK;
-        without_broken_pipe([&] { code = curl_easy_perform(handle->curl); });
+        const CURLcode code = without_broken_pipe(curl_easy_perform, handle->curl);
         if (code == CURLE_OK)
             return code;
         syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),

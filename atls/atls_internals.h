@@ -99,10 +99,6 @@ int keep_cookies(const char *caller, atls_handle *handle, const char *header);
 // Gets the engine's memory BIOs; false, with a log line, when one is missing.
 bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio);
 
-// realloc for a block that grows step by step. A large one gets half as much again, and is left alone while that
-// lasts: copying it each time would cost more than all else. NULL leaves the block as it is.
-void *grow_block(void *block, size_t size);
-
 // True when the response part holds no bytes.
 bool is_empty(const curl_resp &part);
 

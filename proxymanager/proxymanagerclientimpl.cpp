@@ -291,19 +291,15 @@ bool ProxyManagerClientImpl::isFromService(const DBus::SignalMessage &signal) co
 namespace
 {
 
-// Removes a scheme and its two slashes. False when the text is too short to hold them.
-bool stripScheme(std::string &proxy)
+// What stands behind a scheme and its two slashes; NULL when the text is too short to hold them.
+const char *withoutScheme(const char *proxy)
 {
     for (const char *scheme : {"http:", "https:"}) {
-        if (proxy.find(scheme) != std::string::npos) {
-            const size_t prefix = strlen(scheme) + strlen("//");
-            if (proxy.length() < prefix)
-                return false;
-            proxy.erase(0, prefix);
-            return true;
-        }
+        const size_t prefix = strlen(scheme) + strlen("//");
+        if (strstr(proxy, scheme))
+            return strlen(proxy) < prefix ? nullptr : proxy + prefix;
     }
-    return true;
+    return proxy;
 }
 
 } // namespace
@@ -311,18 +307,16 @@ bool stripScheme(std::string &proxy)
 int ProxyManagerClientImpl::updateProxyConfig(const ProxyManagerConfig &config)
 {
     const char *mode = proxyMode2Str(config.mode);
-    std::string proxy;
-    if (config.mode == PROXY_MODE_MANUAL && config.proxyUrl)
-        proxy = config.proxyUrl;
-    if (!stripScheme(proxy)) {
+    const bool manual = config.mode == PROXY_MODE_MANUAL && config.proxyUrl;
+    const char *proxy = manual ? withoutScheme(config.proxyUrl) : "";
+    if (!proxy) {
         syslog(LOG_ERR, "%s%s proxyUrl is too short for its scheme", CLASS_PREFIX, __func__);
         return -1;
     }
     const char *pac = orEmpty(config.pacUrl);
-    syslog(LOG_NOTICE, "%s%s mode:%s, proxyUrl:%s, pacUrl:%s", CLASS_PREFIX, __func__, mode, proxy.c_str(),
-           pac);
+    syslog(LOG_NOTICE, "%s%s mode:%s, proxyUrl:%s, pacUrl:%s", CLASS_PREFIX, __func__, mode, proxy, pac);
     try {
-        return updateProxyconfig(mode, proxy.c_str(), pac, config.optionFlag, orEmpty(config.userName),
+        return updateProxyconfig(mode, proxy, pac, config.optionFlag, orEmpty(config.userName),
                                  orEmpty(config.password));
     } catch (const DBus::Error &error) {
         syslog(LOG_ERR, DBUS_ERROR_FORMAT, CLASS_PREFIX, __func__, orEmpty(error.what()));
