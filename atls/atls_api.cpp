@@ -312,7 +312,7 @@ int decrypt_body(Exchange &exchange)
 // Moves the captured response into the caller's record.
 void hand_over(Exchange &exchange, atls_resp *resp)
 {
-    resp->body = exchange.body.data;
+    resp->body = static_cast<char *>(trim_block(exchange.body.data, exchange.body.size + 1));
     resp->body_len = exchange.body.size;
     resp->header = exchange.header.data;
     resp->header_len = exchange.header.size;
@@ -357,57 +357,29 @@ void discard_answer(SSL *ssl)
     OPENSSL_cleanse(rest, sizeof rest);
 }
 
-// A buffer that grows as an answer is read. A large one gets room to spare meanwhile: above some 32 MiB glibc would move
-// all of it for each record.
-class AnswerBuffer
-{
-public:
-    explicit AnswerBuffer(char **block) : block_(block) {} // which holds ATLS_FLIGHT_SIZE bytes
-
-    bool reserve(size_t size)
-    {
-        return size <= capacity_ || (size > LARGE && resize(size + size / 2)) || resize(size);
-    }
-    bool resize(size_t size)
-    {
-        auto *resized = static_cast<char *>(realloc(*block_, size));
-        if (!resized)
-            return false;
-        *block_ = resized;
-        capacity_ = size;
-        return true;
-    }
-
-private:
-    static constexpr size_t LARGE = 1 << 16;
-    char **block_;
-    size_t capacity_ = ATLS_FLIGHT_SIZE;
-};
-
-// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and in the end as many more as there
-// were full reads. On failure the buffer is released and *out is NULL.
+// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with
+// every full read. On failure the buffer is released and *out is NULL.
 int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
 {
-    AnswerBuffer buffer(out);
     for (size_t total = 0;;) {
         const int count = SSL_read(ssl, *out + total, ATLS_FLIGHT_SIZE);
         if (count <= 0) {
             syslog(LOG_ERR, "%s: Failed to decrypt server response", caller);
             break;
         }
+        total += static_cast<size_t>(count);
         if (count < ATLS_FLIGHT_SIZE) {
-            (void)buffer.resize(total + ATLS_FLIGHT_SIZE); // less or the same: no matter if that fails
-            total += static_cast<size_t>(count);
             (*out)[total] = '\0';
             *out_length = static_cast<int>(total);
             return ATLS_OK;
         }
-        total += static_cast<size_t>(count);
-        if (!buffer.reserve(total + ATLS_FLIGHT_SIZE)) {
+        auto *larger = static_cast<char *>(grow_block(*out, total, total + ATLS_FLIGHT_SIZE));
+        if (!larger) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
             discard_answer(ssl);
             break;
         }
+        *out = larger;
     }
     free(*out);
     *out = nullptr;

@@ -34,6 +34,8 @@ namespace
 constexpr uint32_t DER_CAPACITY = 4096;
 // Cookies of one response, NUL included.
 constexpr int COOKIES_SIZE = 1024;
+// Up to here growing blocks have no room to spare.
+constexpr size_t LARGE_BLOCK = 1 << 20;
 // How far behind the cursor a response header is looked for.
 constexpr size_t HEADER_SEARCH_BOUND = 16384;
 constexpr size_t TRACKING_ID_MAX = 64;
@@ -565,6 +567,34 @@ void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *rea
 
 // ---- Response capture
 
+namespace
+{
+
+// Follows from the size alone, so that nothing has to remember it.
+size_t capacity_of(size_t size)
+{
+    if (size <= LARGE_BLOCK || size > SIZE_MAX / 2)
+        return size;
+    size_t capacity = LARGE_BLOCK;
+    while (capacity < size)
+        capacity += capacity / 4;
+    return capacity;
+}
+
+} // namespace
+
+void *grow_block(void *block, size_t from, size_t to)
+{
+    const size_t capacity = capacity_of(to);
+    return block && capacity == capacity_of(from) ? block : realloc(block, capacity);
+}
+
+void *trim_block(void *block, size_t size)
+{
+    void *trimmed = size > LARGE_BLOCK ? realloc(block, size) : nullptr;
+    return trimmed ? trimmed : block;
+}
+
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
 {
     auto *resp = static_cast<curl_resp *>(userdata);
@@ -575,7 +605,8 @@ size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata
     const size_t count = size * nmemb;
     const size_t block_size = resp->size + 1 + count;
     char *old = resp->data;
-    resp->data = block_size > count ? static_cast<char *>(realloc(old, block_size)) : nullptr;
+    resp->data =
+        block_size > count ? static_cast<char *>(grow_block(old, resp->size + 1, block_size)) : nullptr;
     if (!resp->data) {
         syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__,
                block_size);

@@ -99,6 +99,13 @@ int keep_cookies(const char *caller, atls_handle *handle, const char *header);
 // Gets the engine's memory BIOs; false, with a log line, when one is missing.
 bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio);
 
+// realloc for a block that grows from one size to another in many steps. Up to 1 MiB it has exactly the size asked for;
+// beyond, room for some steps more, since allocators move a large block each time that it grows. NULL leaves the block as
+// it is.
+void *grow_block(void *block, size_t from, size_t to);
+// Gives back what such a block of this size has to spare.
+void *trim_block(void *block, size_t size);
+
 // True when the response part holds no bytes.
 bool is_empty(const curl_resp &part);
 
