@@ -34,7 +34,8 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
         atls_handle_cleanup(&link_.handle);
     }
     ASSERT_EQ(link_.connect(), ATLS_OK);
-    for (const size_t size : {100, 16383, 16384, 16385, 32768, 1048577, 3000000}) { // full records cannot be read
+    for (const size_t size :
+         {100, 16383, 16384, 16385, 32768, 1048577, 3000000}) { // full records cannot be read
         link_.reply = size;
         const bool readable = size % 16384 != 0;
         EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
