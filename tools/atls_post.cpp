@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <random>
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
@@ -280,6 +281,13 @@ std::string connection_url(const Settings &settings, const Address &address)
            std::to_string(address.port) + address.path;
 }
 
+// For lines of the log that are read again: a text of a peer may hold whole lines, but cannot know this name.
+std::string secret_name()
+{
+    std::random_device random;
+    return NAME + ('[' + std::to_string(random()) + std::to_string(random()) + ']');
+}
+
 int run(const CLI::App &app, const Settings &settings)
 {
     const Address address = parse_url(settings.url);
@@ -288,10 +296,11 @@ int run(const CLI::App &app, const Settings &settings)
     const std::string message = read_message(app, settings);
     Output output(settings.output);
     const int level = settings.explain ? std::max(settings.log_level, LOG_NOTICE) : settings.log_level;
-    cli::set_up_log(NAME, level, settings.explain);
+    static const std::string log_name = settings.explain ? secret_name() : NAME;
+    cli::set_up_log(log_name.c_str(), level);
     std::optional<LogReader> log;
     if (settings.explain)
-        log.emplace(NAME + ('[' + std::to_string(getpid()) + "]: "), settings.log_level >= 0);
+        log.emplace(log_name + ": ", settings.log_level >= 0);
     const TraceHidden hidden(!settings.trace);
     const std::unique_ptr<atls_handle, decltype(&free_atls_handle)> handle(create_atls_handle(),
                                                                            free_atls_handle);

@@ -72,11 +72,10 @@ inline void add_log_option(CLI::App &app, int &level, const std::string &help)
 }
 
 // Shows the library's log on the standard error up to a level. With a negative one nothing is shown, and the
-// system log gets what is not below notice. The name is kept; lines with the process number are told apart
-// from what the program itself says.
-inline void set_up_log(const char *name, int level, bool with_process_number = false)
+// system log gets what is not below notice. The name is kept.
+inline void set_up_log(const char *name, int level)
 {
-    openlog(name, (level < 0 ? 0 : LOG_PERROR) | (with_process_number ? LOG_PID : 0), LOG_USER);
+    openlog(name, level < 0 ? 0 : LOG_PERROR, LOG_USER);
     setlogmask(LOG_UPTO(level < 0 ? LOG_NOTICE : level));
 }
 

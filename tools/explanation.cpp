@@ -13,9 +13,12 @@
 #include <fcntl.h>
 #include <openssl/ssl.h>
 
+#include "proxy_text.h"
+
 namespace
 {
 
+using proxy_text::on_one_line;
 using Lines = std::vector<LogReader::Line>;
 
 // A line may end in texts of a peer: only how it begins can be trusted.
@@ -199,7 +202,7 @@ void LogReader::take(const std::string &line)
 {
     const bool of_log = line.rfind(mark_, 0) == 0;
     if (of_log)
-        lines_.push_back({Clock::now(), line.substr(mark_.size(), line.find('\n') - mark_.size())});
+        lines_.push_back({Clock::now(), on_one_line(line.substr(mark_.size()))});
     // A terminal that is gone is no reason to stop.
     if ((!of_log || show_) && write(standard_error_.get(), line.data(), line.size()) < 0)
         return;
@@ -222,8 +225,8 @@ void Explanation::exchanged(const atls_handle &handle, const atls_resp &answer, 
     answered_ += answer.body_len;
     received_ += answer.header_len + size_info(handle.curl, CURLINFO_SIZE_DOWNLOAD_T);
     status_ = answer.status_code;
-    tracking_id_ = answer.tracking_id ? answer.tracking_id : "";
-    cookies_ = cookie_names(handle.header_opts);
+    tracking_id_ = on_one_line(answer.tracking_id ? answer.tracking_id : "");
+    cookies_ = on_one_line(cookie_names(handle.header_opts));
     const char *address = nullptr;
     long port = 0;
     curl_easy_getinfo(handle.curl, CURLINFO_PRIMARY_IP, &address);
