@@ -643,7 +643,8 @@ bool is_empty(const curl_resp &part)
 namespace
 {
 
-// Names and dates in headers are English, whatever locale the program has chosen for itself.
+// Names and dates in headers are English, whatever locale the program has chosen for itself. The locale "C" is a constant of
+// the C library, so that there is nothing to release.
 class HeaderLocale
 {
 public:

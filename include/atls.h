@@ -16,8 +16,8 @@
  *
  * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
  * attempt of a post takes at most 30 seconds, provided that libcurl resolves names asynchronously (its feature
- * AsynchDNS); when a proxy cannot be reached, the next one is tried. A proxy
- * manager that does not answer holds atls_connect up for about 25 seconds a question.
+ * AsynchDNS); when a proxy cannot be reached, the next one is tried. A proxy manager that does not answer holds
+ * atls_connect up for about 25 seconds a question.
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
  * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the

@@ -8,6 +8,7 @@
 
 // The connection to the system bus, from the first create to cleanup_proxy_manager_client.
 extern DBus::Connection *dbus_conn;
+
 // Constructed as any object is, and never destroyed: threads that the program leaves behind may still be in it, and come
 // to it, while the process ends.
 template <typename Object>

@@ -82,7 +82,9 @@ TEST_F(RunningClient, SendsConfigurations)
          "('manual', '//http:', '', false, '', '')"},
         {{2, writable("http://p:1"), writable("http://pac/"), false, nullptr, nullptr},
          "('pacurl', '', 'http://pac/', false, '', '')"},
-        {{9, nullptr, nullptr, false, nullptr, nullptr}, "('off', '', '', false, '', '')"},
+        {{3, nullptr, nullptr, false, nullptr, nullptr}, "('wpad', '', '', false, '', '')"},
+        {{4, nullptr, nullptr, false, nullptr, nullptr}, "('off', '', '', false, '', '')"},
+        {{-1, nullptr, nullptr, false, nullptr, nullptr}, "('off', '', '', false, '', '')"},
     };
     for (const auto &[config, sent] : cases) {
         EXPECT_EQ(update_proxy_config(config), 42);
@@ -92,7 +94,7 @@ TEST_F(RunningClient, SendsConfigurations)
         EXPECT_EQ(line.find("secret"), std::string::npos) << line;
     for (const char *tooShort : {"http:/", "https:/"})
         EXPECT_EQ(update_proxy_config({1, writable(tooShort), nullptr, false, nullptr, nullptr}), -1);
-    EXPECT_EQ(service->calls("updateProxyconfig"), 5);
+    EXPECT_EQ(service->calls("updateProxyconfig"), 7);
 }
 
 TEST_F(RunningClient, KeepsTheAnswersOfTheServicePerHost)
@@ -161,21 +163,6 @@ static_assert(offsetof(ProxyManagerConfig, proxyUrl) == WORD &&
 static_assert(offsetof(ProxyManagerConfig, optionFlag) == 3 * WORD && sizeof(ProxyManagerConfig) == 6 * WORD);
 static_assert(offsetof(ProxyUrlInformation, proxyUrlList) == WORD && sizeof(ProxyUrlInformation) == 5 * WORD);
 static_assert(offsetof(ProxyUrlInformation, proxyUrlCount) == 4 * WORD && sizeof(ProxySetting) == 2 * WORD);
-
-TEST(Records, HaveModesAndTexts)
-{
-    const std::pair<const char *, int> modes[] = {{"off", 0}, {"MANUAL", 1}, {"pacurl", 2}, {"Wpad", 3},
-                                                  {"", 0},    {"direct", 0}, {"wpad ", 0}};
-    for (const auto &[text, mode] : modes)
-        EXPECT_EQ(str2ProxyMode(text), mode) << text;
-    EXPECT_STREQ(proxyMode2Str(3), "wpad");
-    EXPECT_STREQ(proxyMode2Str(4), "off");
-    EXPECT_STREQ(proxyMode2Str(-1), "off");
-    char *const text = string2Char("abc", 2);
-    EXPECT_STREQ(text, "ab");
-    free(text);
-    EXPECT_TRUE(!string2Char("abc", 0) && !string2Char(nullptr, 5));
-}
 
 TEST(Records, AreCopiedDeeplyAndReleasedOnce)
 {
