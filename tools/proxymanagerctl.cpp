@@ -383,7 +383,10 @@ void add_set_commands(CLI::App &app, Settings &settings, Command &command)
         command = [] { return set_configuration(configuration_of_mode(PROXY_MODE_OFF)); };
     });
     auto *manual = set->add_subcommand("manual", "Use this proxy");
-    manual->add_option("HOST:PORT", settings.proxy, "The proxy, without a scheme")->required();
+    // Not named HOST:PORT: CLI11 refuses a colon in a name since 2.4.
+    manual->add_option("PROXY", settings.proxy, "The proxy, without a scheme")
+        ->type_name("HOST:PORT")
+        ->required();
     auto *user = manual->add_option("--user", settings.user, "User name for the proxy")->type_name("NAME");
     manual
         ->add_flag("--password-stdin", settings.password_from_stdin,

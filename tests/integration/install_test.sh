@@ -44,7 +44,7 @@ done
 printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer C CXX)' 'find_package(atls 1.0 REQUIRED)' \
     'set(CMAKE_C_STANDARD 99)' 'set(CMAKE_CXX_STANDARD 17)' 'foreach(kind c cpp)' 'add_executable(by-${kind} consumer.${kind})' \
     'target_link_libraries(by-${kind} PRIVATE atls::atls)' 'endforeach()' >"$work/CMakeLists.txt"
-cmake -S "$work" -B "$work/consumers" -DCMAKE_PREFIX_PATH="$work/moved" >"$work/log"
+cmake -S "$work" -B "$work/consumers" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" >"$work/log"
 cmake --build "$work/consumers" >>"$work/log" || { cat "$work/log"; exit 1; }
 "$work/consumers/by-c"
 "$work/consumers/by-cpp"

@@ -44,11 +44,11 @@ void PrivateBus::start(const std::string &rules)
 
 std::string ask(const std::string &member, const std::vector<std::string> &arguments)
 {
-    const bool qualified = member.find('.') != std::string::npos;
-    std::vector<std::string> command{
-        "gdbus",      "call",       "--system",
-        "-d",         SERVICE_NAME, "-o",
-        SERVICE_PATH, "-m",         qualified ? member : SERVICE_INTERFACE + ('.' + member)};
+    const std::string method =
+        member.find('.') != std::string::npos ? member : SERVICE_INTERFACE + ('.' + member);
+    std::vector<std::string> command{"env", "LC_ALL=C.UTF-8", "gdbus", "call",
+                                     "--system"}; // it prints UTF-8 then
+    command.insert(command.end(), {"-d", SERVICE_NAME, "-o", SERVICE_PATH, "-m", method});
     command.insert(command.end(), arguments.begin(), arguments.end());
     Program gdbus(std::move(command));
     const std::string text = gdbus.end() == 0 ? gdbus.out() : gdbus.err();
