@@ -1,0 +1,25 @@
+# For an ARM system, with clang and the sysroot ATLS_SYSROOT that scripts/cross makes. ATLS_TRIPLET names the system:
+# arm-linux-gnueabihf (32 bits, hardware floating point) or aarch64-linux-gnu.
+set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ATLS_SYSROOT ATLS_TRIPLET)
+string(REGEX MATCH "^[^-]*" CMAKE_SYSTEM_PROCESSOR "${ATLS_TRIPLET}")
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSROOT ${ATLS_SYSROOT})
+foreach(language C CXX)
+    set(CMAKE_${language}_COMPILER_TARGET ${ATLS_TRIPLET})
+endforeach()
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_CXX_COMPILER clang++)
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
+    add_compile_options(-mthumb) # as the compilers of Debian and of most devices do
+endif()
+add_link_options(-fuse-ld=lld)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-${CMAKE_SYSTEM_PROCESSOR}-static -L ${ATLS_SYSROOT})
+foreach(kind LIBRARY INCLUDE PACKAGE)
+    set(CMAKE_FIND_ROOT_PATH_MODE_${kind} ONLY)
+endforeach()
+set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
+set(CMAKE_LIBRARY_ARCHITECTURE ${ATLS_TRIPLET})
+if(ATLS_SYSROOT) # CMake's own checks may not know it
+    set(ENV{PKG_CONFIG_SYSROOT_DIR} ${ATLS_SYSROOT})
+    set(ENV{PKG_CONFIG_LIBDIR} ${ATLS_SYSROOT}/usr/lib/${ATLS_TRIPLET}/pkgconfig:${ATLS_SYSROOT}/usr/share/pkgconfig:${ATLS_SYSROOT}/usr/lib/pkgconfig)
+endif()
