@@ -43,6 +43,7 @@ constexpr size_t DATE_TEXT_MAX = 128;
 constexpr long REQUEST_TIMEOUT_MS = 30000;
 constexpr long HTTP_OK = 200;
 constexpr long HTTP_BAD_REQUEST = 400;
+constexpr long HTTP_PROXY_AUTHENTICATION = 407;
 constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
@@ -187,8 +188,8 @@ bool keep_proxy_list(atls_handle *handle, const ProxyUrlInformation &answer)
 // Every way to prove one's identity to a proxy that libcurl has, but for Digest where FIPS rules it out.
 long proxy_auth_mask()
 {
-    const unsigned long digest = CURLAUTH_DIGEST | CURLAUTH_DIGEST_IE;
-    return static_cast<long>(is_fips_mode_on() ? ~digest : CURLAUTH_ANY);
+    constexpr unsigned long ANY = CURLAUTH_ANY; // its bits differ between versions of libcurl
+    return static_cast<long>(is_fips_mode_on() ? ANY & ~CURLAUTH_DIGEST : ANY);
 }
 
 void apply_manual_proxy(CURL *curl, const ProxyUrlInformation &answer)
@@ -1121,11 +1122,23 @@ int keep_cookies(const char *caller, atls_handle *handle, const char *header)
 namespace
 {
 
-// Results that another proxy of the list may mend.
-bool is_connection_failure(CURLcode code)
+// A proxy that answered CONNECT with an error status has been reached, whatever the result says: libcurl's is
+// 56, and 7 since 8.20. After a 407 libcurl may have gone on by itself, with credentials: a time-out, say, is
+// then the later attempt's.
+bool has_proxy_refused(CURL *curl, CURLcode code)
 {
-    return code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
-           code == CURLE_OPERATION_TIMEDOUT;
+    long status = 0; // of this post: libcurl forgets that of an earlier one
+    (void)curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &status);
+    return status >= HTTP_BAD_REQUEST &&
+           (status != HTTP_PROXY_AUTHENTICATION || code == CURLE_COULDNT_CONNECT);
+}
+
+// Results that another proxy of the list may mend.
+bool may_next_proxy_mend(CURL *curl, CURLcode code)
+{
+    return (code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
+            code == CURLE_OPERATION_TIMEDOUT) &&
+           !has_proxy_refused(curl, code);
 }
 
 void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)
@@ -1150,7 +1163,8 @@ CURLcode post_with_failover(const char *caller, atls_handle *handle)
             return code;
         syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),
                static_cast<int>(handle->proxyUrlCount), index);
-        if (!is_connection_failure(code) || index >= handle->proxyUrlCount || !handle->proxyUrlList) {
+        if (!may_next_proxy_mend(handle->curl, code) || index >= handle->proxyUrlCount ||
+            !handle->proxyUrlList) {
             syslog(LOG_ERR, "%s: Failed to preform post", caller);
             release_proxy_list(handle);
             return code;

@@ -43,6 +43,7 @@ Shared &shared()
 }
 
 std::atomic<bool> fips_mode{false};
+std::atomic<long> connect_status{0};
 
 // Points that the library passes, and the one that is to fail.
 thread_local bool inside = false;
@@ -94,6 +95,11 @@ void reset(long timeout_ms, time_t now, bool clock_settable)
 void set_fips(bool on)
 {
     fips_mode = on;
+}
+
+void set_connect_status(long status)
+{
+    connect_status = status;
 }
 
 void arm(int nth)
@@ -245,6 +251,10 @@ CURLcode __wrap_curl_easy_getinfo(CURL *curl, CURLINFO info, ...)
     va_start(arguments, info);
     void *value = va_arg(arguments, void *);
     va_end(arguments);
+    if (info == CURLINFO_HTTP_CONNECTCODE && connect_status != 0) {
+        *static_cast<long *>(value) = connect_status;
+        return CURLE_OK;
+    }
     return fails("curl_easy_getinfo") ? CURLE_UNKNOWN_OPTION : __real_curl_easy_getinfo(curl, info, value);
 }
 

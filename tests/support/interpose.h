@@ -28,6 +28,7 @@ State kept(); // a copy of what is kept since reset()
 void reset(long timeout_ms = 0, time_t now = 0,
            bool clock_settable = false); // forgets it; puts these in force
 void set_fips(bool on);                  // what the question for the FIPS mode is answered
+void set_connect_status(long status);    // what a proxy is said to have answered CONNECT; 0: what it did
 
 // Points are the calls, and the requests for memory, that can fail. Only those on a thread that is inside the
 // library count: between set_inside() calls, and on threads that the library starts.
