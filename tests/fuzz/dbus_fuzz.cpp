@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <dbus/dbus.h>
+#include <unistd.h>
 
 using MessagePtr = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
 
@@ -78,7 +79,8 @@ static void deliver()
 // A connection to somebody who never answers.
 static DBus::Connection &connection()
 {
-    static DBusServer *const server = dbus_server_listen("unix:tmpdir=/tmp", nullptr);
+    const std::string listening = "unix:abstract=fuzz-" + std::to_string(getpid()); // no file is left of it
+    static DBusServer *const server = dbus_server_listen(listening.c_str(), nullptr);
     static char *const address = dbus_server_get_address(server);
     static auto *const dispatcher = new OwningDispatcher;
     DBus::default_dispatcher = dispatcher;
