@@ -9,9 +9,12 @@
 #include <iterator>
 #include <memory>
 #include <random>
+#include <type_traits>
 
 #include <CLI/CLI.hpp>
 #include <fcntl.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -54,9 +57,14 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_flag("-i,--include", settings.with_header,
                  "Write the response header block in front of the answer");
     app.add_option("--tracking-id", settings.tracking_id, "Send this TrackingID header with every request");
-    app.add_option("--ip", settings.ip,
-                   "Connect to this IP address, IPv6 in brackets, in place of the URL's host");
-    app.add_option("-n,--count", settings.count, "Post the message this many times on one connection")
+    app.add_option(
+        "--ip", settings.ip,
+        "Connect to this IP address, IPv6 in brackets, and name it in the request, in place of the URL's "
+        "host");
+    app.add_option(
+           "-n,--count", settings.count,
+           "Post the message this many times on one connection, and on a new one after each that did not "
+           "bring a whole, encrypted answer")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
     cli::add_log_option(
@@ -68,7 +76,8 @@ void add_options(CLI::App &app, Settings &settings)
         "Tell afterwards which proxies were offered and which one carried the message, of the session, "
         "bytes and times; --log then shows at least notices");
     app.footer("Log, trace and explanation go to the standard error.\n"
-               "Exit status: 0, or the library's result (1 to 7), 64 wrong usage, 74 answer not written.\n"
+               "Exit status: 0, or the library's result (1 to 7) for the first message that failed, 64 wrong "
+               "usage,\n  74 answer not written.\n"
                "Examples:\n"
                "  atls-post https://service.example/atls 'hello'\n"
                "  atls-post -o answer.bin https://service.example:8443/atls @message.bin\n"
@@ -188,25 +197,32 @@ private:
 };
 
 // libcurl's trace goes to stdio's stderr, the log to descriptor 2. Without --trace this program's own stderr
-// is pointed elsewhere for the time of the connection, which the C library allows.
+// is pointed elsewhere for the time of the connection. Where the C library has a constant (musl), the trace shows.
 class TraceHidden
 {
 public:
     explicit TraceHidden(bool hide)
     {
         if (hide && (null_ = fopen("/dev/null", "we")))
-            stderr = null_;
+            point(stderr, null_);
     }
     TraceHidden(const TraceHidden &) = delete;
     TraceHidden &operator=(const TraceHidden &) = delete;
     ~TraceHidden()
     {
-        stderr = saved_;
+        point(stderr, saved_);
         if (null_)
             fclose(null_);
     }
 
 private:
+    template <typename Stream>
+    static void point(Stream &stream, FILE *file)
+    {
+        if constexpr (!std::is_const_v<Stream>)
+            stream = file;
+    }
+
     FILE *saved_ = stderr;
     FILE *null_ = nullptr;
 };
@@ -232,45 +248,111 @@ int report_failure(const char *doing, const Settings &settings, int result)
     return result;
 }
 
+// What the engine still holds once an answer has been read from it.
+enum class Rest {
+    NOTHING, // but perhaps session tickets or new keys, which are no data
+    CLOSED,  // the service has closed the session
+    DATA     // more of an answer, or what is no TLS at all
+};
+
+Rest rest_behind_answer(SSL *ssl)
+{
+    char byte = 0;
+    ERR_clear_error(); // SSL_get_error looks there, too
+    switch (SSL_get_error(ssl, SSL_peek(ssl, &byte, 1))) {
+    case SSL_ERROR_WANT_READ: // perhaps for the end of a record
+        return SSL_has_pending(ssl) || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0 ? Rest::DATA : Rest::NOTHING;
+    case SSL_ERROR_ZERO_RETURN:
+        return Rest::CLOSED;
+    default:
+        return Rest::DATA;
+    }
+}
+
+int write_answer(const Settings &settings, const atls_resp &answer, Output &output)
+{
+    if (!output.write(answer, settings.with_header)) {
+        std::cerr << "atls-post: answer not written: " << strerror(errno) << std::endl;
+        return EXIT_OUTPUT;
+    }
+    if (answer.status_code != 200)
+        std::cerr << "atls-post: the service answered with HTTP status " << answer.status_code << std::endl;
+    return ATLS_OK;
+}
+
+// The library decrypts a body only when the header says so, and anybody on the way may say otherwise.
+bool is_encrypted(const atls_resp &answer)
+{
+    return strstr(answer.header, "Content-Type: application/octet-stream") != nullptr;
+}
+
+// Judges a response and writes its answer. open tells whether the next message may go over the same session.
+int take_answer(SSL *ssl, const Settings &settings, const atls_resp &answer, Output &output, bool &open)
+{
+    const bool encrypted = is_encrypted(answer);
+    const Rest rest = encrypted ? rest_behind_answer(ssl) : Rest::NOTHING;
+    open = encrypted && rest == Rest::NOTHING;
+    if (rest == Rest::DATA) {
+        std::cerr
+            << "atls-post: more data waits behind the " << answer.body_len
+            << " bytes that end the answer: the service wrote it in several short TLS records; let it write"
+               " the whole at once, in full records (atls-post(1), SERVICES)"
+            << std::endl;
+        return ATLS_BAD_RESPONSE;
+    }
+    const int status = write_answer(settings, answer, output);
+    if (!encrypted)
+        std::cerr << "atls-post: the answer was not encrypted: it is not protected by the session"
+                  << std::endl;
+    return status;
+}
+
+// Leaves the handle connected only if the next message may go over the same session: a message without an answer of
+// its own may be answered late, in the place of the next.
 int exchange(atls_handle *handle, const Settings &settings, const std::string &path,
              const std::string &message, Output &output, Explanation &explanation)
 {
     atls_resp answer = {};
-    const int result =
+    bool open = false;
+    int status =
         atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), path.c_str(), &answer);
-    int status = result;
-    if (result == ATLS_OK)
+    if (status != ATLS_OK) {
+        report_failure("posting to", settings, status);
+    } else {
         explanation.exchanged(*handle, answer, message.size());
-    if (result != ATLS_OK) {
-        report_failure("posting to", settings, result);
-    } else if (!output.write(answer, settings.with_header)) {
-        std::cerr << "atls-post: answer not written: " << strerror(errno) << std::endl;
-        status = EXIT_OUTPUT;
-    } else if (answer.status_code != 200) {
-        std::cerr << "atls-post: the service answered with HTTP status " << answer.status_code << std::endl;
+        status = take_answer(handle->ssl, settings, answer, output, open);
     }
-    // The library decrypts a body only when the header says so, and anybody on the way may say otherwise.
-    if (result == ATLS_OK && !strstr(answer.header, "Content-Type: application/octet-stream"))
-        std::cerr << "atls-post: the answer was not encrypted: it is not protected by the session"
-                  << std::endl;
     cleanup_atls_resp(&answer);
+    if (!open)
+        atls_handle_cleanup(&handle);
     return status;
 }
 
-int post(atls_handle *handle, const Settings &settings, const Address &address, const std::string &message,
-         Output &output, Explanation &explanation)
+int connect(atls_handle *handle, const Settings &settings, const Address &address, Explanation &explanation)
 {
     const bool by_ip = !settings.ip.empty();
     const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
-    int status =
+    const int status =
         atls_connect(&handle, by_ip ? nullptr : address.host.c_str(), by_ip ? settings.ip.c_str() : nullptr,
                      address.port, address.path.c_str(), tracking_id);
-    if (settings.explain)
-        explanation.connected(*handle);
-    if (status != ATLS_OK)
-        return report_failure("connecting to", settings, status);
-    for (int i = 0; i < settings.count && status == ATLS_OK; i++)
-        status = exchange(handle, settings, address.path, message, output, explanation);
+    explanation.connected(*handle);
+    return status == ATLS_OK ? status : report_failure("connecting to", settings, status);
+}
+
+// Returns the status of the first message that failed.
+int post(atls_handle *handle, const Settings &settings, const Address &address, const std::string &message,
+         Output &output, Explanation &explanation)
+{
+    int status = ATLS_OK;
+    for (int i = 0; i < settings.count; i++) {
+        const int connected = handle->ssl ? ATLS_OK : connect(handle, settings, address, explanation);
+        const int result = connected == ATLS_OK
+                               ? exchange(handle, settings, address.path, message, output, explanation)
+                               : connected;
+        status = status == ATLS_OK ? result : status;
+        if (connected != ATLS_OK || result == EXIT_OUTPUT)
+            break; // the next message would fare no better
+    }
     return status;
 }
 

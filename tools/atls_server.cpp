@@ -45,6 +45,14 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("--max-tls", service.inner.max_version, "Highest version of the inner TLS: 1.2 or 1.3")
         ->transform(cli::one_of(versions))
         ->default_str("1.3");
+    app.add_option(
+           "--max-fragment", service.inner.max_fragment,
+           "Write answers in records of at most this many bytes; a device takes the first record below "
+           "16384 for the last")
+        ->check(CLI::Range(512, 16384))
+        ->capture_default_str();
+    app.add_flag("--key-updates", service.inner.key_updates,
+                 "Change the keys behind each answer, with TLS 1.3");
     app.add_option("--idle", settings.idle_seconds, "Drop a session unused for this many seconds")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();

@@ -71,7 +71,7 @@ public:
         }
         while (!sessions_.empty() && sessions_.size() >= options_.max_sessions)
             drop_oldest();
-        Entry entry{random_id(), std::make_shared<InnerSession>(ctx_)};
+        Entry entry{random_id(), std::make_shared<InnerSession>(ctx_, options_.inner.key_updates)};
         sessions_[entry.id] = {entry.session, Clock::now()};
         return entry;
     }

@@ -64,9 +64,12 @@ public:
     {
         const std::string query = "ProxyManagerClientImpl-getProxyUrl ";
         std::string rest;
-        if (read_behind(line, query + "proxy mode is manual. proxyUrl:", rest))
+        if (begins(line, "enter setProxyParams "))
+            start_anew();
+        else if (read_behind(line, query + "proxy mode is manual. proxyUrl:", rest))
             take_offer(rest.substr(0, rest.find(", useName:")));
-        else if (read_behind(line, query + "response from proxy manager service, index:", rest))
+        else if (read_behind(line, query + "response from proxy manager service, index:", rest) ||
+                 read_behind(line, query + "get proxy url from cache, index:", rest))
             take_offer(rest.substr(rest.find(':') + 1)); // behind the index and its name
         else if (read_of_post(line, ": curl_rc:", rest))
             route_.failures.push_back(
@@ -85,6 +88,11 @@ public:
     const Route &route() const { return route_; }
 
 private:
+    void start_anew() // with another connection
+    {
+        route_.offered.clear();
+        proxy_ = NO_PROXY;
+    }
     void take_offer(const std::string &entry)
     {
         if (route_.offered.empty())
@@ -98,8 +106,10 @@ private:
         route_.carriers.back().second++;
     }
 
+    static constexpr const char *NO_PROXY = "no proxy";
+
     Route route_;
-    std::string proxy_ = "no proxy"; // the one in use
+    std::string proxy_ = NO_PROXY; // the one in use
     Clock::time_point last_;
 };
 
@@ -212,7 +222,8 @@ void LogReader::take(const std::string &line)
 
 void Explanation::connected(const atls_handle &handle)
 {
-    connected_ = Clock::now();
+    if (connections_++ == 0)
+        connected_ = Clock::now();
     if (handle.ssl)
         session_ = SSL_get_version(handle.ssl) + std::string(", ") + SSL_get_cipher_name(handle.ssl);
 }
@@ -240,6 +251,9 @@ void Explanation::write(std::ostream &out, const Lines &log, Clock::time_point e
     write_route(out, log);
     if (!session_.empty())
         label(out, "inner session") << session_ << '\n';
+    if (connections_ > 1)
+        label(out, "connected anew") << connections_ - 1
+                                     << " x, after failures, unencrypted answers or closed sessions\n";
     if (messages_ > 0)
         write_answer(out);
     write_times(out, log, end);
@@ -284,9 +298,11 @@ void Explanation::write_answer(std::ostream &out) const
 void Explanation::write_times(std::ostream &out, const Lines &log, Clock::time_point end) const
 {
     Clock::time_point chosen = start_;
-    for (const LogReader::Line &line : log)
-        if (begins(line, "init_tl_curl: Transport layer initialized!"))
-            chosen = std::min(line.time, connected_); // lines are read a little later
+    const auto set_up = std::find_if(log.begin(), log.end(), [](const LogReader::Line &line) {
+        return begins(line, "init_tl_curl: Transport layer initialized!");
+    });
+    if (set_up != log.end())
+        chosen = std::min(set_up->time, connected_); // lines are read a little later
     label(out, "time") << "proxy selection " << chosen - start_ << ", handshake " << connected_ - chosen
                        << ", messages " << end - connected_ << '\n';
 }

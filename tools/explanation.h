@@ -51,7 +51,7 @@ class Explanation
 public:
     explicit Explanation(std::string url) : url_(std::move(url)) {}
 
-    // After atls_connect, whatever it returned.
+    // After each atls_connect, whatever it returned.
     void connected(const atls_handle &handle);
     // After an exchange that got its answer.
     void exchanged(const atls_handle &handle, const atls_resp &answer, size_t message_length);
@@ -64,7 +64,8 @@ private:
 
     std::string url_;
     Clock::time_point start_ = Clock::now();
-    Clock::time_point connected_ = start_;
+    Clock::time_point connected_ = start_; // for the first time
+    int connections_ = 0;
     std::string peer_;    // address that the last post went to
     std::string session_; // TLS version and cipher
     std::string cookies_; // names only: the values are the session's secret

@@ -66,6 +66,7 @@ SslCtxPtr make_inner_context(const InnerTlsOptions &options)
     require(SSL_CTX_set_min_proto_version(ctx.get(), options.min_version) == 1 &&
                 SSL_CTX_set_max_proto_version(ctx.get(), options.max_version) == 1,
             "TLS version");
+    require(SSL_CTX_set_max_send_fragment(ctx.get(), options.max_fragment) == 1, "record length");
     require(SSL_CTX_use_certificate_chain_file(ctx.get(), options.certificate.c_str()) == 1,
             options.certificate);
     require(SSL_CTX_use_PrivateKey_file(ctx.get(), options.key.c_str(), SSL_FILETYPE_PEM) == 1, options.key);
@@ -82,7 +83,7 @@ SslCtxPtr make_inner_context(const InnerTlsOptions &options)
     return ctx;
 }
 
-InnerSession::InnerSession(SSL_CTX *ctx) : ssl_(SSL_new(ctx))
+InnerSession::InnerSession(SSL_CTX *ctx, bool key_updates) : ssl_(SSL_new(ctx)), key_updates_(key_updates)
 {
     BIO *incoming = BIO_new(BIO_s_mem());
     BIO *outgoing = BIO_new(BIO_s_mem());
@@ -162,6 +163,9 @@ void InnerSession::serve_message(Outcome &outcome, const Answer &answer)
     if (SSL_write(ssl_.get(), reply.data(), static_cast<int>(reply.size())) <= 0)
         return end(outcome, "answer of " + std::to_string(reply.size()) + " bytes not written");
     outcome.answered = true;
+    if (key_updates_ && SSL_key_update(ssl_.get(), SSL_KEY_UPDATE_NOT_REQUESTED) == 1 &&
+        SSL_do_handshake(ssl_.get()) != 1)
+        end(outcome, "key update not written");
 }
 
 void InnerSession::end(Outcome &outcome, const std::string &what)

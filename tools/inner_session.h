@@ -24,6 +24,9 @@ struct InnerTlsOptions {
     std::string device_ca;   // PEM CAs that device certificates are verified against
     int min_version = TLS1_2_VERSION;
     int max_version = TLS1_3_VERSION;
+    int max_fragment =
+        16384; // plaintext bytes of a record; a device takes the first shorter one for the last
+    bool key_updates = false; // change the keys behind each answer, which only TLS 1.3 can
 };
 
 // Makes the context of all sessions: a device certificate is required and verified. Throws std::runtime_error
@@ -46,7 +49,7 @@ class InnerSession
 public:
     using Answer = std::function<std::string(const std::string &message)>;
 
-    explicit InnerSession(SSL_CTX *ctx);
+    explicit InnerSession(SSL_CTX *ctx, bool key_updates = false);
 
     // Takes the records of one POST and gives the answer to the message in them, if there is one.
     Outcome serve(const std::string &records, const Answer &answer);
@@ -70,6 +73,7 @@ private:
 
     mutable std::mutex mutex_;
     std::unique_ptr<SSL, SslDeleter> ssl_;
+    const bool key_updates_;
     std::string certificate_fault_; // which certificate was refused, and why
     std::string alerts_;            // alerts sent and received
 };

@@ -120,6 +120,29 @@ check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" 
 status=0
 stop service || status=$?
 check "the service ends" 0 "$status"
+
+# A session goes on only behind a whole answer that was encrypted. New keys behind it are no data.
+connections() { # runs a command; prints its status, its output's bytes and how often the service was connected to
+    : >"$work/service.log"
+    echo "$(status_of "$@") $(wc -c <"$work/out") $(grep -c established "$work/service.log")"
+}
+run_stripping_front() { # run_stripping_front PORT: no answer that passes it is marked
+    printf '%s\n' "user root; daemon off; pid $work/pid; error_log $work/front-error; events {}" "http { access_log off;" \
+        "$(for kind in client_body proxy fastcgi uwsgi scgi; do echo "${kind}_temp_path $work/front-$kind;"; done)" \
+        "server { listen 127.0.0.1:$1 ssl; ssl_certificate $work/service/front-cert.pem;" \
+        "ssl_certificate_key $work/service/front-key.pem;" \
+        "location / { proxy_pass $service_url; proxy_hide_header Content-Type; } } }" >"$work/front.conf"
+    exec /usr/sbin/nginx -e "$work/front-error" -c "$work/front.conf"
+}
+start_service --max-fragment 512 --key-updates
+start_on_free_port front run_stripping_front PORT
+check "whole answers" "0 1022 1" "$(connections post -n 2 "$service_url/" "@"<(head -c 511 "$work/big"))"
+check "answers in short records" "4 0 2" "$(connections post -n 2 "$service_url/" "@"<(head -c 600 "$work/big"))"
+check "the cause" 2 "$(grep -c 'several short TLS records' "$work/err")"
+check "unmarked answers" "0 2" "$(connections post --explain -n 2 "https://127.0.0.1:$port/" x | cut -d ' ' -f 1,3)"
+check "told" 1 "$(grep -c '^  connected anew  1 x' "$work/err")"
+stop front
+stop service
 # Where nothing can be mounted, other tests have their folders in the same /tmp.
 check "nothing but the flights is left in /tmp" "" \
     "$(find /tmp -mindepth 1 -maxdepth 1 -newer "$work/device/device-cert.der" ! -path "$work" ! -name 'atls-test-*' \
