@@ -251,7 +251,7 @@ int report_failure(const char *doing, const Settings &settings, int result)
 // What the engine still holds once an answer has been read from it.
 enum class Rest {
     NOTHING, // but perhaps session tickets or new keys, which are no data
-    CLOSED,  // the service has closed the session
+    END,     // the service has closed the session, or wants it negotiated anew
     DATA     // more of an answer, or what is no TLS at all
 };
 
@@ -261,9 +261,11 @@ Rest rest_behind_answer(SSL *ssl)
     ERR_clear_error(); // SSL_get_error looks there, too
     switch (SSL_get_error(ssl, SSL_peek(ssl, &byte, 1))) {
     case SSL_ERROR_WANT_READ: // perhaps for the end of a record
-        return SSL_has_pending(ssl) || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0 ? Rest::DATA : Rest::NOTHING;
+        if (SSL_has_pending(ssl) || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0)
+            return Rest::DATA;
+        return SSL_is_init_finished(ssl) ? Rest::NOTHING : Rest::END;
     case SSL_ERROR_ZERO_RETURN:
-        return Rest::CLOSED;
+        return Rest::END;
     default:
         return Rest::DATA;
     }
