@@ -252,8 +252,8 @@ void Explanation::write(std::ostream &out, const Lines &log, Clock::time_point e
     if (!session_.empty())
         label(out, "inner session") << session_ << '\n';
     if (connections_ > 1)
-        label(out, "connected anew") << connections_ - 1
-                                     << " x, after failures, unencrypted answers or closed sessions\n";
+        label(out, "connected anew") << connections_ - 1 << (connections_ == 2 ? " time" : " times")
+                                     << ", after failures, unencrypted answers or closed sessions\n";
     if (messages_ > 0)
         write_answer(out);
     write_times(out, log, end);

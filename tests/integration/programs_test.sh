@@ -140,7 +140,7 @@ check "whole answers" "0 1022 1" "$(connections post -n 2 "$service_url/" "@"<(h
 check "answers in short records" "4 0 2" "$(connections post -n 2 "$service_url/" "@"<(head -c 600 "$work/big"))"
 check "the cause" 2 "$(grep -c 'several short TLS records' "$work/err")"
 check "unmarked answers" "0 2" "$(connections post --explain -n 2 "https://127.0.0.1:$port/" x | cut -d ' ' -f 1,3)"
-check "told" 1 "$(grep -c '^  connected anew  1 x' "$work/err")"
+check "told" 1 "$(grep -c '^  connected anew  1 time,' "$work/err")"
 stop front
 stop service
 # Where nothing can be mounted, other tests have their folders in the same /tmp.
