@@ -252,7 +252,8 @@ int report_failure(const char *doing, const Settings &settings, int result)
 enum class Rest {
     NOTHING, // but perhaps session tickets or new keys, which are no data
     END,     // the service has closed the session, or wants it negotiated anew
-    DATA     // more of an answer, or what is no TLS at all
+    DATA,    // more of an answer
+    GARBAGE  // no whole record
 };
 
 Rest rest_behind_answer(SSL *ssl)
@@ -260,14 +261,16 @@ Rest rest_behind_answer(SSL *ssl)
     char byte = 0;
     ERR_clear_error(); // SSL_get_error looks there, too
     switch (SSL_get_error(ssl, SSL_peek(ssl, &byte, 1))) {
+    case SSL_ERROR_NONE:
+        return Rest::DATA;
     case SSL_ERROR_WANT_READ: // perhaps for the end of a record
         if (SSL_has_pending(ssl) || BIO_ctrl_pending(SSL_get_rbio(ssl)) > 0)
-            return Rest::DATA;
+            return Rest::GARBAGE;
         return SSL_is_init_finished(ssl) ? Rest::NOTHING : Rest::END;
     case SSL_ERROR_ZERO_RETURN:
         return Rest::END;
     default:
-        return Rest::DATA;
+        return Rest::GARBAGE;
     }
 }
 
@@ -294,11 +297,13 @@ int take_answer(SSL *ssl, const Settings &settings, const atls_resp &answer, Out
     const bool encrypted = is_encrypted(answer);
     const Rest rest = encrypted ? rest_behind_answer(ssl) : Rest::NOTHING;
     open = encrypted && rest == Rest::NOTHING;
-    if (rest == Rest::DATA) {
+    if (rest == Rest::DATA || rest == Rest::GARBAGE) {
         std::cerr
-            << "atls-post: more data waits behind the " << answer.body_len
-            << " bytes that end the answer: the service wrote it in several short TLS records; let it write"
-               " the whole at once, in full records (atls-post(1), SERVICES)"
+            << "atls-post: more waits behind the " << answer.body_len << " bytes that end the answer: "
+            << (rest == Rest::DATA
+                    ? "the service wrote it in several short TLS records; let it write the whole at once, "
+                      "in full records (atls-post(1), SERVICES)"
+                    : "no whole TLS record")
             << std::endl;
         return ATLS_BAD_RESPONSE;
     }
@@ -330,7 +335,8 @@ int exchange(atls_handle *handle, const Settings &settings, const std::string &p
     return status;
 }
 
-int connect(atls_handle *handle, const Settings &settings, const Address &address, Explanation &explanation)
+int connect_handle(atls_handle *handle, const Settings &settings, const Address &address,
+                   Explanation &explanation)
 {
     const bool by_ip = !settings.ip.empty();
     const char *tracking_id = settings.tracking_id.empty() ? nullptr : settings.tracking_id.c_str();
@@ -347,7 +353,7 @@ int post(atls_handle *handle, const Settings &settings, const Address &address, 
 {
     int status = ATLS_OK;
     for (int i = 0; i < settings.count; i++) {
-        const int connected = handle->ssl ? ATLS_OK : connect(handle, settings, address, explanation);
+        const int connected = handle->ssl ? ATLS_OK : connect_handle(handle, settings, address, explanation);
         const int result = connected == ATLS_OK
                                ? exchange(handle, settings, address.path, message, output, explanation)
                                : connected;

@@ -24,8 +24,7 @@ struct InnerTlsOptions {
     std::string device_ca;   // PEM CAs that device certificates are verified against
     int min_version = TLS1_2_VERSION;
     int max_version = TLS1_3_VERSION;
-    int max_fragment =
-        16384; // plaintext bytes of a record; a device takes the first shorter one for the last
+    int max_fragment = 16384; // plaintext bytes of the records of an answer
     bool key_updates = false; // change the keys behind each answer, which only TLS 1.3 can
 };
 
