@@ -137,7 +137,7 @@ std::string read_message(const CLI::App &app, const Settings &settings)
         message = read_all(stdin, "the standard input");
     } else if (!message.empty() && message[0] == '@') {
         const std::string name = message.substr(1);
-        const std::unique_ptr<FILE, decltype(&fclose)> file(fopen(name.c_str(), "rbe"), fclose);
+        const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen(name.c_str(), "rbe"), fclose);
         if (!file)
             throw cli::UsageError("cannot open " + name + ": " + strerror(errno));
         message = read_all(file.get(), name);
