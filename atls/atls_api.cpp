@@ -8,36 +8,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
 #include <syslog.h>
 
 #include "safec.h"
-
-namespace
-{
-
-constexpr const char *EXCHANGE = "atls_easy_perform"; // the name that its steps log under
-
-// Finds needle in text, however long the text is.
-bool contains(const char *text, const char *needle)
-{
-    const size_t length = strlen(text);
-    const size_t needle_length = strlen(needle);
-    // Each window repeats the end of the one before it, where a match may have been cut.
-    for (size_t start = 0; start + needle_length <= length;
-         start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
-        const size_t bound = std::min(length - start, SAFEC_SEARCH_LIMIT);
-        char *found = nullptr;
-        (void)strstr_s(const_cast<char *>(text) + start, bound, needle, needle_length, &found);
-        if (found)
-            return true;
-    }
-    return false;
-}
-
-} // namespace
 
 // ---- Handles and answers
 
@@ -153,26 +130,36 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
 namespace
 {
 
-// State of one exchange; releases what the answer record has not taken, the header first.
-struct Exchange {
-    atls_handle *handle;
-    BIO *read_bio = nullptr;
-    BIO *write_bio = nullptr;
-    curl_resp body = {};
-    curl_resp header = {};
-    char *records = nullptr; // the encrypted message and a NUL
-    int records_length = 0;
-    long status_code = 0;
+constexpr const char *EXCHANGE = "atls_easy_perform"; // the name that its steps log under
 
-    explicit Exchange(atls_handle *connection) : handle(connection) {}
-    Exchange(const Exchange &) = delete;
-    Exchange &operator=(const Exchange &) = delete;
-    ~Exchange()
-    {
-        free(records);
-        cleanup_curl_resp(&header);
-        cleanup_curl_resp(&body);
+// Finds needle in text, however long the text is.
+bool contains(const char *text, const char *needle)
+{
+    const size_t length = strlen(text);
+    const size_t needle_length = strlen(needle);
+    // Each window repeats the end of the one before it, where a match may have been cut.
+    for (size_t start = 0; start + needle_length <= length;
+         start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
+        const size_t bound = std::min(length - start, SAFEC_SEARCH_LIMIT);
+        char *found = nullptr;
+        (void)strstr_s(const_cast<char *>(text) + start, bound, needle, needle_length, &found);
+        if (found)
+            return true;
     }
+    return false;
+}
+
+struct Free {
+    void operator()(char *block) const { free(block); }
+};
+
+// State of one exchange.
+struct Exchange {
+    Post post;
+    std::unique_ptr<char, Free> records; // the encrypted message and a NUL
+    int records_length = 0;
+
+    explicit Exchange(atls_handle *handle) : post(EXCHANGE, handle) {}
 };
 
 bool check_exchange_arguments(const atls_handle *handle, const void *msg, int msg_len, const char *service,
@@ -191,111 +178,105 @@ bool check_exchange_arguments(const atls_handle *handle, const void *msg, int ms
     return resp != nullptr;
 }
 
-bool prepare_request(Exchange &exchange, const char *service)
+bool prepare_request(Post &post, const char *service)
 {
-    const atls_handle *handle = exchange.handle;
-    if (!get_engine_bios(EXCHANGE, handle->ssl, &exchange.read_bio, &exchange.write_bio))
+    if (!post.attach())
         return false;
+    const atls_handle *handle = post.handle;
     char url[ATLS_LINE_SIZE];
     snprintf(url, sizeof url, "https://%s:%d%s", handle->hostname, static_cast<int>(handle->port), service);
-    return RequestOptions(handle->curl, EXCHANGE)
-               .set(CURLOPT_WRITEDATA, &exchange.body, "%s: Failed to set curl response body buffer")
-               .set(CURLOPT_HEADERDATA, &exchange.header, "%s: Failed to set curl response header buffer")
-               .set(CURLOPT_URL, url, "%s: Failed to set curl URI")
-               .result() == CURLE_OK;
+    return RequestOptions(handle->curl, EXCHANGE).set(CURLOPT_URL, url, "Failed to set curl URI").result() ==
+           CURLE_OK;
 }
 
 // Moves all that waits in the engine's write BIO into exchange.records. Returns the bytes read, or what the
-// failed read returned; a message that fails to be read as a whole is dropped as a whole.
+// failed read returned.
 int collect_records(Exchange &exchange)
 {
-    const size_t pending = BIO_ctrl_pending(exchange.write_bio);
-    exchange.records = pending < INT_MAX ? static_cast<char *>(malloc(pending + 1)) : nullptr;
-    if (!exchange.records)
+    BIO *write_bio = exchange.post.write_bio;
+    const size_t pending = BIO_ctrl_pending(write_bio);
+    exchange.records.reset(pending < INT_MAX ? static_cast<char *>(malloc(pending + 1)) : nullptr);
+    char *records = exchange.records.get();
+    if (!records)
         return -1;
     int total = 0;
     do {
         const int rest = static_cast<int>(pending) - total;
-        const int count =
-            BIO_read(exchange.write_bio, exchange.records + total, std::min(rest, ATLS_FLIGHT_SIZE));
+        const int count = BIO_read(write_bio, records + total, std::min(rest, ATLS_FLIGHT_SIZE));
         if (count <= 0)
             return count;
         total += count;
     } while (total < static_cast<int>(pending));
-    exchange.records[total] = '\0';
+    records[total] = '\0';
     return total;
 }
 
+// A message that fails here is dropped as a whole.
 bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
 {
-    bool encrypted = false;
-    if (SSL_write(exchange.handle->ssl, msg, msg_len) != msg_len) {
+    SSL *ssl = exchange.post.handle->ssl;
+    if (SSL_write(ssl, msg, msg_len) != msg_len) {
         syslog(LOG_ERR, "%s: Failed to Encrypt message using SSL object", EXCHANGE);
     } else {
         exchange.records_length = collect_records(exchange);
-        encrypted = exchange.records_length > 0;
-        if (!encrypted)
-            syslog(LOG_ERR, "%s: Failed to read ATLS flight from BIO bytes read=>[%d]", EXCHANGE,
-                   exchange.records_length);
+        if (exchange.records_length > 0)
+            return true;
+        syslog(LOG_ERR, "%s: Failed to read ATLS flight from BIO bytes read=>[%d]", EXCHANGE,
+               exchange.records_length);
     }
-    if (!encrypted)
-        (void)BIO_reset(exchange.write_bio); // the next exchange must not send what is left of this one
-    return encrypted;
+    (void)BIO_reset(exchange.post.write_bio);
+    return false;
 }
 
 bool post_message(Exchange &exchange)
 {
-    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length,
-           exchange.records);
-    const CURLcode code = RequestOptions(exchange.handle->curl, EXCHANGE)
-                              .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(exchange.records_length),
-                                   "%s: Failed to set curl post body size")
-                              .set(CURLOPT_POSTFIELDS, exchange.records, "%s: Failed to set curl post body")
-                              .result();
-    return code == CURLE_OK && post_with_failover(EXCHANGE, exchange.handle) == CURLE_OK;
+    const char *records = exchange.records.get();
+    syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length, records);
+    return exchange.post.set_records(records, exchange.records_length) && exchange.post.perform();
 }
 
-bool check_response(Exchange &exchange)
+bool receive_answer(Post &post)
 {
-    const atls_handle *handle = exchange.handle;
-    if (is_empty(exchange.body) || is_empty(exchange.header)) {
-        syslog(LOG_ERR, "%s: Failed to receieve handshake response", EXCHANGE);
+    if (!post.check_parts() || !post.read_status())
         return false;
-    }
-    if (curl_easy_getinfo(handle->curl, CURLINFO_RESPONSE_CODE, &exchange.status_code) != CURLE_OK) {
-        syslog(LOG_ERR, "%s: Failed to get response status code", EXCHANGE);
-        return false;
-    }
-    const int port = static_cast<int>(handle->port);
-    const int header_size = static_cast<int>(exchange.header.size);
-    const int body_size = static_cast<int>(exchange.body.size);
-    syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", EXCHANGE, header_size,
-           exchange.header.data, handle->hostname, port);
-    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE, body_size,
-           exchange.body.data, handle->hostname, port);
+    const char *hostname = post.handle->hostname;
+    const int port = static_cast<int>(post.handle->port);
+    syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", EXCHANGE,
+           static_cast<int>(post.header.size), post.header.data, hostname, port);
+    syslog(LOG_DEBUG, "%s: Body received [%d] bytes [%s] from [%s:%d]", EXCHANGE,
+           static_cast<int>(post.body.size), post.body.data, hostname, port);
     syslog(LOG_DEBUG, "%s: ATLS received [%d] bytes from [%s:%d]", EXCHANGE,
-           static_cast<int>(exchange.header.size + exchange.body.size), handle->hostname, port);
+           static_cast<int>(post.header.size + post.body.size), hostname, port);
     syslog(LOG_NOTICE, "%s: ATLS received a [%d] status code from [%s:%d]", EXCHANGE,
-           static_cast<int>(exchange.status_code), handle->hostname, port);
+           static_cast<int>(post.status_code), hostname, port);
     return true;
 }
 
-void read_tracking_id(const Exchange &exchange, atls_resp *resp)
+void read_tracking_id(const Post &post, atls_resp *resp)
 {
-    if (atls_get_tracking_id_from_header(exchange.header.data, &resp->tracking_id) != ATLS_OK)
+    if (atls_get_tracking_id_from_header(post.header.data, &resp->tracking_id) != ATLS_OK)
         syslog(LOG_ERR, "%s: Failed to get tracking id from resp header", EXCHANGE);
     else
         syslog(LOG_NOTICE, "%s: tracking id - %s", EXCHANGE, resp->tracking_id ? resp->tracking_id : "none");
 }
 
-// Replaces the captured body by what it decrypts to.
-int decrypt_body(Exchange &exchange)
+// Reads all that the engine can still decrypt, and forgets it.
+void drop_plaintext(SSL *ssl)
 {
-    const atls_handle *handle = exchange.handle;
+    char rest[ATLS_FLIGHT_SIZE];
+    while (SSL_read(ssl, rest, ATLS_FLIGHT_SIZE) > 0) {
+    }
+    OPENSSL_cleanse(rest, sizeof rest);
+}
+
+// Replaces the captured body by what it decrypts to.
+int decrypt_body(Post &post)
+{
+    const atls_handle *handle = post.handle;
     curl_resp plain = {};
     int length = 0;
-    const int result = atls_decrypt_buffer(handle->ssl, exchange.read_bio, exchange.body.data,
-                                           static_cast<int>(exchange.body.size), &plain.data, &length);
+    const int result = atls_decrypt_buffer(handle->ssl, post.read_bio, post.body.data,
+                                           static_cast<int>(post.body.size), &plain.data, &length);
     if (result != ATLS_OK) {
         syslog(LOG_ERR, "%s: ATLS Decrypted Failed", EXCHANGE);
         return result;
@@ -304,21 +285,21 @@ int decrypt_body(Exchange &exchange)
     syslog(LOG_DEBUG, "%s: Decrypted body [%d] bytes [%s] from [%s:%d]", EXCHANGE, length, plain.data,
            handle->hostname, static_cast<int>(handle->port));
     syslog(LOG_NOTICE, "%s: ATLS Decrypted [%d] bytes from the response body", EXCHANGE, length);
-    cleanup_curl_resp(&exchange.body);
-    exchange.body = plain;
+    cleanup_curl_resp(&post.body);
+    post.body = plain;
     return ATLS_OK;
 }
 
 // Moves the captured response into the caller's record.
-void hand_over(Exchange &exchange, atls_resp *resp)
+void hand_over(Post &post, atls_resp *resp)
 {
-    resp->body = static_cast<char *>(trim_block(exchange.body.data, exchange.body.size + 1));
-    resp->body_len = exchange.body.size;
-    resp->header = exchange.header.data;
-    resp->header_len = exchange.header.size;
-    resp->status_code = exchange.status_code;
-    exchange.body = {};
-    exchange.header = {};
+    resp->body = GrowingBlock(post.body.data, post.body.size + 1).release_trimmed();
+    resp->body_len = post.body.size;
+    resp->header = post.header.data;
+    resp->header_len = post.header.size;
+    resp->status_code = post.status_code;
+    post.body = {};
+    post.header = {};
 }
 
 } // namespace
@@ -331,59 +312,50 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
     cleanup_atls_resp(resp);
 
     Exchange exchange(handle);
-    if (!prepare_request(exchange, service) || !encrypt_message(exchange, msg, msg_len) ||
-        !post_message(exchange) || !check_response(exchange))
+    Post &post = exchange.post;
+    if (!prepare_request(post, service) || !encrypt_message(exchange, msg, msg_len) ||
+        !post_message(exchange) || !receive_answer(post))
         return ATLS_EXCHANGE_FAILED;
-    int result = keep_cookies(EXCHANGE, handle, exchange.header.data);
+    int result = post.keep_cookies();
     if (result != ATLS_OK)
         return result;
-    read_tracking_id(exchange, resp);
-    if (contains(exchange.header.data, "Content-Type: application/octet-stream"))
-        result = decrypt_body(exchange);
+    read_tracking_id(post, resp);
+    if (contains(post.header.data, "Content-Type: application/octet-stream"))
+        result = decrypt_body(post);
     if (result == ATLS_OK)
-        hand_over(exchange, resp);
+        hand_over(post, resp);
     return result;
 }
 
 namespace
 {
 
-// Reads the rest of an answer that there is no memory for: it must not be taken for the next one.
-void discard_answer(SSL *ssl)
+// Reads one answer from the engine: it ends with the first read that is not full.
+int read_answer(SSL *ssl, const char *caller, GrowingBlock &answer, int *length)
 {
-    char rest[ATLS_FLIGHT_SIZE];
-    while (SSL_read(ssl, rest, ATLS_FLIGHT_SIZE) == ATLS_FLIGHT_SIZE) {
+    if (!answer.grow(ATLS_FLIGHT_SIZE)) {
+        syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", caller);
+        drop_plaintext(ssl); // it must not be taken for the next answer
+        return ATLS_BAD_RESPONSE;
     }
-    OPENSSL_cleanse(rest, sizeof rest);
-}
-
-// Reads one answer from the engine into *out, which holds ATLS_FLIGHT_SIZE bytes and grows by as many with
-// every full read. On failure the buffer is released and *out is NULL.
-int read_answer(SSL *ssl, const char *caller, char **out, int *out_length)
-{
-    for (size_t total = 0;;) {
-        const int count = SSL_read(ssl, *out + total, ATLS_FLIGHT_SIZE);
+    for (int total = 0;;) {
+        const int count = SSL_read(ssl, answer.data() + total, ATLS_FLIGHT_SIZE);
         if (count <= 0) {
             syslog(LOG_ERR, "%s: Failed to decrypt server response", caller);
-            break;
+            return ATLS_BAD_RESPONSE;
         }
-        total += static_cast<size_t>(count);
+        total += count;
         if (count < ATLS_FLIGHT_SIZE) {
-            (*out)[total] = '\0';
-            *out_length = static_cast<int>(total);
+            answer.data()[total] = '\0';
+            *length = total;
             return ATLS_OK;
         }
-        auto *larger = static_cast<char *>(grow_block(*out, total, total + ATLS_FLIGHT_SIZE));
-        if (!larger) {
+        if (!answer.grow(static_cast<size_t>(total) + ATLS_FLIGHT_SIZE)) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
-            discard_answer(ssl);
-            break;
+            drop_plaintext(ssl);
+            return ATLS_BAD_RESPONSE;
         }
-        *out = larger;
     }
-    free(*out);
-    *out = nullptr;
-    return ATLS_BAD_RESPONSE;
 }
 
 } // namespace
@@ -398,11 +370,9 @@ int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, c
         syslog(LOG_ERR, "%s: Failed to load encrypted response into SSL bio=>[%d]", __func__, length);
         return ATLS_BAD_RESPONSE;
     }
-    *out = static_cast<char *>(malloc(ATLS_FLIGHT_SIZE));
-    if (!*out) {
-        syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", __func__);
-        discard_answer(ssl);
-        return ATLS_BAD_RESPONSE;
-    }
-    return read_answer(ssl, __func__, out, out_length);
+    GrowingBlock answer;
+    const int result = read_answer(ssl, __func__, answer, out_length);
+    if (result == ATLS_OK)
+        *out = answer.release();
+    return result;
 }

@@ -1,10 +1,10 @@
-// The steps of an ATLS connection: clean-up and logging, the transport, the choice of its proxy, the inner TLS
-// engine with the device identity, response capture and response headers, the handshake, and the POST with
-// proxy fail-over.
+// The steps of an ATLS connection, in their order: logging and clean-up, the proxies, the transport, the inner TLS
+// engine with the device identity, responses and their headers, one POST, and the handshake.
 
 #include "atls_internals.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -13,8 +13,8 @@
 #include <ctime>
 #include <initializer_list>
 #include <mutex>
+#include <utility>
 
-#include <dlfcn.h>
 #include <locale.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -24,6 +24,7 @@
 
 #include "fips.h"
 #include "proxymanager.h"
+#include "system_clock.h"
 
 #include "safec.h"
 
@@ -49,28 +50,34 @@ constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
 char errbuf[CURL_ERROR_SIZE];
 
-// Runs a step that may write to a connection whose peer has closed it, and keeps the SIGPIPE of that from the
-// program. libcurl would change the signal's disposition for the whole process, and race with other threads over it.
-CURLcode without_broken_pipe(CURLcode (*step)(CURL *), CURL *curl)
+// Keeps from the program the signal of a write to a connection that the peer has closed. libcurl would change its
+// disposition for the whole process, and race with other threads over it.
+class WriteSignalGuard
 {
-    sigset_t pipe, pending, before;
-    sigemptyset(&pipe);
-    sigaddset(&pipe, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipe, &before);
-    sigpending(&pending);
-    const CURLcode code = step(curl);
-    constexpr timespec AT_ONCE = {};
-    if (sigismember(&pending, SIGPIPE) == 0)
-        (void)sigtimedwait(&pipe, nullptr, &AT_ONCE);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    return code;
-}
+public:
+    WriteSignalGuard()
+    {
+        sigemptyset(&ours_);
+        sigaddset(&ours_, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &ours_, &before_);
+        sigset_t pending;
+        sigpending(&pending);
+        if (sigismember(&pending, SIGPIPE)) // the program's own
+            sigdelset(&ours_, SIGPIPE);
+    }
+    ~WriteSignalGuard()
+    {
+        constexpr timespec AT_ONCE = {};
+        while (sigtimedwait(&ours_, nullptr, &AT_ONCE) > 0) {
+        }
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    WriteSignalGuard(const WriteSignalGuard &) = delete;
+    WriteSignalGuard &operator=(const WriteSignalGuard &) = delete;
 
-CURLcode clean_up(CURL *curl)
-{
-    curl_easy_cleanup(curl);
-    return CURLE_OK;
-}
+private:
+    sigset_t ours_, before_;
+};
 
 } // namespace
 
@@ -95,9 +102,9 @@ void log_curl_error(int code)
                curl_easy_strerror(static_cast<CURLcode>(code)));
 }
 
-void RequestOptions::log_failure(const char *failure) const
+void RequestOptions::log(const char *failure) const
 {
-    syslog(LOG_ERR, failure, caller_);
+    syslog(LOG_ERR, "%s: %s", caller_, failure);
 }
 
 void atls_handle_cleanup(atls_handle **handle)
@@ -112,7 +119,8 @@ void atls_handle_cleanup(atls_handle **handle)
     connection->port = 0;
     if (connection->curl) {
         syslog(LOG_DEBUG, "%s: Cleanup Transport layer curl object", __func__);
-        (void)without_broken_pipe(clean_up, connection->curl);
+        const WriteSignalGuard signals;
+        curl_easy_cleanup(connection->curl);
         connection->curl = nullptr;
     }
     if (connection->header_opts) {
@@ -138,7 +146,7 @@ void release_proxy_list(atls_handle *handle)
     handle->proxyUrlCount = 0;
 }
 
-// ---- Proxy selection
+// ---- Proxies: which one is tried first, and which ones next
 
 namespace
 {
@@ -240,7 +248,62 @@ void select_proxies(atls_handle *handle, CURL *curl, const char *url)
         apply_first_proxy(curl, handle->proxyUrlList[0]);
 }
 
+CURLcode perform(CURL *curl)
+{
+    const WriteSignalGuard guard;
+    return curl_easy_perform(curl);
+}
+
+// A proxy that answered CONNECT with an error status has been reached, whatever the result says: libcurl's is
+// 56, and 7 since 8.20. After a 407 libcurl may have gone on by itself, with credentials: a time-out, say, is
+// then the later attempt's.
+bool has_proxy_refused(CURL *curl, CURLcode code)
+{
+    long status = 0; // of this post: libcurl forgets that of an earlier one
+    (void)curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &status);
+    return status >= HTTP_BAD_REQUEST &&
+           (status != HTTP_PROXY_AUTHENTICATION || code == CURLE_COULDNT_CONNECT);
+}
+
+// Results that another proxy of the list may mend.
+bool may_next_proxy_mend(CURL *curl, CURLcode code)
+{
+    return (code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
+            code == CURLE_OPERATION_TIMEDOUT) &&
+           !has_proxy_refused(curl, code);
+}
+
+void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)
+{
+    if (proxy && !strstr(proxy, "DIRECT")) {
+        syslog(LOG_NOTICE, "%s connect with http proxy:%s\n", caller, proxy);
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, proxy);
+    } else {
+        syslog(LOG_NOTICE, "Direct connect without http proxy\n");
+        (void)curl_easy_setopt(curl, CURLOPT_PROXY, nullptr);
+    }
+}
+
 } // namespace
+
+CURLcode post_with_failover(const char *caller, atls_handle *handle)
+{
+    // Entry 0 of the list is what the transport was set up with.
+    for (int index = 1;; index++) {
+        const CURLcode code = perform(handle->curl);
+        if (code == CURLE_OK)
+            return code;
+        syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),
+               static_cast<int>(handle->proxyUrlCount), index);
+        if (!may_next_proxy_mend(handle->curl, code) || index >= handle->proxyUrlCount ||
+            !handle->proxyUrlList) {
+            syslog(LOG_ERR, "%s: Failed to preform post", caller);
+            release_proxy_list(handle);
+            return code;
+        }
+        apply_fallback_proxy(caller, handle->curl, handle->proxyUrlList[index]);
+    }
+}
 
 // ---- Transport
 
@@ -270,45 +333,42 @@ void initialize_libcurl_once()
 CURLcode set_request_options(CURL *curl, const char *caller, const char *url)
 {
     return RequestOptions(curl, caller)
-        .set(CURLOPT_VERBOSE, 1L, "%s: Failed to set curl object to be verbose")
-        .set(CURLOPT_ERRORBUFFER, errbuf, "%s: Failed to attach error buffer")
-        .set(CURLOPT_URL, url, "%s: Failed to set curl URI")
-        .set(CURLOPT_SSL_VERIFYPEER, 0L, "%s: Failed to disable server cert verification")
-        .set(CURLOPT_SSL_VERIFYHOST, 0L, "%s: Failed to disable hostname verification")
-        .set(CURLOPT_TIMEOUT_MS, REQUEST_TIMEOUT_MS, "%s: Failed to set curl timeout")
+        .set(CURLOPT_VERBOSE, 1L, "Failed to set curl object to be verbose")
+        .set(CURLOPT_ERRORBUFFER, errbuf, "Failed to attach error buffer")
+        .set(CURLOPT_URL, url, "Failed to set curl URI")
+        .set(CURLOPT_SSL_VERIFYPEER, 0L, "Failed to disable server cert verification")
+        .set(CURLOPT_SSL_VERIFYHOST, 0L, "Failed to disable hostname verification")
+        .set(CURLOPT_TIMEOUT_MS, REQUEST_TIMEOUT_MS, "Failed to set curl timeout")
         .result();
 }
 
-bool append_header(curl_slist **list, const char *caller, const char *line, const char *failure)
+// action: what the line would have done to a header of libcurl's, for the log
+bool append_header(curl_slist **list, const char *caller, const char *action, const char *line)
 {
     curl_slist *longer = curl_slist_append(*list, line);
-    if (!longer) {
-        syslog(LOG_ERR, failure, caller, line);
-        return false;
-    }
-    *list = longer;
-    return true;
+    if (longer)
+        *list = longer;
+    else
+        syslog(LOG_ERR, "%s: Failed to %s header option [%s]", caller, action, line);
+    return longer != nullptr;
 }
 
 bool build_request_headers(curl_slist **list, const char *caller, const char *tracking_id)
 {
-    constexpr const char *NOT_SET = "%s: Failed to set header option [%s]";
-    constexpr const char *NOT_REMOVED = "%s: Failed to remove header option [%s]";
-
     char line[ATLS_LINE_SIZE] = "Content-Type: application/octet-stream";
-    if (!append_header(list, caller, line, NOT_SET))
+    if (!append_header(list, caller, "set", line))
         return false;
     snprintf(line, sizeof line, "User-Agent: %s", atls_get_user_agent());
-    if (!append_header(list, caller, line, NOT_SET))
+    if (!append_header(list, caller, "set", line))
         return false;
     if (tracking_id) {
         snprintf(line, sizeof line, "TrackingID: %s", tracking_id);
-        if (!append_header(list, caller, line, NOT_SET))
+        if (!append_header(list, caller, "set", line))
             return false;
     }
     // A name without a value keeps libcurl from adding a header of its own.
-    return append_header(list, caller, "Accept:", NOT_REMOVED) &&
-           append_header(list, caller, "Expect:", NOT_REMOVED);
+    return append_header(list, caller, "remove", "Accept:") &&
+           append_header(list, caller, "remove", "Expect:");
 }
 
 // HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the headers of a
@@ -357,7 +417,7 @@ int init_tl_curl(atls_handle **handle, const char *service, const char *tracking
     CURLcode code = set_request_options(curl, __func__, url);
     if (code == CURLE_OK && build_request_headers(&header_opts, __func__, tracking_id)) {
         code = RequestOptions(curl, __func__)
-                   .set(CURLOPT_HTTPHEADER, header_opts, "%s: Failed to load header options into curl object")
+                   .set(CURLOPT_HTTPHEADER, header_opts, "Failed to load header options into curl object")
                    .result();
         if (code == CURLE_OK) {
             set_optional_request_options(curl);
@@ -398,13 +458,13 @@ struct DerBuffer {
     ~DerBuffer() { OPENSSL_cleanse(data, sizeof data); }
 };
 
-// The steps below log the oldest error on the queue: what earlier calls left there must not be mistaken for
-// it.
-bool succeeded(int result, const char *caller, const char *failure)
+// Logs a step of OpenSSL's that has failed, with the oldest error on the queue: what earlier calls left there must
+// not be mistaken for it.
+bool check_step(int result, const char *caller, const char *step)
 {
     if (result == 1)
         return true;
-    syslog(LOG_ERR, failure, caller);
+    syslog(LOG_ERR, "%s:  %s failed..", caller, step);
     log_ssl_error();
     return false;
 }
@@ -424,7 +484,7 @@ X509 *load_device_cert(SSL_CTX *ctx, const char *caller)
         return nullptr;
     }
     ERR_clear_error();
-    if (!succeeded(SSL_CTX_use_certificate(ctx, cert), caller, "%s:  SSL_CTX_use_certificate failed..")) {
+    if (!check_step(SSL_CTX_use_certificate(ctx, cert), caller, "SSL_CTX_use_certificate")) {
         atls_add_mic_to_ctx_cleanup(cert, nullptr);
         return nullptr;
     }
@@ -448,10 +508,10 @@ EVP_PKEY *load_device_key(const char *caller)
 bool install_device_key(SSL_CTX *ctx, EVP_PKEY *key, const char *caller)
 {
     ERR_clear_error();
-    if (!succeeded(SSL_CTX_use_PrivateKey(ctx, key), caller, "%s:  SSL_CTX_use_PrivateKey failed.."))
+    if (!check_step(SSL_CTX_use_PrivateKey(ctx, key), caller, "SSL_CTX_use_PrivateKey"))
         return false;
     ERR_clear_error();
-    return succeeded(SSL_CTX_check_private_key(ctx), caller, "%s:  SSL_check_private_key failed..");
+    return check_step(SSL_CTX_check_private_key(ctx), caller, "SSL_check_private_key");
 }
 
 // Makes the platform's security context and returns its private record; NULL, with a log line, on failure.
@@ -571,29 +631,53 @@ void init_al_ssl_cleanup(atls_handle **handle, tlsplat_sec_ctx sec_ctx, BIO *rea
 namespace
 {
 
-// Follows from the size alone, so that nothing has to remember it.
-size_t capacity_of(size_t size)
+// The room of a block follows from its size alone: a curl_resp cannot remember it.
+size_t room_for(size_t size)
 {
     if (size <= LARGE_BLOCK || size > SIZE_MAX / 2)
         return size;
-    size_t capacity = LARGE_BLOCK;
-    while (capacity < size)
-        capacity += capacity / 4;
-    return capacity;
+    size_t room = LARGE_BLOCK;
+    while (room < size)
+        room += room / 4;
+    return room;
 }
 
 } // namespace
 
-void *grow_block(void *block, size_t from, size_t to)
+GrowingBlock::GrowingBlock(char *data, size_t size)
+    : data_(data), size_(data ? size : 0), room_(room_for(size_))
 {
-    const size_t capacity = capacity_of(to);
-    return block && capacity == capacity_of(from) ? block : realloc(block, capacity);
 }
 
-void *trim_block(void *block, size_t size)
+GrowingBlock::~GrowingBlock()
 {
-    void *trimmed = size > LARGE_BLOCK ? realloc(block, size) : nullptr;
-    return trimmed ? trimmed : block;
+    free(data_);
+}
+
+bool GrowingBlock::grow(size_t size)
+{
+    const size_t room = room_for(size);
+    if (room > room_) {
+        void *larger = realloc(data_, room);
+        if (!larger)
+            return false;
+        data_ = static_cast<char *>(larger);
+        room_ = room;
+    }
+    size_ = size;
+    return true;
+}
+
+char *GrowingBlock::release()
+{
+    return std::exchange(data_, nullptr);
+}
+
+char *GrowingBlock::release_trimmed()
+{
+    void *trimmed = size_ > LARGE_BLOCK ? realloc(data_, size_) : nullptr;
+    char *whole = release();
+    return trimmed ? static_cast<char *>(trimmed) : whole;
 }
 
 size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata)
@@ -605,24 +689,22 @@ size_t write_memory_cb(char *contents, size_t size, size_t nmemb, void *userdata
     }
     const size_t count = size * nmemb;
     const size_t block_size = resp->size + 1 + count;
-    char *old = resp->data;
-    resp->data =
-        block_size > count ? static_cast<char *>(grow_block(old, resp->size + 1, block_size)) : nullptr;
-    if (!resp->data) {
+    GrowingBlock block(resp->data, resp->size + 1);
+    resp->data = nullptr;
+    if (block_size <= count || !block.grow(block_size)) {
         syslog(LOG_ERR, "%s: reallocation failed for previously malloced block size [%zu]", __func__,
                block_size);
-        free(old);
         resp->size = 0;
         return 0;
     }
-    resp->data[resp->size] = '\0'; // holds for a failed copy, too
-    if (memcpy_s(resp->data + resp->size, count, contents, count) != 0) {
+    resp->data = block.release();
+    const bool copied = memcpy_s(resp->data + resp->size, count, contents, count) == 0;
+    if (copied)
+        resp->size += count;
+    else
         syslog(LOG_ERR, "%s: failed to copy [%zu] bytes of data to curl response struct", __func__, count);
-        return 0;
-    }
-    resp->size += count;
     resp->data[resp->size] = '\0';
-    return count;
+    return copied ? count : 0;
 }
 
 void cleanup_curl_resp(curl_resp *resp)
@@ -632,11 +714,6 @@ void cleanup_curl_resp(curl_resp *resp)
     free(resp->data);
     resp->data = nullptr;
     resp->size = 0;
-}
-
-bool is_empty(const curl_resp &part)
-{
-    return !part.data || part.size == 0;
 }
 
 // ---- Response headers
@@ -743,20 +820,6 @@ int copy_tracking_id(char *text, char **tracking_id, const char *caller)
     }
     snprintf(*tracking_id, TRACKING_ID_MAX + 1, "%s", value);
     return ATLS_OK;
-}
-
-using ClockSetter = int (*)(const time_t *);
-
-// Keeps the name among those that the library asks for: a program's own stime is then exported to it.
-__attribute__((used)) const ClockSetter referenced_stime = stime;
-
-// Calls the platform's stime. That reference may be bound to the retired stime that glibc keeps for old
-// programs, since a program's own libc comes before the platform library in the search order; dlsym never
-// returns that one.
-int set_system_clock(const time_t *when)
-{
-    void *platform_stime = dlsym(RTLD_DEFAULT, "stime");
-    return platform_stime ? reinterpret_cast<ClockSetter>(platform_stime)(when) : -1;
 }
 
 void write_clock_marker(const struct tm &fields, time_t when)
@@ -897,6 +960,80 @@ void atls_set_date_by_http_header(const char *header)
     write_clock_marker(fields, header_time);
 }
 
+// ---- One POST
+
+Post::~Post()
+{
+    cleanup_curl_resp(&header);
+    cleanup_curl_resp(&body);
+}
+
+bool Post::attach()
+{
+    read_bio = SSL_get_rbio(handle->ssl);
+    if (!read_bio) {
+        syslog(LOG_ERR, "%s: Failed to get read BIO from application layer", caller);
+        return false;
+    }
+    write_bio = SSL_get_wbio(handle->ssl);
+    if (!write_bio) {
+        syslog(LOG_ERR, "%s: Failed to get write BIO from application layer", caller);
+        return false;
+    }
+    code = RequestOptions(handle->curl, caller)
+               .set(CURLOPT_WRITEDATA, &body, "Failed to set curl response body buffer")
+               .set(CURLOPT_HEADERDATA, &header, "Failed to set curl response header buffer")
+               .result();
+    return code == CURLE_OK;
+}
+
+bool Post::set_records(const char *records, int length)
+{
+    code = RequestOptions(handle->curl, caller)
+               .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "Failed to set curl post body size")
+               .set(CURLOPT_POSTFIELDS, records, "Failed to set curl post body")
+               .result();
+    return code == CURLE_OK;
+}
+
+bool Post::perform()
+{
+    code = post_with_failover(caller, handle);
+    return code == CURLE_OK;
+}
+
+bool Post::check_parts()
+{
+    const bool complete = body.data && body.size > 0 && header.data && header.size > 0;
+    if (!complete)
+        syslog(LOG_ERR, "%s: Failed to receieve handshake response", caller);
+    return complete;
+}
+
+bool Post::read_status()
+{
+    code = curl_easy_getinfo(handle->curl, CURLINFO_RESPONSE_CODE, &status_code);
+    if (code != CURLE_OK)
+        syslog(LOG_ERR, "%s: Failed to get response status code", caller);
+    return code == CURLE_OK;
+}
+
+int Post::keep_cookies()
+{
+    char cookies[COOKIES_SIZE] = {};
+    int result = atls_get_cookie_from_header(header.data, cookies, COOKIES_SIZE);
+    if (result == ATLS_NO_COOKIE)
+        return ATLS_OK;
+    if (result != ATLS_OK) {
+        syslog(LOG_ERR, "%s: Failed to get ATLS cookies", caller);
+        return result;
+    }
+    result = atls_set_cookies(&handle, cookies);
+    if (result != ATLS_OK)
+        syslog(LOG_ERR, "%s: Failed to set ATLS cookies", caller);
+    return result;
+}
+
 // ---- Handshake
 
 namespace
@@ -912,8 +1049,17 @@ struct FlightDump {
 FlightDump sent_flights{"/tmp/atls_handshake_data_sent_"};
 FlightDump received_flights{"/tmp/atls_handshake_data_received_"};
 
-void write_dump_file(FlightDump &dump, const char *caller, const void *data, size_t length)
+void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t length)
 {
+    if (!data) {
+        syslog(LOG_ERR, "%s: data is null", caller);
+        return;
+    }
+    if (length == 0) {
+        syslog(LOG_ERR, "%s: length is zero", caller);
+        return;
+    }
+    const std::lock_guard<std::mutex> guard(dump.lock); // given back when the thread is cancelled, too
     char name[200] = {};
     snprintf(name, sizeof name, "%s%d", dump.prefix, dump.file_index);
     FILE *file = fopen(name, "wb");
@@ -929,99 +1075,68 @@ void write_dump_file(FlightDump &dump, const char *caller, const void *data, siz
     dump.file_index++;
 }
 
-void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t length)
-{
-    if (!data) {
-        syslog(LOG_ERR, "%s: data is null", caller);
-        return;
-    }
-    if (length == 0) {
-        syslog(LOG_ERR, "%s: length is zero", caller);
-        return;
-    }
-    const std::lock_guard<std::mutex> guard(dump.lock); // given back when the thread is cancelled, too
-    write_dump_file(dump, caller, data, length);
-}
+constexpr const char *HANDSHAKE = "atls_handshake"; // the name that its steps log under
 
 // State of one handshake.
 struct Handshake {
-    atls_handle *handle;
-    BIO *read_bio = nullptr;
-    BIO *write_bio = nullptr;
-    curl_resp body = {};
-    curl_resp header = {};
+    Post post;
     char flight[ATLS_FLIGHT_SIZE] = {};
+
+    explicit Handshake(atls_handle *handle) : post(HANDSHAKE, handle) {}
 };
-
-constexpr const char *HANDSHAKE = "atls_handshake"; // the name that its steps log under
-
-// Logs a libcurl failure whose message has been logged, and gives the result that it has for the handshake.
-int handshake_result(CURLcode code)
-{
-    log_curl_error(code);
-    return code == CURLE_OK ? ATLS_OK : ATLS_HANDSHAKE_FAILED;
-}
 
 int prepare_handshake(Handshake &state)
 {
-    if (!state.handle || !state.handle->ssl) {
+    Post &post = state.post;
+    if (!post.handle || !post.handle->ssl) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", HANDSHAKE);
         return ATLS_INVALID_INPUT;
     }
-    if (!get_engine_bios(HANDSHAKE, state.handle->ssl, &state.read_bio, &state.write_bio))
-        return ATLS_HANDSHAKE_FAILED;
-    return handshake_result(
-        RequestOptions(state.handle->curl, HANDSHAKE)
-            .set(CURLOPT_WRITEDATA, &state.body, "%s: Failed to set curl response body buffer")
-            .set(CURLOPT_HEADERDATA, &state.header, "%s: Failed to set curl response header buffer")
-            .set(CURLOPT_WRITEFUNCTION, write_memory_cb, "%s: Failed to set curl response callback")
-            .result());
+    bool prepared = post.attach();
+    if (prepared) {
+        post.code = RequestOptions(post.handle->curl, HANDSHAKE)
+                        .set(CURLOPT_WRITEFUNCTION, write_memory_cb, "Failed to set curl response callback")
+                        .result();
+        prepared = post.code == CURLE_OK;
+    }
+    log_curl_error(post.code);
+    return prepared ? ATLS_OK : ATLS_HANDSHAKE_FAILED;
 }
 
-int post_flight(Handshake &state)
+bool post_flight(Handshake &state)
 {
-    const int length = BIO_read(state.write_bio, state.flight, ATLS_FLIGHT_SIZE);
+    Post &post = state.post;
+    const int length = BIO_read(post.write_bio, state.flight, ATLS_FLIGHT_SIZE);
     if (length < 0) {
         syslog(LOG_ERR, "%s: Failed to read ATLS flight from BIO bytes read=>[%d]", HANDSHAKE, length);
-        return ATLS_HANDSHAKE_FAILED;
+        return false;
     }
-    const CURLcode code =
-        RequestOptions(state.handle->curl, HANDSHAKE)
-            .set(CURLOPT_POSTFIELDSIZE, static_cast<long>(length), "%s: Failed to set curl post body size")
-            .set(CURLOPT_POSTFIELDS, state.flight, "%s: Failed to set curl post body")
-            .result();
-    if (code != CURLE_OK)
-        return handshake_result(code);
+    if (!post.set_records(state.flight, length))
+        return false;
     save_posted_handshake_data(state.flight, static_cast<size_t>(length));
-    return handshake_result(post_with_failover(HANDSHAKE, state.handle));
+    return post.perform();
 }
 
-int check_flight_response(Handshake &state)
+bool receive_flight(Post &post)
 {
-    const atls_handle *handle = state.handle;
-    const int port = static_cast<int>(handle->port);
-    if (is_empty(state.body) || is_empty(state.header)) {
-        syslog(LOG_ERR, "%s: Failed to receieve handshake response", HANDSHAKE);
-        return ATLS_HANDSHAKE_FAILED;
-    }
+    if (!post.check_parts())
+        return false;
+    const int port = static_cast<int>(post.handle->port);
     syslog(LOG_DEBUG, "%s: Header received [%d] bytes [%s] from [%s:%d]", HANDSHAKE,
-           static_cast<int>(state.header.size), state.header.data, handle->hostname, port);
+           static_cast<int>(post.header.size), post.header.data, post.handle->hostname, port);
     syslog(LOG_DEBUG, "%s: ATLS received [%d] bytes from [%s:%d]", HANDSHAKE,
-           static_cast<int>(state.header.size + state.body.size), handle->hostname, port);
-    save_received_handshake_data(state.body.data, state.body.size);
+           static_cast<int>(post.header.size + post.body.size), post.handle->hostname, port);
+    save_received_handshake_data(post.body.data, post.body.size);
+    return post.read_status();
+}
 
-    long status_code = 0;
-    const CURLcode code = curl_easy_getinfo(handle->curl, CURLINFO_RESPONSE_CODE, &status_code);
-    if (code != CURLE_OK) {
-        syslog(LOG_ERR, "%s: Failed to get response status code", HANDSHAKE);
-        return handshake_result(code);
-    }
-    if (status_code != HTTP_OK) {
-        syslog(LOG_ERR, "%s: Failed to get valid server response status_code=>[%lu]", HANDSHAKE,
-               static_cast<unsigned long>(status_code));
-        return status_code == HTTP_BAD_REQUEST ? ATLS_BAD_RESPONSE : ATLS_UNEXPECTED_STATUS;
-    }
-    return ATLS_OK;
+int check_status(const Post &post)
+{
+    if (post.status_code == HTTP_OK)
+        return ATLS_OK;
+    syslog(LOG_ERR, "%s: Failed to get valid server response status_code=>[%lu]", HANDSHAKE,
+           static_cast<unsigned long>(post.status_code));
+    return post.status_code == HTTP_BAD_REQUEST ? ATLS_BAD_RESPONSE : ATLS_UNEXPECTED_STATUS;
 }
 
 void set_clock_unless_set(const char *header)
@@ -1032,29 +1147,32 @@ void set_clock_unless_set(const char *header)
     atls_set_date_by_http_header(header);
 }
 
-int feed_engine(Handshake &state)
+int feed_engine(Post &post)
 {
-    const int size = static_cast<int>(state.body.size);
-    if (BIO_write(state.read_bio, state.body.data, size) < size) {
+    const int size = static_cast<int>(post.body.size);
+    if (BIO_write(post.read_bio, post.body.data, size) < size) {
         syslog(LOG_ERR, "%s: Failed to read flight response of size=>[%d]", HANDSHAKE, size);
         return ATLS_HANDSHAKE_FAILED;
     }
-    cleanup_curl_resp(&state.body);
-    cleanup_curl_resp(&state.header);
+    cleanup_curl_resp(&post.body);
+    cleanup_curl_resp(&post.header);
     return ATLS_OK;
 }
 
 // Posts the client flight that the engine has written and hands it the server's.
 int exchange_flights(Handshake &state)
 {
-    int result = post_flight(state);
-    if (result == ATLS_OK)
-        result = check_flight_response(state);
+    Post &post = state.post;
+    if (!post_flight(state) || !receive_flight(post)) {
+        log_curl_error(post.code);
+        return ATLS_HANDSHAKE_FAILED;
+    }
+    int result = check_status(post);
     if (result != ATLS_OK)
         return result;
-    set_clock_unless_set(state.header.data);
-    result = keep_cookies(HANDSHAKE, state.handle, state.header.data);
-    return result == ATLS_OK ? feed_engine(state) : result;
+    set_clock_unless_set(post.header.data);
+    result = post.keep_cookies();
+    return result == ATLS_OK ? feed_engine(post) : result;
 }
 
 } // namespace
@@ -1071,12 +1189,12 @@ void save_received_handshake_data(const void *data, size_t length)
 
 int atls_handshake(atls_handle *handle)
 {
-    Handshake state{handle};
+    Handshake state(handle);
     int result = prepare_handshake(state);
     while (result == ATLS_OK && SSL_do_handshake(handle->ssl) != 1)
         result = exchange_flights(state);
     if (result != ATLS_OK)
-        atls_handshake_cleanup(handle, &state.body, &state.header);
+        atls_handshake_cleanup(handle, &state.post.body, &state.post.header);
     return result;
 }
 
@@ -1086,89 +1204,4 @@ void atls_handshake_cleanup(atls_handle *handle, curl_resp *body, curl_resp *hea
         atls_handle_cleanup(&handle);
     cleanup_curl_resp(body);
     cleanup_curl_resp(header);
-}
-
-// ---- Steps that handshake and exchange share
-
-bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio)
-{
-    *read_bio = SSL_get_rbio(ssl);
-    if (!*read_bio) {
-        syslog(LOG_ERR, "%s: Failed to get read BIO from application layer", caller);
-        return false;
-    }
-    *write_bio = SSL_get_wbio(ssl);
-    if (!*write_bio)
-        syslog(LOG_ERR, "%s: Failed to get write BIO from application layer", caller);
-    return *write_bio != nullptr;
-}
-
-int keep_cookies(const char *caller, atls_handle *handle, const char *header)
-{
-    char cookies[COOKIES_SIZE] = {};
-    int result = atls_get_cookie_from_header(header, cookies, COOKIES_SIZE);
-    if (result == ATLS_NO_COOKIE)
-        return ATLS_OK;
-    if (result != ATLS_OK) {
-        syslog(LOG_ERR, "%s: Failed to get ATLS cookies", caller);
-        return result;
-    }
-    result = atls_set_cookies(&handle, cookies);
-    if (result != ATLS_OK)
-        syslog(LOG_ERR, "%s: Failed to set ATLS cookies", caller);
-    return result;
-}
-
-namespace
-{
-
-// A proxy that answered CONNECT with an error status has been reached, whatever the result says: libcurl's is
-// 56, and 7 since 8.20. After a 407 libcurl may have gone on by itself, with credentials: a time-out, say, is
-// then the later attempt's.
-bool has_proxy_refused(CURL *curl, CURLcode code)
-{
-    long status = 0; // of this post: libcurl forgets that of an earlier one
-    (void)curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &status);
-    return status >= HTTP_BAD_REQUEST &&
-           (status != HTTP_PROXY_AUTHENTICATION || code == CURLE_COULDNT_CONNECT);
-}
-
-// Results that another proxy of the list may mend.
-bool may_next_proxy_mend(CURL *curl, CURLcode code)
-{
-    return (code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
-            code == CURLE_OPERATION_TIMEDOUT) &&
-           !has_proxy_refused(curl, code);
-}
-
-void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)
-{
-    if (proxy && !strstr(proxy, "DIRECT")) {
-        syslog(LOG_NOTICE, "%s connect with http proxy:%s\n", caller, proxy);
-        (void)curl_easy_setopt(curl, CURLOPT_PROXY, proxy);
-    } else {
-        syslog(LOG_NOTICE, "Direct connect without http proxy\n");
-        (void)curl_easy_setopt(curl, CURLOPT_PROXY, nullptr);
-    }
-}
-
-} // namespace
-
-CURLcode post_with_failover(const char *caller, atls_handle *handle)
-{
-    // Entry 0 of the list is what the transport was set up with.
-    for (int index = 1;; index++) {
-        const CURLcode code = without_broken_pipe(curl_easy_perform, handle->curl);
-        if (code == CURLE_OK)
-            return code;
-        syslog(LOG_NOTICE, "%s: curl_rc:%d, proxyUrlCount:%d, index:%d\n", caller, static_cast<int>(code),
-               static_cast<int>(handle->proxyUrlCount), index);
-        if (!may_next_proxy_mend(handle->curl, code) || index >= handle->proxyUrlCount ||
-            !handle->proxyUrlList) {
-            syslog(LOG_ERR, "%s: Failed to preform post", caller);
-            release_proxy_list(handle);
-            return code;
-        }
-        apply_fallback_proxy(caller, handle->curl, handle->proxyUrlList[index]);
-    }
 }

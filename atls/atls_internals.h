@@ -86,30 +86,30 @@ int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, c
 
 // ---- Helpers of the two files; not exported
 
-// Frees the handle's proxy list; later posts then have no proxy to fall back on.
-void release_proxy_list(atls_handle *handle);
+// A heap block that grows in many steps. Up to 1 MiB it has exactly the size asked for; beyond, room for some steps
+// more, since allocators move a large block each time that it grows.
+class GrowingBlock
+{
+public:
+    GrowingBlock() = default;
+    // Takes over a block that another of this class, of the same size, has released.
+    GrowingBlock(char *data, size_t size);
+    ~GrowingBlock();
+    GrowingBlock(const GrowingBlock &) = delete;
+    GrowingBlock &operator=(const GrowingBlock &) = delete;
 
-// Posts what is set on the request object, falling back along the handle's proxy list. On failure the list is
-// released and the libcurl result returned. caller is the name to log under, here and below.
-CURLcode post_with_failover(const char *caller, atls_handle *handle);
+    bool grow(size_t size); // false: there is no memory, and nothing has changed
+    char *data() const { return data_; }
+    char *release();         // gives the block away
+    char *release_trimmed(); // and back what a large one has to spare
 
-// Makes the cookies of a response, if any, the Cookie header of later requests.
-int keep_cookies(const char *caller, atls_handle *handle, const char *header);
+private:
+    char *data_ = nullptr;
+    size_t size_ = 0;
+    size_t room_ = 0;
+};
 
-// Gets the engine's memory BIOs; false, with a log line, when one is missing.
-bool get_engine_bios(const char *caller, SSL *ssl, BIO **read_bio, BIO **write_bio);
-
-// realloc for a block that grows from one size to another in many steps. Up to 1 MiB it has exactly the size asked for;
-// beyond, room for some steps more, since allocators move a large block each time that it grows. NULL leaves the block as
-// it is.
-void *grow_block(void *block, size_t from, size_t to);
-// Gives back what such a block of this size has to spare.
-void *trim_block(void *block, size_t size);
-
-// True when the response part holds no bytes.
-bool is_empty(const curl_resp &part);
-
-// Sets options of a request object in order and stops at the first that fails, after logging its message.
+// Sets options of a request object in order and stops at the first that fails, after logging that.
 class RequestOptions
 {
 public:
@@ -121,7 +121,7 @@ public:
         if (code_ == CURLE_OK) {
             code_ = curl_easy_setopt(curl_, option, value);
             if (code_ != CURLE_OK)
-                log_failure(failure);
+                log(failure);
         }
         return *this;
     }
@@ -129,11 +129,43 @@ public:
     CURLcode result() const { return code_; }
 
 private:
-    void log_failure(const char *failure) const;
+    void log(const char *failure) const;
 
     CURL *curl_;
     const char *caller_;
     CURLcode code_ = CURLE_OK;
+};
+
+// Frees the handle's proxy list; later posts then have no proxy to fall back on.
+void release_proxy_list(atls_handle *handle);
+
+// Posts what is set on the request object, falling back along the handle's proxy list. On failure the list is
+// released and the libcurl result returned. caller is the name to log under.
+CURLcode post_with_failover(const char *caller, atls_handle *handle);
+
+// A POST of TLS records, and what came back. Handshake and exchange take the same steps, each in its own order; what
+// fails has been logged under the name of the caller.
+struct Post {
+    const char *caller;
+    atls_handle *handle;
+    BIO *read_bio = nullptr; // the engine's two
+    BIO *write_bio = nullptr;
+    curl_resp body = {};
+    curl_resp header = {};
+    long status_code = 0;
+    CURLcode code = CURLE_OK; // of libcurl, when that was what failed
+
+    Post(const char *name, atls_handle *connection) : caller(name), handle(connection) {}
+    ~Post(); // releases what is left of the response
+    Post(const Post &) = delete;
+    Post &operator=(const Post &) = delete;
+
+    bool attach(); // finds the engine's BIOs, and has the response delivered here
+    bool set_records(const char *records, int length);
+    bool perform();
+    bool check_parts(); // both there
+    bool read_status();
+    int keep_cookies(); // for later requests
 };
 
 #endif
