@@ -211,7 +211,8 @@ int collect_records(Exchange &exchange)
     return total;
 }
 
-// A message that fails here is dropped as a whole.
+// A message that fails here is dropped as a whole, and the session is at its end: OpenSSL keeps what it could not
+// write and would send it in the place of a later message.
 bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
 {
     SSL *ssl = exchange.post.handle->ssl;
@@ -225,6 +226,7 @@ bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
                exchange.records_length);
     }
     (void)BIO_reset(exchange.post.write_bio);
+    SSL_set_shutdown(ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN); // no later SSL_write succeeds
     return false;
 }
 
@@ -260,13 +262,26 @@ void read_tracking_id(const Post &post, atls_resp *resp)
         syslog(LOG_NOTICE, "%s: tracking id - %s", EXCHANGE, resp->tracking_id ? resp->tracking_id : "none");
 }
 
-// Reads all that the engine can still decrypt, and forgets it.
-void drop_plaintext(SSL *ssl)
+// Reads all that the engine can still decrypt, and forgets it. Returns how many bytes that was.
+int drop_plaintext(SSL *ssl)
 {
     char rest[ATLS_FLIGHT_SIZE];
-    while (SSL_read(ssl, rest, ATLS_FLIGHT_SIZE) > 0) {
-    }
+    int total = 0;
+    for (int count; (count = SSL_read(ssl, rest, ATLS_FLIGHT_SIZE)) > 0;)
+        total += count;
     OPENSSL_cleanse(rest, sizeof rest);
+    return total;
+}
+
+// An answer never begins with the rest of another one, whoever fed that to the engine.
+void drop_rest_of_earlier_answer(const Post &post)
+{
+    SSL *ssl = post.handle->ssl;
+    if (SSL_pending(ssl) == 0 && BIO_ctrl_pending(post.read_bio) == 0)
+        return;
+    const int dropped = drop_plaintext(ssl);
+    if (dropped > 0)
+        syslog(LOG_ERR, "%s: [%d] bytes behind the end of the last answer dropped", EXCHANGE, dropped);
 }
 
 // Replaces the captured body by what it decrypts to.
@@ -320,6 +335,7 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
     if (result != ATLS_OK)
         return result;
     read_tracking_id(post, resp);
+    drop_rest_of_earlier_answer(post);
     if (contains(post.header.data, "Content-Type: application/octet-stream"))
         result = decrypt_body(post);
     if (result == ATLS_OK)
@@ -335,7 +351,7 @@ int read_answer(SSL *ssl, const char *caller, GrowingBlock &answer, int *length)
 {
     if (!answer.grow(ATLS_FLIGHT_SIZE)) {
         syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", caller);
-        drop_plaintext(ssl); // it must not be taken for the next answer
+        (void)drop_plaintext(ssl); // it must not be taken for the next answer
         return ATLS_BAD_RESPONSE;
     }
     for (int total = 0;;) {
@@ -352,7 +368,7 @@ int read_answer(SSL *ssl, const char *caller, GrowingBlock &answer, int *length)
         }
         if (!answer.grow(static_cast<size_t>(total) + ATLS_FLIGHT_SIZE)) {
             syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
-            drop_plaintext(ssl);
+            (void)drop_plaintext(ssl);
             return ATLS_BAD_RESPONSE;
         }
     }

@@ -3,6 +3,8 @@
 #include "link.h"
 #include "log_capture.h"
 
+#include <utility>
+
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -115,6 +117,55 @@ TEST_P(Connection, TakesOddResponses)
         EXPECT_EQ(link_.answer.header != nullptr, wanted.exchange == 0);
         link_.tamper = nullptr;
         EXPECT_EQ(link_.exchange("three"), wanted.next);
+    }
+}
+
+// What OpenSSL could not write it would send in the place of a later message at the same address.
+TEST_P(Connection, EndsWhenAMessageCannotBeEncrypted)
+{
+    link_.start();
+    std::string message = "a message of some length";
+    ASSERT_EQ(link_.connect() + link_.exchange(message), ATLS_OK);
+    BIO *const write_bio = SSL_get_wbio(link_.handle->ssl);
+    BIO_set_callback_ex(write_bio,
+                        [](BIO *, int step, const char *, size_t, int, long, int result, size_t *) {
+                            return step == BIO_CB_WRITE ? -1L : long{result}; // as without memory
+                        });
+    EXPECT_EQ(link_.exchange(message), ATLS_EXCHANGE_FAILED);
+    BIO_set_callback_ex(write_bio, nullptr);
+    message.replace(0, 1, "A");
+    const size_t posts = link_.posted.size();
+    EXPECT_EQ(link_.exchange(message), ATLS_EXCHANGE_FAILED);
+    EXPECT_EQ(link_.posted.size(), posts);
+    atls_handle_cleanup(&link_.handle);
+    EXPECT_EQ(link_.connect() + link_.exchange(message), ATLS_OK);
+}
+
+// An answer that is held back comes in front of the next: what is left of that must not be the one after it.
+TEST_P(Connection, LeavesNothingOfAnAnswerToTheNext)
+{
+    std::string held;
+    const auto hold_back = [&](Reply &reply) {
+        held = std::exchange(reply.body, "held");
+        reply.headers.erase("Content-Type");
+    };
+    const auto bring = [&](Reply &reply) { reply.body = held + reply.body; };
+    // The response to messages 0 to 4, the answer that it is taken for, and whether the rest of another was dropped.
+    const std::tuple<std::function<void(Reply &)>, std::string, bool> cases[] = {{hold_back, "held", false},
+                                                                                 {bring, "0", false},
+                                                                                 {hold_back, "held", true},
+                                                                                 {bring, "2", false},
+                                                                                 {{}, "4", true}};
+    link_.start();
+    ASSERT_EQ(link_.connect(), ATLS_OK);
+    int message = 0;
+    for (const auto &[tamper, answer, dropped] : cases) {
+        interpose::reset();
+        link_.tamper = tamper;
+        EXPECT_EQ(link_.exchange(std::to_string(message++)), ATLS_OK);
+        EXPECT_EQ(link_.body(), answer);
+        EXPECT_EQ(interpose::log_of(LOG_ERR),
+                  dropped ? "atls_easy_perform: [1] bytes behind the end of the last answer dropped" : "");
     }
 }
 
