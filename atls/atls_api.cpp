@@ -12,6 +12,7 @@
 
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <syslog.h>
 
 #include "safec.h"
@@ -83,6 +84,7 @@ int connect_layers(atls_handle **handle, const char *service, const char *tracki
     result = init_al_ssl(handle);
     if (result != ATLS_OK) {
         syslog(LOG_ERR, "%s: Failed to initialize application layer: atls_rc=>[%d]", CONNECT, result);
+        ERR_clear_error(); // why is in the log; only the handshake leaves a reason to the caller
         return result;
     }
     syslog(LOG_DEBUG, "%s: Preforming ATLS Handshake...", CONNECT);

@@ -22,6 +22,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "error_queue.h"
 #include "fips.h"
 #include "proxymanager.h"
 #include "system_clock.h"
@@ -1080,6 +1081,9 @@ constexpr const char *HANDSHAKE = "atls_handshake"; // the name that its steps l
 // State of one handshake.
 struct Handshake {
     Post post;
+    bool refused = false;     // by TLS, on either side
+    unsigned long reason = 0; // OpenSSL's, if it had one
+    long verification = X509_V_OK;
     char flight[ATLS_FLIGHT_SIZE] = {};
 
     explicit Handshake(atls_handle *handle) : post(HANDSHAKE, handle) {}
@@ -1101,6 +1105,34 @@ int prepare_handshake(Handshake &state)
     }
     log_curl_error(post.code);
     return prepared ? ATLS_OK : ATLS_HANDSHAKE_FAILED;
+}
+
+// Lets the engine go on with what it has been fed. Nothing that comes later tells why it gave up.
+bool is_complete(Handshake &state)
+{
+    SSL *ssl = state.post.handle->ssl;
+    const int result = SSL_do_handshake(ssl);
+    if (result == 1 || state.refused || SSL_get_error(ssl, result) == SSL_ERROR_WANT_READ)
+        return result == 1;
+    state.refused = true;
+    state.reason = ERR_peek_error();
+    state.verification = SSL_get_verify_result(ssl);
+    char text[256];
+    ERR_error_string_n(state.reason, text, sizeof text);
+    syslog(LOG_ERR, "%s: TLS handshake failed [%lu] => [%s], verification [%ld] => [%s]", HANDSHAKE,
+           state.reason, text, state.verification, X509_verify_cert_error_string(state.verification));
+    return false;
+}
+
+// Leaves the reason, and nothing else of ours, on the thread's error queue.
+void leave_reason(const Handshake &state)
+{
+    ERR_clear_error();
+    if (state.reason == 0)
+        return;
+    put_error_back(state.reason);
+    if (state.verification != X509_V_OK)
+        ERR_add_error_data(1, X509_verify_cert_error_string(state.verification));
 }
 
 bool post_flight(Handshake &state)
@@ -1191,10 +1223,12 @@ int atls_handshake(atls_handle *handle)
 {
     Handshake state(handle);
     int result = prepare_handshake(state);
-    while (result == ATLS_OK && SSL_do_handshake(handle->ssl) != 1)
+    while (result == ATLS_OK && !is_complete(state))
         result = exchange_flights(state);
     if (result != ATLS_OK)
         atls_handshake_cleanup(handle, &state.post.body, &state.post.header);
+    if (result != ATLS_INVALID_INPUT) // the engine has not been touched
+        leave_reason(state);
     return result;
 }
 

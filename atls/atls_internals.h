@@ -70,7 +70,8 @@ void atls_set_date_by_http_header(const char *header);
 
 // ---- Handshake
 
-// Runs the handshake of the handle's engine over POSTs. Every failure empties the handle.
+// Runs the handshake of the handle's engine over POSTs. Every failure empties the handle; where TLS itself had a
+// reason for it, that is all that is on the thread's OpenSSL error queue.
 int atls_handshake(atls_handle *handle);
 void atls_handshake_cleanup(atls_handle *handle, curl_resp *body, curl_resp *header);
 // Dump one flight to the next numbered file under /tmp.

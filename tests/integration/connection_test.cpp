@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include <openssl/err.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,6 +14,11 @@ namespace
 {
 
 using atls_service::Reply;
+
+int oldest_reason() // on OpenSSL's error queue
+{
+    return ERR_GET_REASON(ERR_peek_error());
+}
 
 class Connection : public testing::TestWithParam<int>
 {
@@ -105,6 +111,8 @@ TEST_P(Connection, TakesOddResponses)
         if (wanted.handshake != ANY) {
             link_.tamper = wanted.tamper;
             EXPECT_EQ(link_.connect(), wanted.handshake);
+            EXPECT_EQ(oldest_reason(),
+                      wanted.name == std::string("garbage") ? SSL_R_WRONG_VERSION_NUMBER : 0);
             EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
                         !*link_.handle->hostname);
             link_.tamper = nullptr;
@@ -174,6 +182,7 @@ TEST_P(Connection, EndsWhenACertificateIsRefused)
     link_.options.inner.device_ca = test::identity("ca/service-cert.pem"); // not the device's
     link_.start();
     EXPECT_EQ(link_.connect(), tls13() ? ATLS_OK : ATLS_HANDSHAKE_FAILED);
+    EXPECT_EQ(oldest_reason(), tls13() ? 0 : SSL_R_TLSV1_ALERT_UNKNOWN_CA);
     if (tls13()) { // the refusal comes with the first answer
         EXPECT_EQ(link_.exchange("one"), ATLS_BAD_RESPONSE);
         EXPECT_EQ(link_.exchange("two"), ATLS_INVALID_INPUT);
@@ -181,6 +190,10 @@ TEST_P(Connection, EndsWhenACertificateIsRefused)
     atls_handle_cleanup(&link_.handle);
     test::run("cp " + test::identity("ca/device-cert.pem") + " " + link_.folder.path("truststore.pem"));
     EXPECT_EQ(link_.connect(), ATLS_HANDSHAKE_FAILED) << "the service is not trusted";
+    EXPECT_EQ(oldest_reason(), SSL_R_CERTIFICATE_VERIFY_FAILED);
+    EXPECT_TRUE(log_capture::contains("<3> atls_handshake: TLS handshake failed ["));
+    EXPECT_EQ(atls_connect(&link_.handle, "127.0.0.1", nullptr, 1, "/", nullptr), ATLS_HANDSHAKE_FAILED);
+    EXPECT_EQ(oldest_reason(), 0) << "it is not TLS that refuses";
 }
 
 TEST(Arguments, AreChecked)
