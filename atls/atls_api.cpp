@@ -21,6 +21,7 @@
 
 atls_handle *create_atls_handle(void)
 {
+    const NotCancellable guard;
     auto *handle = static_cast<atls_handle *>(malloc(sizeof(atls_handle)));
     if (!handle)
         return nullptr;
@@ -35,6 +36,7 @@ atls_handle *create_atls_handle(void)
 
 void free_atls_handle(atls_handle *handle)
 {
+    const NotCancellable guard;
     if (!handle)
         return;
     atls_handle_cleanup(&handle);
@@ -99,6 +101,7 @@ int connect_layers(atls_handle **handle, const char *service, const char *tracki
 int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int port, const char *service,
                  const char *tracking_id)
 {
+    const NotCancellable guard;
     if (!handle || !*handle || (!hostname && !ip) || !service) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle/host/ip/service", __func__);
         return ATLS_INVALID_INPUT;
@@ -323,6 +326,7 @@ void hand_over(Post &post, atls_resp *resp)
 
 int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const char *service, atls_resp *resp)
 {
+    const NotCancellable guard;
     OPENSSL_init_ssl(0, nullptr);
     if (!check_exchange_arguments(handle, msg, msg_len, service, resp))
         return ATLS_INVALID_INPUT;

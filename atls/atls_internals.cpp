@@ -4,6 +4,7 @@
 #include "atls_internals.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -12,13 +13,14 @@
 #include <cstring>
 #include <ctime>
 #include <initializer_list>
-#include <mutex>
 #include <utility>
 
+#include <fcntl.h>
 #include <locale.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -51,8 +53,9 @@ constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
 char errbuf[CURL_ERROR_SIZE];
 
-// Keeps from the program the signal of a write to a connection that the peer has closed. libcurl would change its
-// disposition for the whole process, and race with other threads over it.
+// Keeps from the program the signals of a write that cannot be: to a connection that the peer has closed, to a
+// file beyond the limit of its size. libcurl would change the disposition of SIGPIPE for the whole process, and
+// race with other threads over it.
 class WriteSignalGuard
 {
 public:
@@ -60,11 +63,13 @@ public:
     {
         sigemptyset(&ours_);
         sigaddset(&ours_, SIGPIPE);
+        sigaddset(&ours_, SIGXFSZ);
         pthread_sigmask(SIG_BLOCK, &ours_, &before_);
         sigset_t pending;
         sigpending(&pending);
-        if (sigismember(&pending, SIGPIPE)) // the program's own
-            sigdelset(&ours_, SIGPIPE);
+        for (const int signal : {SIGPIPE, SIGXFSZ})
+            if (sigismember(&pending, signal)) // the program's own
+                sigdelset(&ours_, signal);
     }
     ~WriteSignalGuard()
     {
@@ -110,6 +115,7 @@ void RequestOptions::log(const char *failure) const
 
 void atls_handle_cleanup(atls_handle **handle)
 {
+    const NotCancellable guard;
     if (!handle || !*handle) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", __func__);
         return;
@@ -372,6 +378,32 @@ bool build_request_headers(curl_slist **list, const char *caller, const char *tr
            append_header(list, caller, "remove", "Expect:");
 }
 
+// The programs that this one starts do not inherit the connection; nor does what this one writes to a standard
+// stream that is not open go into it.
+curl_socket_t open_socket(void *, curlsocktype, curl_sockaddr *address)
+{
+    const int number = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (number < 0 || number > STDERR_FILENO)
+        return number;
+    const int higher = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(number);
+    return higher;
+}
+
+int drop_trace(CURL *, curl_infotype, char *, size_t, void *)
+{
+    return 0;
+}
+
+// Without a standard error the number 2 goes to whatever is opened next, libcurl's own descriptors among it.
+void keep_trace_off_other_files(CURL *curl, const char *caller)
+{
+    if (fcntl(STDERR_FILENO, F_GETFD) >= 0)
+        return;
+    syslog(LOG_NOTICE, "%s: Standard error is not open, libcurl's trace is dropped", caller);
+    (void)curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, drop_trace);
+}
+
 // HTTP/2 would deliver header names in lower case, and then an encrypted answer is not recognised; the headers of a
 // proxy's CONNECT reply are not the server's; signals are the program's. Without these options a plain connection
 // still works.
@@ -380,6 +412,7 @@ void set_optional_request_options(CURL *curl)
     (void)curl_easy_setopt(curl, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     (void)curl_easy_setopt(curl, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     (void)curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    (void)curl_easy_setopt(curl, CURLOPT_OPENSOCKETFUNCTION, open_socket);
 }
 
 } // namespace
@@ -422,6 +455,7 @@ int init_tl_curl(atls_handle **handle, const char *service, const char *tracking
                    .result();
         if (code == CURLE_OK) {
             set_optional_request_options(curl);
+            keep_trace_off_other_files(curl, __func__);
             select_proxies(connection, curl, url);
             connection->curl = curl;
             connection->header_opts = header_opts;
@@ -825,6 +859,7 @@ int copy_tracking_id(char *text, char **tracking_id, const char *caller)
 
 void write_clock_marker(const struct tm &fields, time_t when)
 {
+    const WriteSignalGuard guard;
     FILE *marker = fopen(HTTP_CLOCK_MARKER, "w");
     if (!marker)
         return;
@@ -1040,11 +1075,11 @@ int Post::keep_cookies()
 namespace
 {
 
-// The numbered dump files of one direction.
+// The numbered dump files of one direction. No two dumps share a number, and no lock is held that a fork could
+// leave locked in the child.
 struct FlightDump {
     const char *prefix;
-    int file_index = 1;
-    std::mutex lock = {}; // one dump at a time, so that no two share a number
+    std::atomic<int> file_index{1};
 };
 
 FlightDump sent_flights{"/tmp/atls_handshake_data_sent_"};
@@ -1060,20 +1095,22 @@ void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t 
         syslog(LOG_ERR, "%s: length is zero", caller);
         return;
     }
-    const std::lock_guard<std::mutex> guard(dump.lock); // given back when the thread is cancelled, too
+    const WriteSignalGuard guard;
+    const int index = dump.file_index++;
     char name[200] = {};
-    snprintf(name, sizeof name, "%s%d", dump.prefix, dump.file_index);
+    snprintf(name, sizeof name, "%s%d", dump.prefix, index);
     FILE *file = fopen(name, "wb");
     if (!file) {
         const int error = errno;
         char text[128];
         syslog(LOG_ERR, "%s: Failed to open %s for write, error:%s(%d)", caller, name,
                strerror_r(error, text, sizeof text), error);
+        int next = index + 1; // the number is free again, unless others have been given out since
+        dump.file_index.compare_exchange_strong(next, index);
         return;
     }
     (void)fwrite(data, 1, length, file);
     (void)fclose(file);
-    dump.file_index++;
 }
 
 constexpr const char *HANDSHAKE = "atls_handshake"; // the name that its steps log under

@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -62,6 +63,9 @@ TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
         curl_easy_getinfo(link_.handle->curl, CURLINFO_NUM_CONNECTS, &connects);
         EXPECT_EQ(connects, 0);
     }
+    curl_socket_t socket = CURL_SOCKET_BAD;
+    curl_easy_getinfo(link_.handle->curl, CURLINFO_ACTIVESOCKET, &socket);
+    EXPECT_EQ(fcntl(socket, F_GETFD), FD_CLOEXEC) << "programs that are started inherit the connection";
     EXPECT_EQ(link_.service->session_count(), 1u) << "the cookie led to the session each time";
     EXPECT_STREQ(link_.answer.tracking_id, "track");
     EXPECT_EQ(interpose::log_of(LOG_ERR), "");
@@ -215,6 +219,47 @@ TEST(Arguments, AreChecked)
     EXPECT_EQ(atls_easy_perform(link.handle, "m", 1, nullptr, &link.answer), ATLS_INVALID_INPUT);
     EXPECT_EQ(atls_easy_perform(link.handle, "m", 1, "/", nullptr), ATLS_INVALID_INPUT);
     EXPECT_EQ(link.body(), "first") << "the earlier answer is still there";
+}
+
+// libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
+TEST(Handshake, NeedsNoStandardStreams)
+{
+    test::Link link;
+    link.start();
+    const auto connects = [&] {
+        for (int stream = 0; stream < 3; stream++)
+            close(stream);
+        const int result = link.connect();
+        curl_socket_t socket = CURL_SOCKET_BAD;
+        if (result == ATLS_OK)
+            curl_easy_getinfo(link.handle->curl, CURLINFO_ACTIVESOCKET, &socket);
+        return socket > 2 && log_capture::contains("<5> init_tl_curl: Standard error is not open");
+    };
+    EXPECT_EXIT(_exit(connects() ? 0 : 1), testing::ExitedWithCode(0), "");
+}
+
+// A thread that is to be cancelled first brings to an end what it is at.
+TEST(Handshake, IsNotCancelledInTheMiddle)
+{
+    struct Work {
+        test::Link link;
+        int result = -1;
+    } work;
+    work.link.start();
+    const auto connect_and_exchange = [](void *argument) -> void * {
+        auto *mine = static_cast<Work *>(argument);
+        pthread_cancel(pthread_self());
+        const int result = mine->link.connect() + mine->link.exchange("message");
+        atls_handle_cleanup(&mine->link.handle);
+        mine->result = result;
+        pthread_testcancel();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, connect_and_exchange, &work), 0);
+    void *end = nullptr;
+    pthread_join(thread, &end);
+    EXPECT_TRUE(end == PTHREAD_CANCELED && work.result == ATLS_OK) << work.result;
 }
 
 // Sent and received flights go to numbered files; one that cannot be written keeps its number.

@@ -8,8 +8,14 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <thread>
 
+#include <fcntl.h>
 #include <openssl/err.h>
+#include <poll.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -68,7 +74,8 @@ TEST_F(Setup, SetsOptionsAndHeadersInOrder)
                               {CURLOPT_HTTPHEADER, ""},
                               {CURLOPT_HTTP_VERSION, "2"},
                               {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"},
-                              {CURLOPT_NOSIGNAL, "1"}};
+                              {CURLOPT_NOSIGNAL, "1"},
+                              {CURLOPT_OPENSOCKETFUNCTION, ""}};
     EXPECT_EQ(interpose::kept().options, expected);
     EXPECT_EQ(headers(), (std::vector<std::string>{"Content-Type: application/octet-stream",
                                                    "User-Agent: Halvo-Desktop/desktop-1.0",
@@ -92,16 +99,45 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     }
 }
 
-TEST_F(Setup, KeepsTheSignalOfABrokenConnectionFromTheProgram)
+TEST_F(Setup, KeepsTheSignalsOfFailedWritesFromTheProgram)
 {
     name_server("127.0.0.1", 1);
     ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_OK);
     EXPECT_EXIT(
         {
             signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
-            _exit(post_with_failover("test", handle_) == CURLE_COULDNT_CONNECT ? 0 : 1);
+            signal(SIGXFSZ, SIG_DFL);
+            const bool failed = post_with_failover("test", handle_) == CURLE_COULDNT_CONNECT;
+            rlimit largest_file = {};
+            setrlimit(RLIMIT_FSIZE, &largest_file);
+            save_posted_handshake_data("flight", 6);
+            _exit(failed ? 0 : 1);
         },
         testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Setup, DumpsInTheChildOfAForkDuringADump)
+{
+    const char *slow = "/tmp/atls_handshake_data_sent_1"; // the first of this process
+    unlink(slow);
+    ASSERT_EQ(mkfifo(slow, 0600), 0);
+    const int reader = open(slow, O_RDONLY | O_NONBLOCK);
+    std::thread writer(
+        [more = std::string(1000000, 'x')] { save_posted_handshake_data(more.data(), more.size()); });
+    pollfd flight = {reader, POLLIN, 0};
+    EXPECT_EQ(poll(&flight, 1, 10000), 1);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(10);
+        save_posted_handshake_data("flight", 6);
+        _exit(0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(test::read_file("/tmp/atls_handshake_data_sent_2"), "flight");
+    close(reader);
+    writer.join();
 }
 
 Answer answer_of_script(const std::vector<Text> &entries)
@@ -181,7 +217,7 @@ TEST_F(Setup, ChoosesProxies)
         get_proxy_url("");
 
         Options options = interpose::kept().options;
-        options.erase(options.begin(), options.begin() + 10); // those of the transport
+        options.erase(options.begin(), options.begin() + 11); // those of the transport
         EXPECT_EQ(options, expected.options);
         std::vector<Text> list;
         for (int i = 0; i < handle_->proxyUrlCount; i++)
