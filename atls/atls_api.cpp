@@ -137,23 +137,6 @@ namespace
 
 constexpr const char *EXCHANGE = "atls_easy_perform"; // the name that its steps log under
 
-// Finds needle in text, however long the text is.
-bool contains(const char *text, const char *needle)
-{
-    const size_t length = strlen(text);
-    const size_t needle_length = strlen(needle);
-    // Each window repeats the end of the one before it, where a match may have been cut.
-    for (size_t start = 0; start + needle_length <= length;
-         start += SAFEC_SEARCH_LIMIT - (needle_length - 1)) {
-        const size_t bound = std::min(length - start, SAFEC_SEARCH_LIMIT);
-        char *found = nullptr;
-        (void)strstr_s(const_cast<char *>(text) + start, bound, needle, needle_length, &found);
-        if (found)
-            return true;
-    }
-    return false;
-}
-
 struct Free {
     void operator()(char *block) const { free(block); }
 };
@@ -342,7 +325,7 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
         return result;
     read_tracking_id(post, resp);
     drop_rest_of_earlier_answer(post);
-    if (contains(post.header.data, "Content-Type: application/octet-stream"))
+    if (strstr(post.header.data, "Content-Type: application/octet-stream"))
         result = decrypt_body(post);
     if (result == ATLS_OK)
         hand_over(post, resp);

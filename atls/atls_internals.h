@@ -16,8 +16,6 @@
 constexpr int ATLS_FLIGHT_SIZE = 16384;
 // The URL of a request and each line of its header list are cut to this size, NUL included.
 constexpr size_t ATLS_LINE_SIZE = 1024;
-// libsafec's searches find nothing when they are given a larger bound than this.
-constexpr size_t SAFEC_SEARCH_LIMIT = 32768;
 
 // Collects what libcurl delivers of one response part. data is NULL, or size bytes and a NUL.
 typedef struct curl_resp {

@@ -210,6 +210,8 @@ TEST(Arguments, AreChecked)
     EXPECT_EQ(atls_connect(handle, "h", nullptr, 65536, "/", nullptr), ATLS_INVALID_INPUT);
     EXPECT_EQ(atls_connect(handle, long_name.c_str(), nullptr, 1, "/", nullptr), ATLS_SETUP_FAILED);
     EXPECT_EQ(atls_connect(handle, "", "127.0.0.1", 1, "/", nullptr), ATLS_INVALID_INPUT);
+    for (const char *id : {"a\r\nInjected: b", "a\nb", "\r"})
+        EXPECT_EQ(atls_connect(handle, "127.0.0.1", nullptr, 1, "/", id), ATLS_INVALID_INPUT) << id;
     EXPECT_TRUE(link.handle->port == 0 && link.handle->hostname[0] == '\0');
     EXPECT_EQ(link.exchange("x"), ATLS_INVALID_INPUT) << "not connected";
     link.start();

@@ -22,6 +22,8 @@
 #include <openssl/x509.h>
 #include <pthread.h>
 
+#include "safec.h"
+
 #undef curl_easy_setopt
 #undef curl_easy_getinfo
 #ifdef __clang__
@@ -221,6 +223,27 @@ void __wrap_OPENSSL_cleanse(void *data, size_t length)
     if (length == 4096)
         with_state([&](auto &state) { return state.unwiped.erase(data); });
     __real_OPENSSL_cleanse(data, length);
+}
+
+// This libsafec was built for 4 KB, and does not say so.
+errno_t __wrap__memcpy_s_chk(void *to, size_t room, const void *from, size_t count, size_t, size_t)
+{
+    if (count > room || room > 4096)
+        return ESLEMAX;
+    memcpy(to, from, count);
+    return 0;
+}
+
+errno_t __wrap__strcasestr_s_chk(char *, size_t, const char *, size_t, char **found, size_t, size_t)
+{
+    *found = nullptr;
+    return ESLEMAX;
+}
+
+errno_t __wrap__strstr_s_chk(char *, size_t, const char *, size_t, char **found, size_t, size_t)
+{
+    *found = nullptr;
+    return ESLEMAX;
 }
 
 // Every option that the client sets takes one word, a number or a pointer.

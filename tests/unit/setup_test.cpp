@@ -192,7 +192,7 @@ TEST_F(Setup, ChoosesProxies)
         {answer_of_script(
              {"PROXY", {}, "PROXY ", "PROXY " + LONG_NAME, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
          NO_PROXY,
-         {{}, {}, {}, LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
+         {{}, {}, "", LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
          DIRECT},
         {answer_of_script({"PROXY x-DIRECT:1"}), NO_PROXY, {"x-DIRECT:1"}, DIRECT},
         {answer_of_script({"direct:1"}), {{CURLOPT_PROXY, "direct:1"}}, {"direct:1"}},
