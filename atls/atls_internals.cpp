@@ -1107,10 +1107,8 @@ void dump_flight(FlightDump &dump, const char *caller, const void *data, size_t 
     snprintf(name, sizeof name, "%s%d", dump.prefix, index);
     FILE *file = fopen(name, "wb");
     if (!file) {
-        const int error = errno;
-        char text[128];
-        syslog(LOG_ERR, "%s: Failed to open %s for write, error:%s(%d)", caller, name,
-               strerror_r(error, text, sizeof text), error);
+        syslog(LOG_ERR, "%s: Failed to open %s for write, error:%s(%d)", caller, name, strerror(errno),
+               errno);
         int next = index + 1; // the number is free again, unless others have been given out since
         dump.file_index.compare_exchange_strong(next, index);
         return;

@@ -14,12 +14,15 @@
 #include <stdint.h>
 #include <time.h>
 
-#ifdef __cplusplus
-/** No function throws; where the C library declares one so, this repeats it. */
+/** No function throws; where glibc declares one so, this repeats it. */
+#if defined(__cplusplus) && defined(__GLIBC__)
 #define ATLS_PLATFORM_NOTHROW noexcept
-extern "C" {
 #else
 #define ATLS_PLATFORM_NOTHROW
+#endif
+
+#ifdef __cplusplus
+extern "C" {
 #endif
 
 struct ssl_ctx_st; /* OpenSSL's SSL_CTX */

@@ -155,7 +155,7 @@ int netutil_check_port(int port)
 }
 
 // A desktop keeps its time; a device that wants the clock to follow the Date header says so with a file.
-int stime(const time_t *when) noexcept
+int stime(const time_t *when) ATLS_PLATFORM_NOTHROW
 {
     char path[PATH_SIZE];
     if (!platform_path(path, "allow-clock") || access(path, F_OK) != 0) {
