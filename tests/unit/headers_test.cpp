@@ -131,6 +131,12 @@ TEST(Clock, MovesForwardOnlyAndLeavesAMarker)
     }
     setenv("TZ", "UTC", 1);
     tzset();
+    // Past 2038, where the device's clock goes so far.
+    interpose::reset(0, read_as_local, true);
+    std::filesystem::remove(marker);
+    atls_set_date_by_http_header("Date: Fri, 18 Nov 2050 10:20:30 GMT\r\n");
+    const std::vector<time_t> settable(sizeof(time_t) / 8, static_cast<time_t>(INT64_C(2552379630)));
+    EXPECT_EQ(interpose::kept().clock_settings, settable);
     interpose::reset();
 }
 
