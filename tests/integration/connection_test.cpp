@@ -105,7 +105,7 @@ TEST_P(Connection, TakesOddResponses)
         {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
         {"header above 32 KB", huge_header, ANY, 0, true, 0},
         {"identifier", header("TrackingID", "TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
-        {"cut record", [](Reply &reply) { reply.body.pop_back(); }, ANY, 4, false, 4},
+        {"cut record", [](Reply &reply) { reply.body.resize(reply.body.size() - 8); }, ANY, 4, false, 4},
         {"doubled", [](Reply &reply) { reply.body += reply.body; }, ANY, 0, true, 4},
     };
     link_.start();
