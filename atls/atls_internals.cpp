@@ -47,7 +47,6 @@ constexpr size_t DATE_TEXT_MAX = 128;
 constexpr long REQUEST_TIMEOUT_MS = 30000;
 constexpr long HTTP_OK = 200;
 constexpr long HTTP_BAD_REQUEST = 400;
-constexpr long HTTP_PROXY_AUTHENTICATION = 407;
 constexpr const char *HTTP_CLOCK_MARKER = "/tmp/.stime-by-http";
 
 // libcurl writes the text of a failed transfer here, for all request objects of the process.
@@ -261,15 +260,13 @@ CURLcode perform(CURL *curl)
     return curl_easy_perform(curl);
 }
 
-// A proxy that answered CONNECT with an error status has been reached, whatever the result says: libcurl's is
-// 56, and 7 since 8.20. After a 407 libcurl may have gone on by itself, with credentials: a time-out, say, is
-// then the later attempt's.
-bool has_proxy_refused(CURL *curl, CURLcode code)
+// A proxy that answered CONNECT with an error status has been reached, and is not passed over. libcurl's result for that
+// is 56, since 8.20 it is 7.
+bool has_proxy_refused(CURL *curl)
 {
     long status = 0; // of this post: libcurl forgets that of an earlier one
     (void)curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &status);
-    return status >= HTTP_BAD_REQUEST &&
-           (status != HTTP_PROXY_AUTHENTICATION || code == CURLE_COULDNT_CONNECT);
+    return status >= HTTP_BAD_REQUEST;
 }
 
 // Results that another proxy of the list may mend.
@@ -277,7 +274,7 @@ bool may_next_proxy_mend(CURL *curl, CURLcode code)
 {
     return (code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_CONNECT ||
             code == CURLE_OPERATION_TIMEDOUT) &&
-           !has_proxy_refused(curl, code);
+           !has_proxy_refused(curl);
 }
 
 void apply_fallback_proxy(const char *caller, CURL *curl, const char *proxy)
@@ -1156,7 +1153,7 @@ bool is_complete(Handshake &state)
     if (result == 1 || state.refused || SSL_get_error(ssl, result) == SSL_ERROR_WANT_READ)
         return result == 1;
     state.refused = true;
-    state.reason = ERR_peek_error();
+    state.reason = ERR_peek_last_error(); // those before it are of single steps, of a signature say
     state.verification = SSL_get_verify_result(ssl);
     char text[256];
     ERR_error_string_n(state.reason, text, sizeof text);
