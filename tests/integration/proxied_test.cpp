@@ -8,6 +8,7 @@
 #include "proxymanager.h"
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 
 #include <syslog.h>
@@ -41,7 +42,7 @@ protected:
         EXPECT_EQ(ask("updateProxyconfig", {mode, proxy, pac, "false", user, password}), "(0,)");
         EXPECT_TRUE(check_service_started());
     }
-    // A, B, S (silent), X (dead) and U (unknown) stand for proxies, D for none.
+    // A, B, S (silent), X (dead), R (dead, said to refuse) and U (unknown) stand for proxies, D for none.
     std::string names_to_addresses(const std::string &names)
     {
         std::string answer;
@@ -57,11 +58,11 @@ protected:
     }
     std::string address(char name)
     {
-        return name == 'A'   ? a_.address()
-               : name == 'B' ? b_.address()
-               : name == 'S' ? "127.0.0.1:" + std::to_string(silent_.port)
-               : name == 'X' ? "127.0.0.1:1"
-                             : "no-such-host.invalid:80";
+        return name == 'A'                  ? a_.address()
+               : name == 'B'                ? b_.address()
+               : name == 'S'                ? "127.0.0.1:" + std::to_string(silent_.port)
+               : name == 'X' || name == 'R' ? "127.0.0.1:1"
+                                            : "no-such-host.invalid:80";
     }
     // Which proxies were asked, "AAB" say, since the last time.
     std::string way() { return std::string(a_.requests(), 'A') + std::string(b_.requests(), 'B'); }
@@ -126,17 +127,19 @@ TEST_F(Proxied, FollowsTheScript)
                  {"SXA", ATLS_OK, "A", {28, 7}},
                  {"XSD", ATLS_OK, "", {7, 28}},
                  {"XSX", ATLS_HANDSHAKE_FAILED, "", {7, 28, 7}},
+                 {"RD", ATLS_HANDSHAKE_FAILED, "", {7}},         // as the newest libcurl tells a refusal
                  {"BD", ATLS_HANDSHAKE_FAILED, "B", {refused}}}; // it is not passed over
     for (const auto &[names, result, way_taken, failures] : cases) {
         SCOPED_TRACE(names);
         use_script(names);
+        interpose::set_connect_status(names[0] == 'R' ? 403 : 0);
         EXPECT_EQ(connect(names.find('S') == std::string::npos ? 0 : SHORT_TIMEOUT_MS), result);
         std::string expected; // of the log
         for (size_t i = 1; i <= failures.size(); i++) {
             expected.append("atls_handshake: curl_rc:").append(std::to_string(failures[i - 1]));
             expected.append(", proxyUrlCount:").append(std::to_string(names.size()));
             expected.append(", index:").append(std::to_string(i)).append("\n\n");
-            if (names[i - 1] != 'B' && i < names.size())
+            if (!strchr("BR", names[i - 1]) && i < names.size())
                 expected += names[i] == 'D'
                                 ? "Direct connect without http proxy\n\n"
                                 : "atls_handshake connect with http proxy:" + address(names[i]) + "\n\n";

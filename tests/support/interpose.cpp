@@ -240,11 +240,8 @@ errno_t __wrap__strcasestr_s_chk(char *, size_t, const char *, size_t, char **fo
     return ESLEMAX;
 }
 
-errno_t __wrap__strstr_s_chk(char *, size_t, const char *, size_t, char **found, size_t, size_t)
-{
-    *found = nullptr;
-    return ESLEMAX;
-}
+errno_t __wrap__strstr_s_chk(char *, size_t, const char *, size_t, char **, size_t, size_t)
+    __attribute__((alias("__wrap__strcasestr_s_chk")));
 
 // Every option that the client sets takes one word, a number or a pointer.
 CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)

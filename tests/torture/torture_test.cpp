@@ -13,29 +13,20 @@
 #include <openssl/crypto.h>
 
 extern "C" void *__real_malloc(size_t size);
-extern "C" void *__real_realloc(void *block, size_t size);
 
 namespace
 {
 
 using namespace test;
 
-// What OpenSSL's memory BIOs ask for counts, too; the rest of OpenSSL's memory would be points without number.
-bool fails_in_bio(const char *file)
-{
-    return strstr(file, "buffer.c") && interpose::fails("BUF_MEM_grow");
-}
-
 int counts_bios = 0;
 
-// Before the libraries' constructors run, of which some use OpenSSL.
+// What OpenSSL's memory BIOs ask for counts, too. It has to be said before the libraries' constructors run.
 __attribute__((section(".preinit_array"), used)) void (*const count_bios)() = [] {
-    counts_bios = CRYPTO_set_mem_functions(
-        [](size_t size, const char *file, int) { return fails_in_bio(file) ? nullptr : __real_malloc(size); },
-        [](void *block, size_t size, const char *file, int) {
-            return fails_in_bio(file) ? nullptr : __real_realloc(block, size);
-        },
-        [](void *block, const char *, int) { free(block); });
+    const auto allocate = [](size_t size, const char *file, int) {
+        return strstr(file, "buffer.c") && interpose::fails("BUF_MEM_grow") ? nullptr : __real_malloc(size);
+    };
+    counts_bios = CRYPTO_set_mem_functions(allocate, nullptr, nullptr);
 };
 
 // Runs a call of the library, whose points count.
