@@ -17,13 +17,13 @@
 
 #include <fcntl.h>
 #include <locale.h>
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include "device_key.h"
 #include "error_queue.h"
 #include "fips.h"
 #include "proxymanager.h"
@@ -483,15 +483,9 @@ void init_tl_curl_cleanup(int code, CURL *curl, struct curl_slist *header_opts)
 namespace
 {
 
-// A DER object fetched from secure storage; wiped when it goes out of scope, since it may be the private key.
-struct DerBuffer {
-    unsigned char data[DER_CAPACITY] = {};
+// A DER object fetched from secure storage, which may be the private key.
+struct DerBuffer : SecretBytes<DER_CAPACITY> {
     uint32_t length = DER_CAPACITY;
-
-    DerBuffer() = default;
-    DerBuffer(const DerBuffer &) = delete;
-    DerBuffer &operator=(const DerBuffer &) = delete;
-    ~DerBuffer() { OPENSSL_cleanse(data, sizeof data); }
 };
 
 // Logs a step of OpenSSL's that has failed, with the oldest error on the queue: what earlier calls left there must
@@ -534,8 +528,7 @@ EVP_PKEY *load_device_key(const char *caller)
         syslog(LOG_ERR, "%s: Failed Fetch the PKEY", caller);
         return nullptr;
     }
-    const unsigned char *cursor = der.data;
-    EVP_PKEY *key = d2i_PrivateKey(EVP_PKEY_RSA, nullptr, &cursor, static_cast<long>(sizeof der.data));
+    EVP_PKEY *key = decode_device_key(der.data);
     if (!key)
         syslog(LOG_ERR, "%s: Failed to load pkey into an openssl EVP_PKEY object", caller);
     return key;
@@ -594,6 +587,7 @@ int atls_add_mic_to_ctx(SSL_CTX *ctx)
     secstore_init_ssl_lib();
     X509 *cert = load_device_cert(ctx, __func__);
     EVP_PKEY *key = cert ? load_device_key(__func__) : nullptr;
+    wipe_dead_stack();
     const bool installed = key && install_device_key(ctx, key, __func__);
     atls_add_mic_to_ctx_cleanup(cert, key);
     return installed ? ATLS_OK : ATLS_SETUP_FAILED;
