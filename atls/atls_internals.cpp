@@ -587,7 +587,8 @@ int atls_add_mic_to_ctx(SSL_CTX *ctx)
     secstore_init_ssl_lib();
     X509 *cert = load_device_cert(ctx, __func__);
     EVP_PKEY *key = cert ? load_device_key(__func__) : nullptr;
-    wipe_dead_stack();
+    overwrite_vector_registers();
+    overwrite_dead_stack();
     const bool installed = key && install_device_key(ctx, key, __func__);
     atls_add_mic_to_ctx_cleanup(cert, key);
     return installed ? ATLS_OK : ATLS_SETUP_FAILED;

@@ -6,13 +6,14 @@
 #ifndef ATLS_DEVICE_KEY_H
 #define ATLS_DEVICE_KEY_H
 
+#include <cstring>
+
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 
 #if OPENSSL_VERSION_NUMBER >= 0x30000000L
 #include <algorithm>
-#include <cstring>
 
 #include <openssl/asn1.h>
 #include <openssl/core_names.h>
@@ -31,9 +32,17 @@ struct SecretBytes {
     ~SecretBytes() { OPENSSL_cleanse(data, sizeof data); }
 };
 
-// Wipes what earlier calls have left below on the stack: bytes that are copied go through registers, which the dynamic
-// linker saves there.
-__attribute__((noinline)) inline void wipe_dead_stack()
+// Wipe what earlier calls have left below on the stack. Copied bytes stay in vector registers, too, and the dynamic
+// linker saves these on the stack whenever it binds a function: so they take other bytes first.
+__attribute__((noinline)) inline void overwrite_vector_registers()
+{
+    unsigned char bytes[4096] = {};
+    __asm__ volatile("" : : "r"(bytes) : "memory");
+    memmove(bytes, bytes + 1, 2000);
+    __asm__ volatile("" : : "r"(bytes) : "memory");
+}
+
+__attribute__((noinline)) inline void overwrite_dead_stack()
 {
     const SecretBytes<16384> area;
     __asm__ volatile("" : : "r"(area.data) : "memory");

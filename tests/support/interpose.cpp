@@ -91,7 +91,7 @@ State kept()
 void reset(long timeout_ms, time_t now, bool clock_settable)
 {
     log_capture::record();
-    with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}, {}}; });
+    with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}}; });
 }
 
 void set_fips(bool on)
@@ -150,12 +150,6 @@ std::string log_of(int priority)
 
 using interpose::fails;
 
-static unsigned char *fetched(unsigned char *buffer)
-{
-    with_state([&](auto &state) { return state.unwiped.insert(buffer).second; });
-    return buffer;
-}
-
 // Every post finds that the peer has closed the connection, as old versions of libcurl and OpenSSL tell it.
 static CURL *broken(CURL *curl)
 {
@@ -205,25 +199,17 @@ POINT(int, 1, tlsplat_setopt_sec_ctx, (tlsplat_sec_ctx context, int option, int 
 POINT(tlsplat_pvt_ctx *, nullptr, tlsplat_get_ssl_ctx, (tlsplat_sec_ctx context), (context))
 POINT(int, 1, secstore_init_ssl_lib, (), ())
 POINT(int, 1, secstore_get_device_cert, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, fetched(buffer), length))
+      (selector, buffer, length))
 POINT(int, 1, secstore_get_private_key, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, fetched(buffer), length))
+      (selector, buffer, length))
 POINT(int, 0, netutil_check_port, (int port), (port))
 
 extern "C" {
 
-void __real_OPENSSL_cleanse(void *data, size_t length);
 CURLcode __real_curl_easy_setopt(CURL *curl, CURLoption option, ...);
 CURLcode __real_curl_easy_getinfo(CURL *curl, CURLINFO info, ...);
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*function)(void *),
                           void *argument);
-
-void __wrap_OPENSSL_cleanse(void *data, size_t length)
-{
-    if (length == 4096)
-        with_state([&](auto &state) { return state.unwiped.erase(data); });
-    __real_OPENSSL_cleanse(data, length);
-}
 
 // This libsafec was built for 4 KB, and does not say so.
 errno_t __wrap__memcpy_s_chk(void *to, size_t room, const void *from, size_t count, size_t, size_t)

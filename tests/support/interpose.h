@@ -4,7 +4,6 @@
 #define TESTS_INTERPOSE_H
 
 #include <ctime>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,7 +20,6 @@ struct State {
     time_t now = 0;              // what time() says; 0: the real time
     bool clock_settable = false; // whether stime() succeeds; it never sets the clock
     std::vector<time_t> clock_settings; // what stime() was given
-    std::set<void *> unwiped;           // buffers of secure storage that still hold what was fetched
 };
 
 State kept(); // a copy of what is kept since reset()

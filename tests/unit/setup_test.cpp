@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 #include <fcntl.h>
@@ -316,6 +317,58 @@ TEST(Identity, IsChecked)
         EXPECT_EQ(log_capture::contains("init_al_ssl: Failed to add fake cert/key into SSL CTX"),
                   message.find("atls_add_mic") == 0);
     }
+}
+
+// How many of the pieces are found in the memory of a process that can be written.
+size_t count_in_memory(pid_t process, const std::vector<std::string> &pieces)
+{
+    const std::string folder = "/proc/" + std::to_string(process);
+    std::ifstream maps(folder + "/maps"), memory(folder + "/mem", std::ios::binary);
+    size_t found = 0;
+    for (std::string line; std::getline(maps, line); memory.clear()) {
+        char *end = nullptr;
+        const size_t from = strtoull(line.c_str(), &end, 16), size = strtoull(end + 1, &end, 16) - from;
+        if (strncmp(end, " rw", 3) != 0 || size > 256 << 20) // so large is the sanitizers' own
+            continue;
+        std::string bytes(size, '\0');
+        memory.seekg(static_cast<std::streamoff>(from)).read(&bytes[0], static_cast<std::streamsize>(size));
+        for (const std::string &piece : pieces)
+            found += bytes.find(piece) != std::string::npos;
+    }
+    return found;
+}
+
+TEST(Identity, LeavesNoKeyInMemory)
+{
+    test::Device device;
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    const pid_t user = fork(); // of a process that has not read the key
+    if (user == 0) {
+        const std::string key = " -in " + test::identity("ca/unit-key.pem") + " -outform DER -out " +
+                                device.folder.path("device-key.der");
+        for (const char *encode : {"openssl pkcs8 -topk8 -nocrypt", "openssl pkey -traditional"}) {
+            test::run(encode + key);
+            const int result = init_al_ssl(&device.handle);
+            atls_handle_cleanup(&device.handle);
+            (void)!write(ready[1], &result, sizeof result);
+        }
+        pause();
+    }
+    close(ready[1]);
+    for (int i = 0, result = -1; i < 2; i++)
+        EXPECT_TRUE(read(ready[0], &result, sizeof result) == sizeof result && result == ATLS_OK);
+    const std::string key = test::read_file(device.folder.path("device-key.der"));
+    std::vector<std::string> pieces;
+    for (size_t i = 300; i + 16 < key.size(); i += 64) { // behind the public numbers
+        pieces.push_back(key.substr(i, 16));
+        pieces.emplace_back(pieces.back().rbegin(), pieces.back().rend());
+    }
+    EXPECT_EQ(count_in_memory(user, pieces), 0u);
+    EXPECT_NE(count_in_memory(getpid(), pieces), 0u);
+    kill(user, SIGKILL);
+    waitpid(user, nullptr, 0);
+    close(ready[0]);
 }
 
 } // namespace
