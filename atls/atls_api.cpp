@@ -15,13 +15,15 @@
 #include <openssl/err.h>
 #include <syslog.h>
 
+#include "library_call.h"
+
 #include "safec.h"
 
 // ---- Handles and answers
 
 atls_handle *create_atls_handle(void)
 {
-    const NotCancellable guard;
+    const LibraryCall call;
     auto *handle = static_cast<atls_handle *>(malloc(sizeof(atls_handle)));
     if (!handle)
         return nullptr;
@@ -36,7 +38,7 @@ atls_handle *create_atls_handle(void)
 
 void free_atls_handle(atls_handle *handle)
 {
-    const NotCancellable guard;
+    const LibraryCall call;
     if (!handle)
         return;
     atls_handle_cleanup(&handle);
@@ -101,7 +103,7 @@ int connect_layers(atls_handle **handle, const char *service, const char *tracki
 int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int port, const char *service,
                  const char *tracking_id)
 {
-    const NotCancellable guard;
+    const LibraryCall call;
     if (!handle || !*handle || (!hostname && !ip) || !service) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle/host/ip/service", __func__);
         return ATLS_INVALID_INPUT;
@@ -114,6 +116,10 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
     if (connection->curl || connection->ssl) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad curl/ssl", __func__);
         return ATLS_INVALID_INPUT;
+    }
+    if (call.is_too_late()) {
+        syslog(LOG_ERR, "%s: The program is ending", __func__);
+        return ATLS_SETUP_FAILED;
     }
     const char *address = hostname ? hostname : ip;
     int result = ATLS_SETUP_FAILED;
@@ -309,7 +315,11 @@ void hand_over(Post &post, atls_resp *resp)
 
 int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const char *service, atls_resp *resp)
 {
-    const NotCancellable guard;
+    const LibraryCall call;
+    if (call.is_too_late()) {
+        syslog(LOG_ERR, "%s: The program is ending", __func__);
+        return ATLS_EXCHANGE_FAILED;
+    }
     OPENSSL_init_ssl(0, nullptr);
     if (!check_exchange_arguments(handle, msg, msg_len, service, resp))
         return ATLS_INVALID_INPUT;

@@ -26,6 +26,7 @@
 #include "device_key.h"
 #include "error_queue.h"
 #include "fips.h"
+#include "library_call.h"
 #include "proxymanager.h"
 #include "system_clock.h"
 
@@ -114,7 +115,7 @@ void RequestOptions::log(const char *failure) const
 
 void atls_handle_cleanup(atls_handle **handle)
 {
-    const NotCancellable guard;
+    const LibraryCall call;
     if (!handle || !*handle) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", __func__);
         return;

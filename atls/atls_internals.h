@@ -10,7 +10,6 @@
 #include <openssl/bio.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
-#include <pthread.h>
 
 // One step of collecting TLS records from the engine; also the length of a full TLS record's plaintext.
 constexpr int ATLS_FLIGHT_SIZE = 16384;
@@ -85,20 +84,6 @@ int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, c
 } // extern "C"
 
 // ---- Helpers of the two files; not exported
-
-// Keeps a cancellation of the thread waiting until the call is over: libcurl and OpenSSL do not survive one in
-// their middle. With asynchronous cancellation the thread ends in the destructor.
-class NotCancellable
-{
-public:
-    NotCancellable() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
-    ~NotCancellable() noexcept(false) { pthread_setcancelstate(former_, nullptr); }
-    NotCancellable(const NotCancellable &) = delete;
-    NotCancellable &operator=(const NotCancellable &) = delete;
-
-private:
-    int former_ = PTHREAD_CANCEL_ENABLE;
-};
 
 // A heap block that grows in many steps. Up to 1 MiB it has exactly the size asked for; beyond, room for some steps
 // more, since allocators move a large block each time that it grows.

@@ -5,6 +5,7 @@
 #include "log_capture.h"
 #include "proxy_double.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
@@ -12,6 +13,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -136,6 +138,28 @@ TEST_F(Setup, DumpsInTheChildOfAForkDuringADump)
     EXPECT_EQ(test::read_file("/tmp/atls_handshake_data_sent_2"), "flight");
     close(reader.fd);
     writer.join();
+}
+
+// OpenSSL's clean-up, which exit() runs, waits for a call that is under way; later ones are refused.
+TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
+{
+    const std::string certificate = device_.folder.path("device-cert.der");
+    unlink(certificate.c_str());
+    ASSERT_EQ(mkfifo(certificate.c_str(), 0600), 0); // holds up who reads it
+    const auto connect = [&] { return atls_connect(&handle_, "h", nullptr, 1, "/", nullptr); };
+    const auto is_waited_for = [&] {
+        std::thread(connect).detach();
+        const int end = open(certificate.c_str(), O_WRONLY | O_CLOEXEC);
+        std::atomic<bool> let_go{false};
+        std::thread([&] {
+            usleep(100000);
+            let_go = true;
+            close(end);
+        }).detach();
+        OPENSSL_cleanup();
+        return let_go && connect() == ATLS_SETUP_FAILED && log_capture::contains("The program is ending");
+    };
+    EXPECT_EXIT(_exit(is_waited_for() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 const std::string LONG_NAME(300, 'x');
