@@ -15,6 +15,7 @@
 #include <openssl/err.h>
 #include <syslog.h>
 
+#include "bio_room.h"
 #include "library_call.h"
 
 #include "safec.h"
@@ -142,6 +143,8 @@ namespace
 {
 
 constexpr const char *EXCHANGE = "atls_easy_perform"; // the name that its steps log under
+// What encryption adds to a full record, at the most that is common.
+constexpr size_t RECORD_OVERHEAD = 96;
 
 struct Free {
     void operator()(char *block) const { free(block); }
@@ -210,16 +213,21 @@ int collect_records(Exchange &exchange)
 bool encrypt_message(Exchange &exchange, const void *msg, int msg_len)
 {
     SSL *ssl = exchange.post.handle->ssl;
+    const auto length = static_cast<size_t>(msg_len);
+    reserve_bio_room(exchange.post.write_bio, length + (length / ATLS_FLIGHT_SIZE + 1) * RECORD_OVERHEAD);
     if (SSL_write(ssl, msg, msg_len) != msg_len) {
         syslog(LOG_ERR, "%s: Failed to Encrypt message using SSL object", EXCHANGE);
     } else {
         exchange.records_length = collect_records(exchange);
-        if (exchange.records_length > 0)
+        if (exchange.records_length > 0) {
+            give_back_bio_room(exchange.post.write_bio);
             return true;
+        }
         syslog(LOG_ERR, "%s: Failed to read ATLS flight from BIO bytes read=>[%d]", EXCHANGE,
                exchange.records_length);
     }
     (void)BIO_reset(exchange.post.write_bio);
+    give_back_bio_room(exchange.post.write_bio);
     SSL_set_shutdown(ssl, SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN); // no later SSL_write succeeds
     return false;
 }
@@ -228,7 +236,10 @@ bool post_message(Exchange &exchange)
 {
     const char *records = exchange.records.get();
     syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", EXCHANGE, exchange.records_length, records);
-    return exchange.post.set_records(records, exchange.records_length) && exchange.post.perform();
+    const bool posted =
+        exchange.post.set_records(records, exchange.records_length) && exchange.post.perform();
+    exchange.records.reset(); // before the answer takes its room
+    return posted;
 }
 
 bool receive_answer(Post &post)
@@ -278,14 +289,65 @@ void drop_rest_of_earlier_answer(const Post &post)
         syslog(LOG_ERR, "%s: [%d] bytes behind the end of the last answer dropped", EXCHANGE, dropped);
 }
 
+// Reads one answer from the engine: it ends with the first read that is not full.
+int read_answer(SSL *ssl, const char *caller, GrowingBlock &answer, int *length)
+{
+    if (!answer.grow(ATLS_FLIGHT_SIZE)) {
+        syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", caller);
+        (void)drop_plaintext(ssl); // it must not be taken for the next answer
+        return ATLS_BAD_RESPONSE;
+    }
+    for (int total = 0;;) {
+        const int count = SSL_read(ssl, answer.data() + total, ATLS_FLIGHT_SIZE);
+        if (count <= 0) {
+            syslog(LOG_ERR, "%s: Failed to decrypt server response", caller);
+            return ATLS_BAD_RESPONSE;
+        }
+        total += count;
+        if (count < ATLS_FLIGHT_SIZE) {
+            answer.data()[total] = '\0';
+            *length = total;
+            return ATLS_OK;
+        }
+        if (!answer.grow(static_cast<size_t>(total) + ATLS_FLIGHT_SIZE)) {
+            syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
+            (void)drop_plaintext(ssl);
+            return ATLS_BAD_RESPONSE;
+        }
+    }
+}
+
+// atls_decrypt_buffer; what was captured, unless NULL, is released as soon as the engine has it.
+int decrypt(SSL *ssl, BIO *read_bio, const void *data, int length, curl_resp *captured, char **out,
+            int *out_length)
+{
+    constexpr const char *NAME = "atls_decrypt_buffer"; // the name that its steps log under
+    if (!ssl || !read_bio || !data || length <= 0 || !out || *out || !out_length) {
+        syslog(LOG_ERR, "%s: Invalid Input Parameters", NAME);
+        return ATLS_INVALID_INPUT;
+    }
+    reserve_bio_room(read_bio, static_cast<size_t>(length));
+    if (BIO_write(read_bio, data, length) < length) {
+        syslog(LOG_ERR, "%s: Failed to load encrypted response into SSL bio=>[%d]", NAME, length);
+        return ATLS_BAD_RESPONSE;
+    }
+    cleanup_curl_resp(captured);
+    GrowingBlock answer;
+    const int result = read_answer(ssl, NAME, answer, out_length);
+    if (result == ATLS_OK)
+        *out = answer.release();
+    give_back_bio_room(read_bio);
+    return result;
+}
+
 // Replaces the captured body by what it decrypts to.
 int decrypt_body(Post &post)
 {
     const atls_handle *handle = post.handle;
     curl_resp plain = {};
     int length = 0;
-    const int result = atls_decrypt_buffer(handle->ssl, post.read_bio, post.body.data,
-                                           static_cast<int>(post.body.size), &plain.data, &length);
+    const int result = decrypt(handle->ssl, post.read_bio, post.body.data, static_cast<int>(post.body.size),
+                               &post.body, &plain.data, &length);
     if (result != ATLS_OK) {
         syslog(LOG_ERR, "%s: ATLS Decrypted Failed", EXCHANGE);
         return result;
@@ -294,7 +356,6 @@ int decrypt_body(Post &post)
     syslog(LOG_DEBUG, "%s: Decrypted body [%d] bytes [%s] from [%s:%d]", EXCHANGE, length, plain.data,
            handle->hostname, static_cast<int>(handle->port));
     syslog(LOG_NOTICE, "%s: ATLS Decrypted [%d] bytes from the response body", EXCHANGE, length);
-    cleanup_curl_resp(&post.body);
     post.body = plain;
     return ATLS_OK;
 }
@@ -342,52 +403,7 @@ int atls_easy_perform(atls_handle *handle, const void *msg, int msg_len, const c
     return result;
 }
 
-namespace
-{
-
-// Reads one answer from the engine: it ends with the first read that is not full.
-int read_answer(SSL *ssl, const char *caller, GrowingBlock &answer, int *length)
-{
-    if (!answer.grow(ATLS_FLIGHT_SIZE)) {
-        syslog(LOG_ERR, "%s: Failed to allocate memory for decrypted response body", caller);
-        (void)drop_plaintext(ssl); // it must not be taken for the next answer
-        return ATLS_BAD_RESPONSE;
-    }
-    for (int total = 0;;) {
-        const int count = SSL_read(ssl, answer.data() + total, ATLS_FLIGHT_SIZE);
-        if (count <= 0) {
-            syslog(LOG_ERR, "%s: Failed to decrypt server response", caller);
-            return ATLS_BAD_RESPONSE;
-        }
-        total += count;
-        if (count < ATLS_FLIGHT_SIZE) {
-            answer.data()[total] = '\0';
-            *length = total;
-            return ATLS_OK;
-        }
-        if (!answer.grow(static_cast<size_t>(total) + ATLS_FLIGHT_SIZE)) {
-            syslog(LOG_ERR, "%s: Failed to reallocate memory for decrypted response body", caller);
-            (void)drop_plaintext(ssl);
-            return ATLS_BAD_RESPONSE;
-        }
-    }
-}
-
-} // namespace
-
 int atls_decrypt_buffer(SSL *ssl, BIO *read_bio, const void *data, int length, char **out, int *out_length)
 {
-    if (!ssl || !read_bio || !data || length <= 0 || !out || *out || !out_length) {
-        syslog(LOG_ERR, "%s: Invalid Input Parameters", __func__);
-        return ATLS_INVALID_INPUT;
-    }
-    if (BIO_write(read_bio, data, length) < length) {
-        syslog(LOG_ERR, "%s: Failed to load encrypted response into SSL bio=>[%d]", __func__, length);
-        return ATLS_BAD_RESPONSE;
-    }
-    GrowingBlock answer;
-    const int result = read_answer(ssl, __func__, answer, out_length);
-    if (result == ATLS_OK)
-        *out = answer.release();
-    return result;
+    return decrypt(ssl, read_bio, data, length, nullptr, out, out_length);
 }
