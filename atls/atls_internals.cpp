@@ -638,7 +638,8 @@ int init_al_ssl(atls_handle **handle)
     tlsplat_destroy_sec_ctx(sec_ctx);
     SSL_set_bio(ssl, read_bio, write_bio);
     SSL_set_connect_state(ssl);
-    SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY); // session tickets in front of an answer are read over
+    // Session tickets in front of an answer are read over; record buffers, 33 KB, are held only while in use.
+    SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY | SSL_MODE_RELEASE_BUFFERS);
     syslog(LOG_DEBUG, "%s: Application layer initialized!", __func__);
     return ATLS_OK;
 }

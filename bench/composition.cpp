@@ -98,7 +98,7 @@ Composition::Composition(int port, SSL_CTX *ready) : curl_(curl_easy_init())
         SSL_CTX_free(ctx);
     SSL_set_bio(ssl_, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
     SSL_set_connect_state(ssl_);
-    SSL_set_mode(ssl_, SSL_MODE_AUTO_RETRY);
+    SSL_set_mode(ssl_, SSL_MODE_AUTO_RETRY | SSL_MODE_RELEASE_BUFFERS);
     handshake();
 }
 

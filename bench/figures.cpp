@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -93,6 +94,35 @@ void measure_allocations(int port)
     print("allocations of an exchange of 1 KB", static_cast<double>(library) / EXCHANGES, "");
     print("  of them beyond the composition",
           (static_cast<double>(library) - static_cast<double>(bare)) / EXCHANGES, "");
+}
+
+// A number of /proc/self/status, which is in KB.
+double memory_of_process(const std::string &name)
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.rfind(name, 0) == 0)
+            return strtod(line.c_str() + name.size(), nullptr) * 1024;
+    throw std::runtime_error(name);
+}
+
+void measure_large_echo(int port)
+{
+    atls_handle *handle = connect(port);
+    atls_resp answer = {};
+    exchange(handle, "small", answer);
+    const std::string message(20000000, 'm');
+    cleanup_atls_resp(&answer);
+    const size_t idle = test::heap_in_use();
+    std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
+    const double resident = memory_of_process("VmRSS:");
+    exchange(handle, message, answer);
+    const double peak = memory_of_process("VmHWM:") - resident;
+    cleanup_atls_resp(&answer);
+    print("peak of an echo of 20 MB, in times of its length", peak / 20e6, "", "2.5");
+    print("  what the idle connection keeps of it",
+          static_cast<double>(test::heap_in_use()) - static_cast<double>(idle), "bytes", "65536");
+    free_atls_handle(handle);
 }
 
 void measure_cache()
@@ -191,6 +221,7 @@ int main()
             throw std::runtime_error("no proxy manager");
         measure_handles(peers.ports.tls13);
         measure_allocations(peers.ports.tls13);
+        measure_large_echo(peers.ports.tls13);
         measure_cache();
         measure_stack(peers.ports.tls12);
         cleanup_proxy_manager_client();

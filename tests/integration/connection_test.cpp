@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <openssl/buffer.h>
 #include <openssl/err.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -35,6 +36,10 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
         for (int i = 0; i < 2; i++) { // the first message, with what the handshake left, and a later one
             ASSERT_EQ(link_.exchange(test::pattern(size)), ATLS_OK) << size;
             EXPECT_TRUE(link_.body() == test::pattern(size) && link_.answer.body[size] == '\0') << size;
+        }
+        for (BIO *bio : {SSL_get_rbio(link_.handle->ssl), SSL_get_wbio(link_.handle->ssl)}) {
+            BUF_MEM *block = nullptr;
+            EXPECT_TRUE(BIO_get_mem_ptr(bio, &block) == 1 && block->max <= 32768) << size << " is kept";
         }
         atls_handle_cleanup(&link_.handle);
     }

@@ -151,11 +151,7 @@ TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
         std::thread(connect).detach();
         const int end = open(certificate.c_str(), O_WRONLY | O_CLOEXEC);
         std::atomic<bool> let_go{false};
-        std::thread([&] {
-            usleep(100000);
-            let_go = true;
-            close(end);
-        }).detach();
+        std::thread([&] { usleep(100000), let_go = true, close(end); }).detach();
         OPENSSL_cleanup();
         return let_go && connect() == ATLS_SETUP_FAILED && log_capture::contains("The program is ending");
     };
