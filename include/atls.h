@@ -15,6 +15,11 @@
  * the other. None may be under way while cleanup_proxy_manager_client runs. Cancelling a thread
  * takes effect behind the call that it is in.
  *
+ * Exit: the program may end while threads are inside these functions. exit() then waits for them, a second at most,
+ * and later calls fail: atls_connect with ATLS_SETUP_FAILED, atls_easy_perform with ATLS_EXCHANGE_FAILED. A thread
+ * that waits longer for the network is left behind; it may crash the process if it is answered in its last moments.
+ * To be sure, let threads finish first.
+ *
  * Fork: a child process uses only handles that it makes itself, which it may do at any time: no lock is held
  * across a fork. It leaves the parent's handles alone and does not free them either. Of two processes that
  * use one session, one ends it for the other. A child whose parent had a proxy manager client connects without
