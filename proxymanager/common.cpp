@@ -2,6 +2,8 @@
 
 #include "common.h"
 
+#include "modewords.h"
+
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -12,9 +14,7 @@
 namespace
 {
 
-// Indexed by mode.
-constexpr const char *MODE_TEXTS[] = {"off", "manual", "pacurl", "wpad"};
-constexpr int MODE_COUNT = sizeof MODE_TEXTS / sizeof MODE_TEXTS[0];
+constexpr int MODE_COUNT = sizeof MODE_WORDS / sizeof MODE_WORDS[0];
 
 int textLength(size_t length)
 {
@@ -128,7 +128,7 @@ void cleanupProxySetting(ProxySetting *setting)
 int str2ProxyMode(const char *text)
 {
     for (int mode = 0; mode < MODE_COUNT; mode++) {
-        if (strcasecmp(text, MODE_TEXTS[mode]) == 0)
+        if (strcasecmp(text, MODE_WORDS[mode]) == 0)
             return mode;
     }
     return PROXY_MODE_OFF;
@@ -138,10 +138,10 @@ const char *proxyMode2Str(int mode)
 {
     if (mode < 0 || mode >= MODE_COUNT) {
         syslog(LOG_ERR, "%s: mode:%d is invalid", __func__, mode);
-        return MODE_TEXTS[PROXY_MODE_OFF];
+        return MODE_WORDS[PROXY_MODE_OFF];
     }
-    syslog(LOG_INFO, "%s: str mode:%s", __func__, MODE_TEXTS[mode]);
-    return MODE_TEXTS[mode];
+    syslog(LOG_INFO, "%s: str mode:%s", __func__, MODE_WORDS[mode]);
+    return MODE_WORDS[mode];
 }
 
 char *string2Char(const char *src, int len)

@@ -18,4 +18,12 @@ char *getHost(const std::string &url);
 // string2Char for a whole text; one that is too long for it yields NULL.
 char *copyText(const std::string &text);
 
+inline const char *orEmpty(const char *text)
+{
+    return text ? text : "";
+}
+
+// Begins the log lines of the client object.
+constexpr const char *CLASS_PREFIX = "ProxyManagerClientImpl-";
+
 #endif

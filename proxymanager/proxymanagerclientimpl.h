@@ -1,114 +1,19 @@
-// The client of the proxy manager service: the interface proxy with its wire contract, and the object that
-// holds the configuration, the cache of answers and the event handlers.
+// The client of the proxy manager service: configuration, cache of answers and event handlers.
 #ifndef PROXYMANAGER_PROXYMANAGERCLIENTIMPL_H
 #define PROXYMANAGER_PROXYMANAGERCLIENTIMPL_H
 
 #include "common.h"
 #include "lruproxyurlcache.h"
+#include "serviceinterface.h"
 
-#include <array>
-#include <cstdint>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
-#include <dbus-c++/dbus.h>
-
-class AnswerReader;
-class CallDesk;
-
-namespace com
-{
-namespace halvo
-{
-
-// The wire contract: four methods, three signals. Methods block for the reply and throw DBus::Error for
-// anything but a reply of the right types. Text that cannot be sent is such an error too.
-class ProxyManagerServiceInterface_proxy : public DBus::InterfaceProxy
-{
-public:
-    // mode, proxyUrl, pacUrl, optionFlag, userName, password
-    using Configuration = std::array<std::string, 6>;
-
-    ProxyManagerServiceInterface_proxy();
-    virtual ~ProxyManagerServiceInterface_proxy() = default;
-
-    virtual void notifyProxyConfigupdated(const std::string &mode, const std::string &proxyUrl,
-                                          const std::string &userName, const std::string &password) = 0;
-    virtual void notifyClearcache() = 0;
-    virtual void ProxyMgrStateEvent(const int32_t &eventType) = 0;
-
-    int32_t updateProxyconfig(const char *mode, const char *proxyUrl, const char *pacUrl, bool optionFlag,
-                              const char *userName, const char *password);
-    Configuration getProxyconfig();
-    std::vector<std::string> getProxyurl(const char *requestUrl);
-    bool checkServicestarted();
-
-protected:
-    // Decides whether a signal counts. Any process on the bus can send one that looks like the service's.
-    virtual bool isFromService(const DBus::SignalMessage &) const { return true; }
-
-private:
-    void _notifyProxyConfigupdated_stub(const DBus::SignalMessage &signal);
-    void _notifyClearcache_stub(const DBus::SignalMessage &signal);
-    void _ProxyMgrStateEvent_stub(const DBus::SignalMessage &signal);
-
-    // Runs one stub. libdbus calls it: nothing may be thrown through.
-    template <typename Handle>
-    void deliver(const DBus::SignalMessage &signal, Handle handle);
-    DBus::Message request(const char *member, DBus::CallMessage &call);
-};
-
-} // namespace halvo
-} // namespace com
-
-// Receives the service's signals and ignores them.
-class ProxyManagerClient : public com::halvo::ProxyManagerServiceInterface_proxy
-{
-public:
-    void notifyProxyConfigupdated(const std::string &, const std::string &, const std::string &,
-                                  const std::string &) override
-    {
-    }
-    void notifyClearcache() override {}
-    void ProxyMgrStateEvent(const int32_t &) override {}
-};
-
-// Knows which connection of the bus owns a well-known name, from the bus's own announcements. Used on the
-// thread that dispatches the connection.
-class NameOwner
-{
-public:
-    // Throws DBus::Error when the bus does not answer.
-    NameOwner(DBus::Connection &connection, const std::string &name);
-    ~NameOwner();
-    NameOwner(const NameOwner &) = delete;
-    NameOwner &operator=(const NameOwner &) = delete;
-
-    bool sent(const DBus::Message &message) const;
-
-private:
-    std::string ask();
-    bool follow(const DBus::Message &message);
-
-    DBus::Connection connection_;
-    const std::string name_;
-    const std::string rule_;
-    std::string owner_; // empty when nobody owns the name
-    DBus::MessageSlot filter_;
-};
-
-// An answer that is not in the cache yet. Its strings are released with it.
-struct ProxyAnswer {
-    ProxyUrlInformation record{};
-
-    ProxyAnswer() = default;
-    ProxyAnswer(const ProxyAnswer &) = delete;
-    ProxyAnswer &operator=(const ProxyAnswer &) = delete;
-    ~ProxyAnswer() { cleanupProxyUrlInfo(&record); }
-};
+class CallQueue;
+class SharedAnswer;
 
 class ProxyManagerClientImpl : public ProxyManagerClient, public DBus::ObjectProxy
 {
@@ -116,17 +21,15 @@ public:
     using EventHandler = void (*)(ProxyMgrEventType);
 
     // Reads the service's configuration. Throws DBus::Error when the bus is out of reach; a service that does
-    // not answer leaves the configuration empty.
-    ProxyManagerClientImpl(DBus::Connection &connection, const char *path, const char *name);
+    // not answer leaves the configuration empty. Calls are left to the queue, which must outlive the client.
+    ProxyManagerClientImpl(DBus::Connection &connection, const char *path, const char *name,
+                           CallQueue &queue);
     ~ProxyManagerClientImpl() override;
 
     void notifyProxyConfigupdated(const std::string &mode, const std::string &proxyUrl,
                                   const std::string &userName, const std::string &password) override;
     void notifyClearcache() override;
     void ProxyMgrStateEvent(const int32_t &eventType) override;
-
-    // Leaves the calls to a thread, if it owns the connection.
-    void leaveCallsAt(CallDesk *callDesk) { desk = callDesk; }
 
     int updateProxyConfig(const ProxyManagerConfig &config);
     // Asks the service. For the constructor only: takes no lock.
@@ -146,11 +49,10 @@ protected:
 private:
     DBus::Message _invoke_method(DBus::CallMessage &call) override;
 
-    ProxyMode snapshotConfig(const char *requestUrl, ProxyUrlInformation &manual);
-    bool findAnswer(const char *requestUrl, const std::string &key, AnswerReader &reader,
-                    ProxyUrlInformation &result);
-    void askService(const char *requestUrl, ProxyUrlInformation &result);
-    ProxyUrlInformation keepAnswer(const std::string &key, AnswerReader &reader, ProxyAnswer &answer);
+    ProxyMode snapshotConfig(const char *requestUrl, SharedAnswer &manual);
+    bool findAnswer(const char *requestUrl, const std::string &key, SharedAnswer &answer);
+    void askService(const char *requestUrl, SharedAnswer &answer);
+    void storeAnswer(const std::string &key, SharedAnswer &answer, unsigned clearsBefore);
     static void callHandler(const char *caller, EventHandler handler, ProxyMgrEventType type);
     bool hasHandler(ProxyMgrEventType type) const { return eventHandlers.count(type) != 0; }
 
@@ -162,8 +64,9 @@ private:
     std::unique_ptr<LRUProxyURLCache<ProxyUrlInformation>> urlCache; // guarded by cacheMutex
     // When false, the next change of the configuration is absorbed. Guarded by eventMutex.
     bool configEventArmed = false;
+    std::atomic<unsigned> clears{0}; // of the cache, so far; changed under cacheMutex
     std::unique_ptr<NameOwner> serviceOwner;
-    CallDesk *desk = nullptr;
+    CallQueue &calls;
 };
 
 #endif

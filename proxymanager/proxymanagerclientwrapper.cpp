@@ -4,20 +4,18 @@
 #include "proxymanagerclientwrapper.h"
 
 #include "proxymanagerclientimpl.h"
+#include "systembus.h"
 
 #include <atomic>
-#include <csignal>
 #include <memory>
 #include <mutex>
 #include <new>
 
 #include <pthread.h>
-#include <sys/types.h>
 #include <syslog.h>
-#include <unistd.h>
 
 DBus::Connection *dbus_conn = nullptr;
-Lasting<OwningDispatcher> dbus_dispatcher;
+MadeAtLoad<PollLoop> dbus_dispatcher;
 
 namespace
 {
@@ -33,46 +31,33 @@ constexpr const char *CLEANUP_WITHOUT_CONN = "cleanup_without_conn";
 // How long the end of the process waits for a callback that is still running.
 constexpr std::chrono::milliseconds EXIT_PATIENCE(2000);
 
-std::mutex lifeMutex; // guards the next two, dbus_conn and tidp
+std::mutex clientMutex; // guards the next one, dbus_conn, and the start and end of the dispatch thread
 ProxyManagerClientImpl *pProxyMgrClient = nullptr;
-std::atomic<bool> dispactcherEnter{false};
-pthread_t tidp;
 
 // The client once it may be used: with its dispatch thread.
 std::atomic<ProxyManagerClientImpl *> readyClient{nullptr};
-// The process that the client and the connection belong to, 0 when there are none.
-std::atomic<pid_t> ownerProcess{0};
 
-// getpid without a system call for each use.
-std::atomic<pid_t> thisProcess{getpid()};
+// ---- Forked children
 
-// Whoever held the lock when the child was forked is not there. Where the child has use for it, there is nobody's client
-// and hence nothing half changed.
+// What a child would inherit. While it changes it counts as a client: no thread that changes it is in the child.
+enum class Heritage { Nothing, Connection, Client };
+std::atomic<Heritage> heritage{Heritage::Nothing};
+bool isInherited = false; // the client is the parent's
+
+// After a fork the child shares the parent's sockets, and finds locks as threads that it does not have left them.
 void followIntoChild()
 {
-    thisProcess = getpid();
-    new (&lifeMutex) std::mutex;
+    new (&clientMutex) std::mutex;
+    readyClient = nullptr;
+    if (dbus_dispatcher.isMade())
+        dbus_dispatcher->leaveToParent();
+    dbus_conn = nullptr;
+    isInherited = isInherited || heritage == Heritage::Client;
 }
 
 const bool followsForks = pthread_atfork(nullptr, nullptr, followIntoChild) == 0;
 
-pid_t processId()
-{
-    return followsForks ? thisProcess.load() : getpid();
-}
-
-// After a fork the child shares the parent's socket, and finds locks as threads that it does not have left
-// them.
-bool isOtherProcess()
-{
-    const pid_t owner = ownerProcess;
-    return owner != 0 && owner != processId();
-}
-
-ProxyManagerClientImpl *usableClient()
-{
-    return isOtherProcess() ? nullptr : readyClient.load();
-}
+// ---- Exceptions and cancellation
 
 // Being cancelled inside libdbus would leave its locks locked for ever.
 class NotCancellable
@@ -94,8 +79,7 @@ void logException(const char *caller, const char *errorFormat)
     try {
         throw;
     } catch (const DBus::Error &error) {
-        const char *text = error.what();
-        syslog(LOG_ERR, errorFormat, "", caller, text ? text : "");
+        syslog(LOG_ERR, errorFormat, "", caller, orEmpty(error.what()));
     } catch (const std::exception &error) {
         syslog(LOG_ERR, FAILED, "", caller, error.what());
     } catch (...) {
@@ -105,7 +89,7 @@ void logException(const char *caller, const char *errorFormat)
 
 // Nothing is thrown across the C interface: whatever comes is logged, and the neutral result returned.
 template <typename Result, typename Action>
-Result contain(const char *caller, const char *errorFormat, Result neutral, Action action)
+Result withoutExceptions(const char *caller, const char *errorFormat, Result neutral, Action action)
 {
     const NotCancellable here;
     try {
@@ -118,98 +102,59 @@ Result contain(const char *caller, const char *errorFormat, Result neutral, Acti
 
 // ---- Dispatch thread
 
-// The thread must not take a signal that the program wants to handle elsewhere.
-int startThreadWithSignalsBlocked()
-{
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    const int result = pthread_create(&tidp, nullptr, dbusLoopFunc, nullptr);
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    return result;
-}
-
 void startThread()
 {
-    if (dispactcherEnter)
+    if (dbus_dispatcher->thread().isStarted())
         return;
-    if (!dbus_dispatcher->calls().expectThread()) {
+    if (!dbus_dispatcher->open() || !dbus_dispatcher->thread().start(dbusLoopFunc)) {
+        dbus_dispatcher->close();
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
-    } else if (startThreadWithSignalsBlocked() != 0) {
-        dbus_dispatcher->calls().forgetThread();
-        syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
-    } else {
-        dispactcherEnter = true;
     }
 }
 
 void stopThread()
 {
-    if (!dispactcherEnter)
+    if (!dbus_dispatcher.isMade())
         return;
-    syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
-    dbus_dispatcher->leave();
-    dispactcherEnter = false;
-    if (pthread_join(tidp, nullptr) != 0)
-        syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
+    if (dbus_dispatcher->thread().isStarted()) {
+        syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
+        dbus_dispatcher->leave();
+        if (!dbus_dispatcher->thread().join())
+            syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
+    }
+    dbus_dispatcher->close();
 }
 
 // Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
-struct ThreadStopper {
-    ~ThreadStopper()
+struct AtExit {
+    ~AtExit()
     {
-        if (isOtherProcess())
+        if (isInherited || !dbus_dispatcher.isMade())
             return;
-        dbus_dispatcher->calls().retire();
-        if (dispactcherEnter && !dbus_dispatcher->calls().onThread())
-            stop();
+        dbus_dispatcher->thread().retire();
+        dbus_dispatcher->calls().failAll();
+        if (!dbus_dispatcher->thread().isCurrent())
+            waitForThread();
     }
 
 private:
-    // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by
-    // itself.
-    static void stop()
+    // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by itself.
+    static void waitForThread()
     {
-        const std::unique_lock<std::mutex> lock(lifeMutex, std::try_to_lock);
-        dbus_dispatcher->leave();
-        if (dbus_dispatcher->calls().waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() &&
-            dispactcherEnter.exchange(false))
-            pthread_join(tidp, nullptr);
+        const std::unique_lock<std::mutex> lock(clientMutex, std::try_to_lock);
+        DispatchThread &thread = dbus_dispatcher->thread();
+        if (thread.waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() && thread.isStarted())
+            thread.join();
     }
-} threadStopper;
+} const atExit;
 
 // ---- Connection
 
-// A connection that goes must have left the dispatcher's queue, which keeps a plain pointer to it.
-void closeConnection(DBus::Connection &connection)
-{
-    dbus_dispatcher->calls().disown();
-    connection.disconnect();
-    dbus_dispatcher->dispatch_pending();
-}
-
 void dropConnection()
 {
-    if (!dbus_conn)
-        return;
-    closeConnection(*dbus_conn);
-    delete dbus_conn;
-    dbus_conn = nullptr;
-}
-
-void openConnection()
-{
-    DBus::_init_threading();
-    DBus::Connection opened = DBus::Connection::SystemBus();
-    try {
-        auto kept = std::make_unique<DBus::Connection>(opened);
-        dbus_dispatcher->calls().own(kept.get());
-        dbus_conn = kept.release();
-    } catch (...) {
-        closeConnection(opened);
-        throw;
-    }
+    if (dbus_conn)
+        closeSystemBus(*dbus_dispatcher,
+                       std::unique_ptr<DBus::Connection>(std::exchange(dbus_conn, nullptr)));
 }
 
 // Takes a kept connection up again: what came for an earlier client is not for the next one.
@@ -248,24 +193,6 @@ int deleteClient()
     return 1;
 }
 
-enum class Outcome { Made, NotConstructed, NotAnswering };
-
-Outcome makeClient(DBus::Connection &conn)
-{
-    try {
-        pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME);
-        pProxyMgrClient->leaveCallsAt(&dbus_dispatcher->calls());
-        checkServiceStarted(*pProxyMgrClient);
-        return Outcome::Made;
-    } catch (const std::exception &error) { // DBus::Error is one
-        const char *text = error.what();
-        syslog(LOG_ERR, CREATE_ERROR, "", CREATE, text ? text : "");
-    }
-    const Outcome outcome = pProxyMgrClient ? Outcome::NotAnswering : Outcome::NotConstructed;
-    deleteClient();
-    return outcome;
-}
-
 bool clientExists(const char *alreadyExists)
 {
     syslog(LOG_INFO, CALLED, "", CREATE);
@@ -275,82 +202,102 @@ bool clientExists(const char *alreadyExists)
     return true;
 }
 
-int createOn(DBus::Connection &conn, Outcome &outcome)
-{
-    outcome = Outcome::Made;
-    if (!clientExists("%s%s (conn)proxy_manager_client already exist"))
-        outcome = makeClient(conn);
-    return outcome == Outcome::Made ? 1 : 0;
-}
+enum class Creation { Made, Unconstructed, Unanswered };
 
-// Makes the client on dbus_conn. A constructor that has thrown leaves a filter with a dangling pointer on the
-// connection, which then cannot be kept. True in *lost when the connection was found closed.
-int createOnKeptConnection(bool *lost)
+Creation createOn(DBus::Connection &conn)
 {
-    Outcome outcome;
-    const int made = createOn(*dbus_conn, outcome);
-    *lost = outcome == Outcome::NotConstructed && !dbus_conn->connected();
-    if (outcome == Outcome::NotConstructed)
-        dropConnection();
-    return made;
+    if (clientExists("%s%s (conn)proxy_manager_client already exist"))
+        return Creation::Made;
+    try {
+        pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME, dbus_dispatcher->calls());
+        checkServiceStarted(*pProxyMgrClient);
+        return Creation::Made;
+    } catch (const std::exception &error) { // DBus::Error is one
+        syslog(LOG_ERR, CREATE_ERROR, "", CREATE, orEmpty(error.what()));
+    }
+    return deleteClient() ? Creation::Unanswered : Creation::Unconstructed;
 }
 
 int createOnSystemBus()
 {
     if (clientExists("%s%s (void)proxy_manager_client already exist"))
         return 1;
-    DBus::default_dispatcher = &dbus_dispatcher.object;
+    DBus::default_dispatcher = &*dbus_dispatcher;
     syslog(LOG_NOTICE, "%s%s create dbus connection", "", CREATE);
-    const bool kept = reuseConnection();
-    if (!kept)
-        openConnection();
-    bool lost = false;
-    int made = createOnKeptConnection(&lost);
-    if (kept && lost) {
-        openConnection();
-        made = createOnKeptConnection(&lost);
+    for (bool kept = reuseConnection();; kept = false) {
+        if (!kept)
+            dbus_conn = openSystemBus(*dbus_dispatcher).release();
+        const Creation creation = createOn(*dbus_conn);
+        if (creation == Creation::Made) {
+            startThread();
+            return 1;
+        }
+        const bool lost = !dbus_conn->connected();
+        // A constructor that has thrown leaves a filter with a dangling pointer on the connection.
+        if (creation == Creation::Unconstructed)
+            dropConnection();
+        // A kept connection that is found closed is replaced once.
+        if (!kept || !lost || creation != Creation::Unconstructed)
+            return 0;
     }
-    if (made) {
-        startThread();
-        readyClient = pProxyMgrClient;
-    }
-    return made;
+}
+
+int createOnProgramsConnection(DBus::Connection &conn)
+{
+    if (createOn(conn) != Creation::Made)
+        return 0;
+    dbus_dispatcher->open(); // or else the program's loop does
+    return 1;
 }
 
 // ---- Changes of the process-wide objects
 
-// Claims them before the lock is taken: a child that is forked in between finds the claim, not a lost lock.
-bool claimProcess(const char *caller)
-{
-    pid_t nobody = 0;
-    if (ownerProcess.compare_exchange_strong(nobody, processId()) || !isOtherProcess())
-        return true;
-    syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
-    return false;
-}
-
-// Runs a change of the process-wide objects, one at a time. On the dispatch thread it does not, and returns
-// what is given for that: whoever holds the lock may be waiting for that thread.
+// Runs a change of the process-wide objects, one at a time. On the dispatch thread it does not: whoever holds the lock may
+// be waiting for that thread.
 template <typename Action>
-int changeLife(const char *caller, const char *errorFormat, int onThread, Action action)
+int change(const char *caller, const char *errorFormat, int onThread, Action action)
 {
-    return contain(caller, errorFormat, 0, [&]() -> int {
-        if (dbus_dispatcher->calls().onThread()) {
+    return withoutExceptions(caller, errorFormat, 0, [&]() -> int {
+        if (isInherited) {
+            syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
+            return 0;
+        }
+        if (dbus_dispatcher.isMade() && dbus_dispatcher->thread().isCurrent()) {
             syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
             return onThread;
         }
-        if (!claimProcess(caller))
-            return 0;
-        const std::lock_guard<std::mutex> lock(lifeMutex);
-        ownerProcess = processId(); // the claim may have been given up while we waited
-        struct ReleaseWhenIdle {
-            ~ReleaseWhenIdle()
+        const std::lock_guard<std::mutex> lock(clientMutex);
+        struct AtEnd {
+            ~AtEnd()
             {
-                if (!pProxyMgrClient && !dbus_conn)
-                    ownerProcess = 0;
+                readyClient = pProxyMgrClient;
+                heritage = pProxyMgrClient ? Heritage::Client
+                           : dbus_conn     ? Heritage::Connection
+                                           : Heritage::Nothing;
             }
         };
-        const ReleaseWhenIdle atEnd{};
+        const AtEnd atEnd{};
+        return action();
+    });
+}
+
+template <typename Action>
+int create(Action action)
+{
+    return change(CREATE, CREATE_ERROR, readyClient ? 1 : 0, [&] {
+        dbus_dispatcher.make();
+        require(followsForks);
+        heritage = Heritage::Client;
+        return action();
+    });
+}
+
+template <typename Action>
+int cleanUp(const char *caller, Action action)
+{
+    return change(caller, DBUS_ERROR, 0, [&] {
+        if (heritage != Heritage::Nothing)
+            heritage = Heritage::Client;
         return action();
     });
 }
@@ -361,23 +308,19 @@ int changeLife(const char *caller, const char *errorFormat, int onThread, Action
 
 int create_proxy_manager_client(DBus::Connection &conn)
 {
-    return changeLife(CREATE, CREATE_ERROR, usableClient() ? 1 : 0, [&] {
-        Outcome outcome;
-        const int made = createOn(conn, outcome);
-        readyClient = pProxyMgrClient;
-        return made;
-    });
+    return create([&] { return createOnProgramsConnection(conn); });
 }
 
 int cleanup_without_conn()
 {
-    return changeLife(CLEANUP_WITHOUT_CONN, DBUS_ERROR, 0, deleteClient);
+    return cleanUp(CLEANUP_WITHOUT_CONN, deleteClient);
 }
 
 void *dbusLoopFunc(void *)
 {
-    return contain<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
+    return withoutExceptions<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
         syslog(LOG_NOTICE, "%s%s dbus loop start", "", "dbusLoopFunc");
+        dbus_dispatcher.make();
         dbus_dispatcher->enter();
         return nullptr;
     });
@@ -387,13 +330,13 @@ void *dbusLoopFunc(void *)
 
 int create_proxy_manager_client(void)
 {
-    return changeLife(CREATE, CREATE_ERROR, usableClient() ? 1 : 0, createOnSystemBus);
+    return create(createOnSystemBus);
 }
 
 int cleanup_proxy_manager_client(void)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    return changeLife(__func__, DBUS_ERROR, 0, [] {
+    return cleanUp(__func__, [] {
         const int deleted = deleteClient();
         dropConnection();
         return deleted;
@@ -405,12 +348,12 @@ ProxyManagerConfig get_http_proxy_config(void)
     syslog(LOG_INFO, CALLED, "", __func__);
     ProxyManagerConfig config;
     initProxyConfig(&config);
-    ProxyManagerClientImpl *client = usableClient();
+    ProxyManagerClientImpl *client = readyClient;
     if (!client) {
         syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
         return config;
     }
-    contain(__func__, DBUS_ERROR, 0, [&] {
+    withoutExceptions(__func__, DBUS_ERROR, 0, [&] {
         client->getProxyConfig(&config);
         return 0;
     });
@@ -420,43 +363,43 @@ ProxyManagerConfig get_http_proxy_config(void)
 int update_proxy_config(ProxyManagerConfig config)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    ProxyManagerClientImpl *client = usableClient();
+    ProxyManagerClientImpl *client = readyClient;
     if (!client) {
         syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
         return -1;
     }
-    return contain(__func__, DBUS_ERROR, -1, [&] { return client->updateProxyConfig(config); });
+    return withoutExceptions(__func__, DBUS_ERROR, -1, [&] { return client->updateProxyConfig(config); });
 }
 
 ProxyUrlInformation get_proxy_url(const char *requestUrl)
 {
     const ProxyUrlInformation none{};
-    ProxyManagerClientImpl *client = usableClient();
+    ProxyManagerClientImpl *client = readyClient;
     if (!client)
         return none;
-    return contain(__func__, DBUS_ERROR, none, [&] { return client->getProxyUrl(requestUrl); });
+    return withoutExceptions(__func__, DBUS_ERROR, none, [&] { return client->getProxyUrl(requestUrl); });
 }
 
 bool check_service_started(void)
 {
-    ProxyManagerClientImpl *client = usableClient();
+    ProxyManagerClientImpl *client = readyClient;
     if (!client) {
         syslog(LOG_INFO, CALLED, "", __func__);
         syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
         return false;
     }
-    return contain(__func__, DBUS_ERROR, false, [&] { return checkServiceStarted(*client); });
+    return withoutExceptions(__func__, DBUS_ERROR, false, [&] { return checkServiceStarted(*client); });
 }
 
 void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb)
 {
     syslog(LOG_NOTICE, "%s%s event type:%d", "", __func__, type);
-    ProxyManagerClientImpl *client = usableClient();
+    ProxyManagerClientImpl *client = readyClient;
     if (!client) {
         syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
         return;
     }
-    contain(__func__, DBUS_ERROR, 0, [&] {
+    withoutExceptions(__func__, DBUS_ERROR, 0, [&] {
         client->AddEventNotifyHandler(type, cb);
         return 0;
     });

@@ -3,25 +3,46 @@
 #ifndef PROXYMANAGER_PROXYMANAGERCLIENTWRAPPER_H
 #define PROXYMANAGER_PROXYMANAGERCLIENTWRAPPER_H
 
-#include "owningdispatcher.h"
+#include "pollloop.h"
 #include "proxymanager.h"
+
+#include <new>
 
 // The connection to the system bus, from the first create to cleanup_proxy_manager_client.
 extern DBus::Connection *dbus_conn;
 
-// Constructed as any object is, and never destroyed: threads that the program leaves behind may still be in it, and come
-// to it, while the process ends.
+// Storage of an object that is made when the library is loaded, unless that fails, and is never destroyed: threads that the
+// program leaves behind may still be in it, and come to it, while the process ends.
 template <typename Object>
-union Lasting {
-    Object object;
+class MadeAtLoad
+{
+public:
+    MadeAtLoad() noexcept
+    {
+        try {
+            make();
+        } catch (...) { // nobody could catch it: the next one who needs the object makes it
+        }
+    }
+    // Makes the object unless it is there; throws what its constructor throws.
+    void make()
+    {
+        if (!made_)
+            new (bytes_) Object;
+        made_ = true;
+    }
+    bool isMade() const { return made_; }
+    Object &operator*() { return *std::launder(reinterpret_cast<Object *>(bytes_)); }
+    Object *operator->() { return &**this; }
 
-    Lasting() : object() {}
-    ~Lasting() {}
-    Object *operator->() { return &object; }
+private:
+    alignas(Object) unsigned char bytes_[sizeof(Object)];
+    bool made_ = false;
 };
 
-// The dispatcher of that connection; for programs a DBus::BusDispatcher.
-extern Lasting<OwningDispatcher> dbus_dispatcher;
+// The dispatcher of that connection; for programs a DBus::BusDispatcher. leave() of that class works while a client exists
+// or the loop runs, and throws otherwise.
+extern MadeAtLoad<PollLoop> dbus_dispatcher;
 
 // Makes the process's client on a connection of the program's own, which the program dispatches itself, on
 // one thread. That connection must be in working order and outlive the client. Calls go out on the calling

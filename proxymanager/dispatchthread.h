@@ -1,0 +1,105 @@
+// The dispatch thread: its life, and the sockets that wake it.
+#ifndef PROXYMANAGER_DISPATCHTHREAD_H
+#define PROXYMANAGER_DISPATCHTHREAD_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#if defined(__GLIBCXX__) && !defined(_GLIBCXX_USE_PTHREAD_COND_CLOCKWAIT)
+#error                                                                                                       \
+    "Time limits would follow the wall clock: GCC 10 and glibc 2.30 are the first that can wait on the monotonic one."
+#endif
+
+// A descriptor that can tell whether its number is still its own: a program may close every descriptor that it does not
+// know, and open others under the same numbers.
+class OwnDescriptor
+{
+public:
+    void adopt(int number);
+    void forget() { number_ = -1; }
+    // Leaves alone a number that is somebody else's by now.
+    void close();
+    bool isOurs() const;
+    int number() const { return number_; } // -1 when there is none
+
+private:
+    int number_ = -1;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
+// There is one at a time: ours, or one of the program's that runs the same loop.
+class DispatchThread
+{
+public:
+    enum class State {
+        None,     // every thread makes its calls itself
+        Starting, // calls wait for the thread
+        Running,
+        Stopping, // it ends as soon as it can
+        Lost,     // somebody has closed its sockets: calls fail
+        Retired   // the process ends: calls fail from here on
+    };
+
+    State state() const;
+    bool isCurrent() const { return loop_ == std::this_thread::get_id(); }
+    // Whether a thread is in the loop, or will be.
+    bool isBusy() const;
+    // Makes the poll return, now or as soon as it begins. False when the thread cannot be reached any more.
+    bool wake();
+    // Asks the thread to end, also when it has not begun yet.
+    void stop();
+    // From here on no thread serves.
+    void retire();
+    // False when one still does when the time is up.
+    bool waitUntilLeft(std::chrono::milliseconds limit);
+
+    // ---- For whoever starts and joins it, one at a time
+
+    // Opens the sockets unless they are open.
+    bool open();
+    // Closes them unless a thread uses them.
+    void close();
+    // In a forked child, which has none of the threads: closes its copies of the sockets, which would keep the parent's
+    // thread from noticing that its own are gone, and begins anew.
+    void startAnew();
+    bool start(void *(*function)(void *));
+    bool isStarted() const { return thread_.has_value(); }
+    // Waits for the end of the thread that was started. False when that fails.
+    bool join();
+
+    // ---- For the thread
+
+    // False when another is there already.
+    bool enter();
+    void leave();
+    // Whether it can be woken: to be asked before each poll.
+    bool isReachable();
+    // Takes in what has woken the poll. False when the sockets are not there any more.
+    bool drain();
+    int wakeDescriptor() const { return reader_.number(); }
+    // For dbus-c++, whose leave() writes a text to it and closes it.
+    int unlockDescriptor() const { return writer_.isOurs() ? writer_.number() : -1; }
+
+private:
+    bool wakeLocked();
+    void loseLocked();
+
+    mutable std::mutex mutex_; // guards the next four; taken last
+    State state_ = State::None;
+    OwnDescriptor reader_;
+    OwnDescriptor writer_;
+    std::condition_variable left_;
+
+    std::atomic<std::thread::id> loop_{}; // who is in the loop
+    std::optional<pthread_t> thread_;     // what start() has started
+};
+
+#endif

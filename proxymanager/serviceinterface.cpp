@@ -1,0 +1,236 @@
+// What goes over the bus: calls, replies, signals, and who owns the service's name.
+
+#include "serviceinterface.h"
+
+#include "common.h"
+
+#include <cstring>
+#include <exception>
+#include <memory>
+
+#include <dbus/dbus.h>
+#include <syslog.h>
+
+namespace
+{
+
+constexpr const char *INTERFACE_NAME = "com.halvo.ProxyManagerServiceInterface";
+// A bus drops a client that sends it more than it takes in one message, 32 MiB as it comes.
+constexpr size_t TEXT_LIMIT = size_t{16} * 1024 * 1024;
+
+// Appends the arguments of a call, and refuses what libdbus or the bus would not bear: text that is not UTF-8
+// ends the process, and a message too long ends the connection.
+class ArgumentWriter
+{
+public:
+    explicit ArgumentWriter(DBus::CallMessage &call) : iterator_(call.writer()) {}
+
+    ArgumentWriter &text(const char *value)
+    {
+        length_ += strlen(value);
+        if (length_ > TEXT_LIMIT)
+            throw DBus::Error(DBUS_ERROR_LIMITS_EXCEEDED, "text too long");
+        if (!dbus_validate_utf8(value, nullptr))
+            throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "text is not valid UTF-8");
+        require(iterator_.append_string(value));
+        return *this;
+    }
+
+    ArgumentWriter &flag(bool value)
+    {
+        require(iterator_.append_bool(value));
+        return *this;
+    }
+
+private:
+    DBus::MessageIter iterator_;
+    size_t length_ = 0;
+};
+
+// Hands a method over to a slot of dbus-c++, which takes it only once there is memory for its own needs.
+template <typename Result, typename Parameter, typename Object>
+void fill(DBus::Slot<Result, Parameter> &slot, Object *object, Result (Object::*method)(Parameter))
+{
+    auto callback = std::make_unique<DBus::Callback<Object, Result, Parameter>>(object, method);
+    slot = callback.get();
+    (void)callback.release();
+}
+
+} // namespace
+
+void require(bool hadMemory)
+{
+    if (!hadMemory)
+        throw DBus::Error(DBUS_ERROR_NO_MEMORY, "no memory for the call");
+}
+
+// ---- Interface proxy
+
+namespace com
+{
+namespace halvo
+{
+
+ProxyManagerServiceInterface_proxy::ProxyManagerServiceInterface_proxy()
+    : DBus::InterfaceProxy(INTERFACE_NAME)
+{
+    using Proxy = ProxyManagerServiceInterface_proxy;
+    fill(_signals["notifyProxyConfigupdated"], this, &Proxy::_notifyProxyConfigupdated_stub);
+    fill(_signals["notifyClearcache"], this, &Proxy::_notifyClearcache_stub);
+    fill(_signals["ProxyMgrStateEvent"], this, &Proxy::_ProxyMgrStateEvent_stub);
+}
+
+template <typename Handle>
+void ProxyManagerServiceInterface_proxy::deliver(const DBus::SignalMessage &signal, Handle handle)
+{
+    constexpr const char *DROPPED = "%s%s signal dropped: %s";
+    try {
+        if (isFromService(signal))
+            handle(signal.reader());
+    } catch (const std::exception &error) { // DBus::Error is one
+        syslog(LOG_ERR, DROPPED, CLASS_PREFIX, signal.member(), orEmpty(error.what()));
+    } catch (...) {
+        syslog(LOG_ERR, DROPPED, CLASS_PREFIX, signal.member(), "unknown error");
+    }
+}
+
+void ProxyManagerServiceInterface_proxy::_notifyProxyConfigupdated_stub(const DBus::SignalMessage &signal)
+{
+    deliver(signal, [this](DBus::MessageIter arguments) {
+        std::array<std::string, 4> texts;
+        for (std::string &text : texts) {
+            text = arguments.get_string();
+            ++arguments;
+        }
+        notifyProxyConfigupdated(texts[0], texts[1], texts[2], texts[3]);
+    });
+}
+
+void ProxyManagerServiceInterface_proxy::_notifyClearcache_stub(const DBus::SignalMessage &signal)
+{
+    deliver(signal, [this](const DBus::MessageIter &) { notifyClearcache(); });
+}
+
+void ProxyManagerServiceInterface_proxy::_ProxyMgrStateEvent_stub(const DBus::SignalMessage &signal)
+{
+    deliver(signal, [this](DBus::MessageIter arguments) { ProxyMgrStateEvent(arguments.get_int32()); });
+}
+
+DBus::Message ProxyManagerServiceInterface_proxy::request(const char *member, DBus::CallMessage &call)
+{
+    require(call.member(member));
+    return invoke_method(call);
+}
+
+int32_t ProxyManagerServiceInterface_proxy::updateProxyconfig(const char *mode, const char *proxyUrl,
+                                                              const char *pacUrl, bool optionFlag,
+                                                              const char *userName, const char *password)
+{
+    DBus::CallMessage call;
+    ArgumentWriter(call)
+        .text(mode)
+        .text(proxyUrl)
+        .text(pacUrl)
+        .flag(optionFlag)
+        .text(userName)
+        .text(password);
+    return request("updateProxyconfig", call).reader().get_int32();
+}
+
+ProxyManagerServiceInterface_proxy::Configuration ProxyManagerServiceInterface_proxy::getProxyconfig()
+{
+    DBus::CallMessage call;
+    const DBus::Message reply = request("getProxyconfig", call);
+    DBus::MessageIter arguments = reply.reader();
+    // Entering anything but a container ends the process.
+    if (arguments.type() != DBUS_TYPE_STRUCT)
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "structure expected");
+    DBus::MessageIter fields = arguments.recurse();
+    Configuration configuration;
+    for (std::string &text : configuration) {
+        text = fields.get_string();
+        ++fields;
+    }
+    return configuration;
+}
+
+std::vector<std::string> ProxyManagerServiceInterface_proxy::getProxyurl(const char *requestUrl)
+{
+    DBus::CallMessage call;
+    ArgumentWriter(call).text(requestUrl);
+    const DBus::Message reply = request("getProxyurl", call);
+    DBus::MessageIter arguments = reply.reader();
+    if (arguments.type() != DBUS_TYPE_ARRAY)
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "array expected");
+    if (arguments.array_type() != DBUS_TYPE_STRING)
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "array of strings expected");
+    std::vector<std::string> texts;
+    for (DBus::MessageIter element = arguments.recurse(); !element.at_end(); ++element)
+        texts.emplace_back(element.get_string());
+    return texts;
+}
+
+bool ProxyManagerServiceInterface_proxy::checkServicestarted()
+{
+    DBus::CallMessage call;
+    return request("checkServicestarted", call).reader().get_bool();
+}
+
+} // namespace halvo
+} // namespace com
+
+// ---- Owner of the service's name
+
+NameOwner::NameOwner(DBus::Connection &connection, const std::string &name)
+    : connection_(connection), name_(name),
+      rule_("type='signal',sender='" DBUS_SERVICE_DBUS "',path='" DBUS_PATH_DBUS
+            "',interface='" DBUS_INTERFACE_DBUS "',member='NameOwnerChanged',arg0='" +
+            name + "'")
+{
+    fill(filter_, this, &NameOwner::follow);
+    // Changes are followed before the present owner is asked for, so that none falls between.
+    connection_.add_match(rule_.c_str());
+    owner_ = ask();
+    connection_.add_filter(filter_);
+}
+
+NameOwner::~NameOwner()
+{
+    connection_.remove_filter(filter_);
+    connection_.remove_match(rule_.c_str(), false);
+}
+
+std::string NameOwner::ask()
+{
+    DBus::CallMessage call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetNameOwner");
+    ArgumentWriter(call).text(name_.c_str());
+    try {
+        return connection_.send_blocking(call, -1).reader().get_string();
+    } catch (const DBus::Error &error) {
+        if (strcmp(orEmpty(error.name()), DBUS_ERROR_NAME_HAS_NO_OWNER) != 0)
+            throw;
+        return {};
+    }
+}
+
+bool NameOwner::follow(const DBus::Message &message)
+{
+    try {
+        if (!message.is_signal(DBUS_INTERFACE_DBUS, "NameOwnerChanged") ||
+            strcmp(orEmpty(message.sender()), DBUS_SERVICE_DBUS) != 0)
+            return false;
+        DBus::MessageIter arguments = message.reader();
+        if (arguments.get_string() == name_) {
+            ++arguments; // the former owner
+            ++arguments;
+            owner_ = arguments.get_string();
+        }
+    } catch (const std::exception &) { // not from a bus that works; libdbus must not see it
+    }
+    return false;
+}
+
+bool NameOwner::sent(const DBus::Message &message) const
+{
+    return !owner_.empty() && owner_ == orEmpty(message.sender());
+}

@@ -1,0 +1,90 @@
+// The count of owners, and the latest answer of each thread.
+
+#include "sharedanswer.h"
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include <pthread.h>
+
+namespace
+{
+
+using Count = std::atomic<size_t>;
+static_assert(sizeof(Count) == sizeof(char *) && alignof(Count) <= alignof(char *));
+
+// NULL for an answer without a list.
+Count *owners(const ProxyUrlInformation &answer)
+{
+    void *const behindEntries = answer.proxyUrlList ? &answer.proxyUrlList[answer.proxyUrlCount] : nullptr;
+    return static_cast<Count *>(behindEntries);
+}
+
+// A thread_local object with a destructor would do, but it ends the process when there is no memory for it.
+struct Key {
+    Key()
+        : made(pthread_key_create(&key, [](void *latest) { delete static_cast<SharedAnswer *>(latest); }) ==
+               0)
+    {
+    }
+    SharedAnswer *get() const
+    {
+        return static_cast<SharedAnswer *>(made ? pthread_getspecific(key) : nullptr);
+    }
+
+    pthread_key_t key{};
+    const bool made;
+};
+const Key latestKey;
+
+} // namespace
+
+SharedAnswer::SharedAnswer(ProxyMode mode, int count)
+{
+    initProxyUrlInfo(&record_, mode, count > 0 ? count + 1 : 0);
+    if (record_.proxyUrlList) {
+        record_.proxyUrlCount = count;
+        new (&record_.proxyUrlList[count]) Count(1);
+    }
+}
+
+void SharedAnswer::share(const ProxyUrlInformation &answer)
+{
+    if (Count *const count = owners(answer))
+        count->fetch_add(1, std::memory_order_relaxed);
+    ProxyUrlInformation former = std::exchange(record_, answer);
+    release(former);
+}
+
+ProxyUrlInformation SharedAnswer::detach()
+{
+    return std::exchange(record_, {});
+}
+
+void SharedAnswer::release(ProxyUrlInformation &answer)
+{
+    Count *const count = owners(answer);
+    if (count && count->fetch_sub(1, std::memory_order_acq_rel) > 1)
+        answer = {};
+    else
+        cleanupProxyUrlInfo(&answer);
+}
+
+SharedAnswer &SharedAnswer::latest()
+{
+    if (SharedAnswer *const latest = latestKey.get())
+        return *latest;
+    auto made = std::make_unique<SharedAnswer>();
+    if (!latestKey.made || pthread_setspecific(latestKey.key, made.get()) != 0)
+        throw std::bad_alloc();
+    return *made.release();
+}
+
+void SharedAnswer::releaseLatest()
+{
+    if (SharedAnswer *const latest = latestKey.get())
+        latest->share({});
+}
