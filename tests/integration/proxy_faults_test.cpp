@@ -180,6 +180,32 @@ TEST_F(RunningClient, StallsNobodyWhileTheServiceIsSlow)
     EXPECT_EQ(slow.get(), "3 DIRECT");
 }
 
+TEST_F(RunningClient, KeepsNoAnswerThatAClearHasOvertaken)
+{
+    static std::promise<void> bothAreThere;
+    set_proxy_manager_event_cb(7, [](ProxyMgrEventType) { bothAreThere.get_future().wait(); });
+    for (const bool together : {true, false}) { // the client reads both at once; or the clear first
+        service->hold("getProxyurl");
+        const int calls = service->calls("getProxyurl");
+        auto stale = std::async(std::launch::async, [] { return toText(get_proxy_url("http://a/")); });
+        service->waitForCalls("getProxyurl", calls + 1);
+        if (together) {
+            service->emitState(7);
+            service->answerHeld("(['pacurl', 'DIRECT'],)");
+            service->emit("notifyClearcache");
+            service->sync();
+            bothAreThere.set_value();
+        } else {
+            emit("notifyClearcache");
+            service->answerHeld("(['pacurl', 'DIRECT'],)");
+        }
+        EXPECT_EQ(stale.get(), "2 DIRECT");
+        service->answer("getProxyurl", "(['pacurl', 'PROXY p2:1'],)");
+        EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p2:1");
+        emit("notifyClearcache");
+    }
+}
+
 TEST_F(RunningClient, WaitsTwentyFiveSecondsWhateverTheClockDoes)
 {
     service->hold("getProxyurl");

@@ -63,7 +63,7 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
     }
     EXPECT_EQ(count().first, counted.first);
     EXPECT_LE(count().second, counted.second); // idle threads of GLib end by themselves
-    EXPECT_LT(heap_in_use(), heap + size_t{980} * 10000);
+    EXPECT_LT(heap_in_use(), heap + size_t{980} * 2000);
     EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)), "/dev/null");
     close(file);
 }
@@ -125,6 +125,17 @@ TEST_F(ProxyTest, AProgramMayBringItsOwnConnection)
         own.disconnect();
         dbus_dispatcher.dispatch_pending();
     }
+}
+
+TEST_F(ProxyTest, LeavesTheProgramsDescriptorsAlone)
+{
+    Program daemon({PROXY_PROGRAM, "daemon"});
+    EXPECT_TRUE(daemon.wait_for("no service"));
+    ScriptedService service;
+    EXPECT_EQ(daemon.end(), 0) << daemon.err();
+    EXPECT_EQ(outcome("closing"), "");
+    Program limited({"sh", "-c", "ulimit -Sn 4; exec \"$0\" limit", PROXY_PROGRAM});
+    EXPECT_EQ(limited.end(), 0) << limited.err();
 }
 
 TEST_F(ProxyTest, ProcessesEndWell)

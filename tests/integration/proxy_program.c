@@ -2,16 +2,22 @@
  * A program around the library, for what a test cannot do to its own process. Its argument names what to do; it
  * ends with status 0 when all is well. The service never stops sending events meanwhile.
  */
-#define _DEFAULT_SOURCE
+#define _GNU_SOURCE
 #undef NDEBUG
 #include "proxymanager.h"
 
 #include <assert.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,9 +36,25 @@ void syslog(int priority, const char *format, ...)
     (void)priority, (void)format;
 }
 
+enum { MOST_FILES = 64 };
+
+static int open_files(void)
+{
+    int count = 0;
+    for (int number = 0; number < MOST_FILES; number++)
+        count += fcntl(number, F_GETFD) >= 0;
+    return count;
+}
+
+/* Faults are for whoever reports them; what the program handles elsewhere is not. */
 static void on_event(ProxyMgrEventType type)
 {
     (void)type;
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, NULL, &blocked);
+    assert(!sigismember(&blocked, SIGSEGV) && !sigismember(&blocked, SIGBUS));
+    assert(!sigismember(&blocked, SIGFPE) && !sigismember(&blocked, SIGILL) &&
+           sigismember(&blocked, SIGTERM));
     sem_post(&events);
 }
 
@@ -132,10 +154,65 @@ static void end_slowly(void)
         putchar(' ');
 }
 
+/* The program closes all that it does not know but the socket of the bus, and opens files under the same numbers. */
+static void run_closing(void)
+{
+    int files[MOST_FILES] = {0};
+    for (int number = 3; number < MOST_FILES; number++) {
+        struct sockaddr_storage peer;
+        socklen_t length = sizeof peer;
+        if (getpeername(number, (struct sockaddr *)&peer, &length) != 0 || length <= sizeof peer.ss_family)
+            close(number);
+    }
+    for (int i = 0; i < 10; i++)
+        files[memfd_create("", 0)] = 1;
+    assert(!check_service_started() && get_proxy_url("http://b/").mode == 0);
+    assert(get_proxy_url("http://a/").mode == 2); /* from the cache */
+    assert(cleanup_proxy_manager_client() == 1);
+    for (int number = 0; number < MOST_FILES; number++) {
+        struct stat status;
+        assert(!files[number] ||
+               (fstat(number, &status) == 0 && status.st_nlink == 0 && status.st_size == 0));
+    }
+    assert(open_files() == 3 + 10 && create_proxy_manager_client() == 1 && check_service_started());
+}
+
+/* There is no service before the program has become a daemon. */
+static int run_daemon(void)
+{
+    assert(create_proxy_manager_client() == 0);
+    const pid_t child = fork();
+    puts("no service");
+    fflush(stdout);
+    const int files = open_files();
+    for (int i = 0; create_proxy_manager_client() == 0 && i < 100; i++)
+        usleep(100000);
+    const int made = cleanup_proxy_manager_client();
+    assert(made == 1 && open_files() == (child == 0 ? files : 3));
+    if (child != 0)
+        wait_for_child(child);
+    return 0;
+}
+
+/* The program was started with room for a single further descriptor. */
+static void run_without_descriptors(void)
+{
+    assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
+    struct rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = MOST_FILES;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int main(int argc, char **argv)
 {
     const char *what = argc > 1 ? argv[1] : "";
     sem_init(&events, 0, 0);
+    assert(open_files() == 3);
+    if (strcmp(what, "daemon") == 0)
+        return run_daemon();
+    if (strcmp(what, "limit") == 0)
+        run_without_descriptors();
     assert(create_proxy_manager_client() == 1);
     set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_event_exit : on_event);
     get_proxy_url("http://a/");
@@ -143,6 +220,8 @@ int main(int argc, char **argv)
         pause();
     if (strcmp(what, "fork") == 0)
         run_fork();
+    if (strcmp(what, "closing") == 0)
+        run_closing();
     if (strcmp(what, "exit-in-use") == 0)
         end_slowly();
     if (strcmp(what, "exec") == 0)
