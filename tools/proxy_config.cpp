@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 
 #include "descriptor.h"
+#include "modewords.h"
 #include "proxy_text.h"
 
 namespace proxy_manager_service
@@ -120,11 +121,10 @@ const char *meaning(Result result)
 
 Result check(Config &config)
 {
-    static const char *const MODES[] = {"off", "manual", "pacurl", "wpad"};
-    const auto mode = std::find_if(std::begin(MODES), std::end(MODES), [&config](const char *name) {
-        return config.mode.size() == strlen(name) && strcasecmp(config.mode.c_str(), name) == 0;
+    const auto mode = std::find_if(std::begin(MODE_WORDS), std::end(MODE_WORDS), [&config](const char *word) {
+        return config.mode.size() == strlen(word) && strcasecmp(config.mode.c_str(), word) == 0;
     });
-    if (mode == std::end(MODES))
+    if (mode == std::end(MODE_WORDS))
         return BAD_MODE;
     config.mode = *mode;
     if (config.proxy.empty() ? config.mode == "manual" : !proxy_text::is_host_port(config.proxy))

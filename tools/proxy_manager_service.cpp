@@ -240,6 +240,7 @@ private:
     void introspect(Message call);
 
     Result adopt(Config config);
+    void announce();
     void ask_script(Question &question);
     bool finish(Question &question);
     Strings script_answer(const Question &question, bool ended);
@@ -287,6 +288,7 @@ ProxyManagerService::Impl::Impl(Options options)
     // A file that cannot be written shows now, not at the first change.
     if (!options_.state_file.empty())
         store_state(options_.state_file, config_);
+    announce();
     emit("ProxyMgrStateEvent", dbus_int32_t{STATE_STARTED});
     thread_ = std::thread(&Impl::run, this);
 }
@@ -427,10 +429,16 @@ Result ProxyManagerService::Impl::adopt(Config config)
         return NOT_STORED;
     }
     config_ = std::move(config);
-    emit("notifyProxyConfigupdated", config_.mode, config_.proxy, config_.user, config_.password);
-    emit("notifyClearcache");
+    announce();
     ask_again();
     return ACCEPTED;
+}
+
+// Clients have their configuration, and their answers, from a service that may have ended since.
+void ProxyManagerService::Impl::announce()
+{
+    emit("notifyProxyConfigupdated", config_.mode, config_.proxy, config_.user, config_.password);
+    emit("notifyClearcache");
 }
 
 void ProxyManagerService::Impl::get_config(Message call)

@@ -2,7 +2,7 @@
 
 #include "fuzz.h"
 
-#include "owningdispatcher.h"
+#include "pollloop.h"
 #include "proxymanagerclientimpl.h"
 
 #include <algorithm>
@@ -76,14 +76,19 @@ static void deliver()
                 filters[i].first(nullptr, message.get(), filters[i].second);
 }
 
+static PollLoop &loop()
+{
+    static auto *const made = new PollLoop;
+    return *made;
+}
+
 // A connection to somebody who never answers.
 static DBus::Connection &connection()
 {
     const std::string listening = "unix:abstract=fuzz-" + std::to_string(getpid()); // no file is left of it
     static DBusServer *const server = dbus_server_listen(listening.c_str(), nullptr);
     static char *const address = dbus_server_get_address(server);
-    static auto *const dispatcher = new OwningDispatcher;
-    DBus::default_dispatcher = dispatcher;
+    DBus::default_dispatcher = &loop();
     static auto *const opened = new DBus::Connection(address);
     return *opened;
 }
@@ -100,25 +105,25 @@ static void read_answer(const ProxyUrlInformation &answer)
 // A thread asks; this one owns the connection, carries the call out, and hands over the messages that come.
 static void ask_from_thread(ProxyManagerClientImpl &client, const std::string &url)
 {
-    static auto *const desk = new CallDesk;
-    desk->own(&connection());
-    REQUIRE(desk->expectThread());
-    client.leaveCallsAt(desk);
+    DispatchThread &thread = loop().thread();
+    CallQueue &calls = loop().calls();
+    calls.attach(&connection());
+    REQUIRE(thread.open() && thread.enter());
     std::thread caller([&] {
         read_answer(client.getProxyUrl(url.c_str()));
-        desk->wake();
+        thread.wake();
     });
-    REQUIRE(desk->beginThread());
-    pollfd woken = {desk->wakeDescriptor(), POLLIN, 0};
+    pollfd woken = {thread.wakeDescriptor(), POLLIN, 0};
     poll(&woken, 1, -1);
-    desk->drainWake();
-    desk->sendQueued();
+    thread.drain();
+    calls.sendQueued();
     deliver();
-    desk->handOverReplies();
-    desk->endThread();
+    calls.deliverReplies();
+    calls.discardReplies();
+    thread.leave();
+    calls.failAll();
     caller.join();
-    client.leaveCallsAt(nullptr);
-    desk->disown();
+    calls.detach();
 }
 
 // u URL asks for a proxy, t URL does so on another thread, h N listens to an event, c reads the configuration and
@@ -156,7 +161,7 @@ void run(std::istream &input)
     const size_t own = filters.size();
     try {
         ProxyManagerClientImpl client(unused, "/com/halvo/ProxyManagerService",
-                                      "com.halvo.ProxyManagerService");
+                                      "com.halvo.ProxyManagerService", loop().calls());
         deliver();
         converse(client);
     } catch (const DBus::Error &) { // a client that could not be made leaves its filter to the connection

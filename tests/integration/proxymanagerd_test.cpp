@@ -89,7 +89,8 @@ TEST_F(ProxyManager, KeepsToItsInterfaceAndTellsOfChangesInOrder)
     EXPECT_EQ(log().find("x y"), std::string::npos) << "the password is in the log";
     EXPECT_TRUE(monitor.wait_for("int32 0\n"));
     EXPECT_EQ(signals_in(monitor.out()),
-              "ProxyMgrStateEvent\n   int32 1\n"
+              "notifyProxyConfigupdated\n   string \"off\"\n   string \"\"\n   string \"\"\n   string \"\"\n"
+              "notifyClearcache\nProxyMgrStateEvent\n   int32 1\n"
               "notifyProxyConfigupdated\n   string \"manual\"\n   string \"p:1\"\n   string \"u\"\n"
               "   string \"x y\"\n"
               "notifyClearcache\nProxyMgrStateEvent\n   int32 7\nProxyMgrStateEvent\n   int32 0\n\n");
