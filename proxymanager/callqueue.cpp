@@ -5,8 +5,6 @@
 #include "dispatchthread.h"
 
 #include <algorithm>
-#include <chrono>
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -15,12 +13,19 @@
 namespace
 {
 
+using State = DispatchThread::State;
+
 // D-Bus leaves the default time-out of a call to the library; this is that of libdbus.
 constexpr std::chrono::milliseconds DEFAULT_TIMEOUT(25000);
-constexpr const char *NO_REPLY_TEXT =
-    "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
-    "message "
-    "bus security policy blocked the reply, the reply timeout expired, or the network connection was broken.";
+
+// Errors of our own, by name.
+constexpr std::pair<const char *, const char *> ERROR_TEXTS[] = {
+    {DBUS_ERROR_DISCONNECTED, "Connection is closed"},
+    {DBUS_ERROR_NO_MEMORY, "No memory for the call or its reply"},
+    {DBUS_ERROR_NO_REPLY,
+     "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
+     "message bus "
+     "security policy blocked the reply, the reply timeout expired, or the network connection was broken."}};
 
 } // namespace
 
@@ -38,11 +43,9 @@ void CallQueue::attach(DBus::Connection *connection)
 
 void CallQueue::detach()
 {
-    DBus::Connection *connection = nullptr;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        std::swap(connection, connection_);
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    DBus::Connection *const connection = std::exchange(connection_, nullptr);
+    lock.unlock();
     if (connection)
         connection->remove_filter(replyFilter_);
 }
@@ -51,50 +54,38 @@ void CallQueue::detach()
 
 DBus::Message CallQueue::call(DBus::Connection &connection, DBus::CallMessage &message, int timeout)
 {
-    Call call;
-    call.message = &message;
-    if (!thread_.isCurrent() && awaitReply(connection, call)) {
-        if (call.state == Call::State::Lost)
-            throw DBus::Error(DBUS_ERROR_DISCONNECTED, "Connection is closed");
-        if (call.state == Call::State::NoMemory)
-            throw DBus::Error(DBUS_ERROR_NO_MEMORY, "No memory for the call or its reply");
-        if (call.state == Call::State::Waiting)
-            throw DBus::Error(DBUS_ERROR_NO_REPLY, NO_REPLY_TEXT);
-        if (call.reply.front().is_error())
-            throw DBus::Error(call.reply.front());
-        return call.reply.front();
+    Call call{&message, 0, false, nullptr, {}, {}};
+    if (thread_.isCurrent() || !awaitReply(connection, call)) {
+        DBus::Message reply = connection.send_blocking(message, timeout);
+        thread_.wake(); // libdbus may have read signals along with the reply
+        return reply;
     }
-    DBus::Message reply = connection.send_blocking(message, timeout);
-    thread_.wake(); // libdbus may have read signals along with the reply
-    return reply;
+    for (const auto &[name, text] : ERROR_TEXTS) {
+        if (call.error && call.error == std::string_view(name))
+            throw DBus::Error(name, text);
+    }
+    if (call.reply.front().is_error())
+        throw DBus::Error(call.reply.front());
+    return call.reply.front();
 }
 
-// Whether the thread, and not the caller, has to do with the call, which may be lost at once.
-bool CallQueue::isServed(const DBus::Connection &connection, Call &call) const
-{
-    const DispatchThread::State state = thread_.state();
-    const bool isOwn = connection_ && *connection_ == connection;
-    if (state == DispatchThread::State::Retired || (state == DispatchThread::State::Lost && isOwn))
-        call.state = Call::State::Lost;
-    return call.state == Call::State::Lost || (state != DispatchThread::State::None && isOwn);
-}
-
+// False when there is no thread to carry the call out.
 bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!isServed(connection, call))
+    const State state = thread_.state();
+    if (state != State::Retired && (state == State::None || !connection_ || !(*connection_ == connection)))
         return false;
-    if (call.state == Call::State::Lost)
-        return true;
     calls_.push_back(&call);
     const auto deadline = std::chrono::steady_clock::now() + DEFAULT_TIMEOUT;
     lock.unlock(); // the thread needs it as soon as it is awake
-    const bool woken = thread_.wake();
+    const bool isReachable = thread_.wake() && state != State::Retired && state != State::Lost;
     lock.lock();
-    if (!woken)
+    if (!isReachable)
         failAllLocked();
-    if (!call.changed.wait_until(lock, deadline, [&] { return call.state != Call::State::Waiting; }))
-        calls_.remove(&call);
+    call.changed.wait_until(lock, deadline, [&] { return call.ended; });
+    if (!call.ended)
+        end(std::find(calls_.begin(), calls_.end(), &call), DBUS_ERROR_NO_REPLY);
     return true;
 }
 
@@ -106,16 +97,17 @@ void CallQueue::failAll()
 
 void CallQueue::failAllLocked()
 {
-    for (Call *call : calls_)
-        end(call, Call::State::Lost);
-    calls_.clear();
+    for (auto each = calls_.begin(); each != calls_.end();)
+        each = end(each, DBUS_ERROR_DISCONNECTED);
 }
 
 // The caller finds its call ended as soon as it has the lock.
-void CallQueue::end(Call *call, Call::State state)
+std::list<CallQueue::Call *>::iterator CallQueue::end(std::list<Call *>::iterator call, const char *error)
 {
-    call->state = state;
-    call->changed.notify_all();
+    (*call)->error = error;
+    (*call)->ended = true;
+    (*call)->changed.notify_all();
+    return calls_.erase(call);
 }
 
 // ---- For the thread
@@ -127,11 +119,9 @@ void CallQueue::sendQueued()
     if (!connection_ || !connection_->connected())
         return;
     for (auto each = calls_.begin(); each != calls_.end();) {
-        Call *const call = *each++;
-        if (call->serial != 0 || connection_->send(*call->message, &call->serial))
-            continue;
-        calls_.erase(std::prev(each));
-        end(call, Call::State::NoMemory);
+        Call *const call = *each;
+        const bool sent = call->serial != 0 || connection_->send(*call->message, &call->serial);
+        each = sent ? std::next(each) : end(each, DBUS_ERROR_NO_MEMORY);
     }
 }
 
@@ -153,29 +143,26 @@ bool CallQueue::receive(const DBus::Message &message)
     try {
         arrived_.push_back(message);
     } catch (const std::bad_alloc &) { // libdbus calls this: nothing may leave
-        end(*sent, Call::State::NoMemory);
-        calls_.erase(sent);
+        end(sent, DBUS_ERROR_NO_MEMORY);
     }
     return true;
 }
 
 // The counts of dbus-c++'s references are not atomic: a reply changes hands as a whole, under the lock, and
-// only when dispatching has let go of it.
+// only when dispatching has let go of it. When its caller has given up it is dropped.
 void CallQueue::deliverReplies()
 {
     if (arrived_.empty())
         return;
     const std::lock_guard<std::mutex> lock(mutex_);
     while (!arrived_.empty()) {
-        const auto sent = findSent(arrived_.front());
-        if (sent == calls_.end()) {
-            arrived_.pop_front(); // its caller has given up
+        std::list<DBus::Message> reply;
+        reply.splice(reply.begin(), arrived_, arrived_.begin());
+        const auto sent = findSent(reply.front());
+        if (sent == calls_.end())
             continue;
-        }
-        Call *const call = *sent;
-        calls_.erase(sent);
-        call->reply.splice(call->reply.end(), arrived_, arrived_.begin());
-        end(call, Call::State::Answered);
+        (*sent)->reply.swap(reply);
+        end(sent, nullptr);
     }
 }
 

@@ -42,20 +42,18 @@ public:
 private:
     // A call that its thread waits for; lives on that thread's stack.
     struct Call {
-        enum class State { Waiting, Answered, Lost, NoMemory };
-
         DBus::CallMessage *message;
         unsigned int serial = 0; // 0 until it is sent
-        State state = State::Waiting;
+        bool ended = false;
+        const char *error = nullptr; // when there is no reply
         std::list<DBus::Message> reply;
         std::condition_variable changed;
     };
 
-    bool isServed(const DBus::Connection &connection, Call &call) const;
     bool awaitReply(DBus::Connection &connection, Call &call);
     bool receive(const DBus::Message &message);
     std::list<Call *>::iterator findSent(const DBus::Message &reply);
-    static void end(Call *call, Call::State state);
+    std::list<Call *>::iterator end(std::list<Call *>::iterator call, const char *error);
     void failAllLocked();
 
     DispatchThread &thread_;

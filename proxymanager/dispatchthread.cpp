@@ -8,25 +8,21 @@
 #include <new>
 
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 // ---- Descriptors
 
 void OwnDescriptor::adopt(int number)
 {
-    struct stat status = {};
-    number_ = fstat(number, &status) == 0 ? number : -1;
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    number_ = fstat(number, &identity_) == 0 ? number : -1;
 }
 
 // No two sockets have the same inode.
 bool OwnDescriptor::isOurs() const
 {
-    struct stat status = {};
-    return number_ >= 0 && fstat(number_, &status) == 0 && status.st_dev == device_ &&
-           status.st_ino == inode_;
+    struct stat present;
+    return number_ >= 0 && fstat(number_, &present) == 0 && present.st_dev == identity_.st_dev &&
+           present.st_ino == identity_.st_ino;
 }
 
 void OwnDescriptor::close()
@@ -36,14 +32,12 @@ void OwnDescriptor::close()
     forget();
 }
 
-bool DispatchThread::open()
+// Not a pipe: what is sent to a socket can neither end up in a file nor raise SIGPIPE.
+bool DispatchThread::openLocked()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    int pair[2];
     if (reader_.isOurs())
         return true;
-    writer_.close();
-    int pair[2];
-    // Not a pipe: what is sent to a socket can neither end up in a file nor raise SIGPIPE.
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
         return false;
     reader_.adopt(pair[0]);
@@ -51,38 +45,18 @@ bool DispatchThread::open()
     return true;
 }
 
-void DispatchThread::close()
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (loop_ != std::thread::id())
-        return;
-    reader_.close();
-    writer_.close();
-}
-
-void DispatchThread::startAnew()
+void DispatchThread::closeLocked()
 {
     reader_.close();
     writer_.close();
-    new (&mutex_) std::mutex;
-    new (&left_) std::condition_variable;
-    state_ = State::None;
-    loop_ = std::thread::id();
-    thread_.reset();
 }
 
 // ---- Life
 
-DispatchThread::State DispatchThread::state() const
+void DispatchThread::replace(std::initializer_list<State> former, State next)
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return state_;
-}
-
-bool DispatchThread::isBusy() const
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return state_ == State::Starting || loop_.load() != std::thread::id();
+    for (State each : former)
+        state_.compare_exchange_strong(each, next);
 }
 
 // The thread takes no signal that the program wants to handle elsewhere. A fault is the thread's own, and whoever reports
@@ -91,10 +65,9 @@ bool DispatchThread::start(void *(*function)(void *))
 {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (state_ == State::Retired)
+        if (state_ == State::Retired || !openLocked())
             return false;
-        if (loop_ == std::thread::id())
-            state_ = State::Starting;
+        replace({State::None}, State::Starting);
     }
     sigset_t asynchronous;
     sigset_t former;
@@ -110,17 +83,16 @@ bool DispatchThread::start(void *(*function)(void *))
         return true;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ == State::Starting)
-        state_ = State::None;
+    if (!isCurrent() && loop_.load() == std::thread::id())
+        closeLocked();
+    replace({State::Starting}, State::None);
     return false;
 }
 
 void DispatchThread::stop()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ == State::Starting || state_ == State::Running)
-        state_ = State::Stopping;
-    wakeLocked();
+    replace({State::Starting, State::Running}, State::Stopping);
+    wake();
 }
 
 bool DispatchThread::join()
@@ -128,71 +100,64 @@ bool DispatchThread::join()
     const bool joined = pthread_join(*thread_, nullptr) == 0;
     thread_.reset();
     std::unique_lock<std::mutex> lock(mutex_);
-    left_.wait(lock, [this] { return loop_ == std::thread::id(); }); // when it is the program's own
-    if (state_ != State::Retired)
-        state_ = State::None;
+    left_.wait(lock, [this] { return loop_.load() == std::thread::id(); }); // when it is the program's own
+    replace({State::Stopping, State::Lost}, State::None);
     return joined;
+}
+
+void DispatchThread::startAnew()
+{
+    closeLocked();
+    new (&mutex_) std::mutex;
+    new (&left_) std::condition_variable;
+    state_ = State::None;
+    loop_ = std::thread::id();
+    thread_.reset();
 }
 
 void DispatchThread::retire()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
     state_ = State::Retired;
-    wakeLocked();
+    wake();
 }
 
 bool DispatchThread::waitUntilLeft(std::chrono::milliseconds limit)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     return left_.wait_until(lock, std::chrono::steady_clock::now() + limit,
-                            [this] { return loop_ == std::thread::id(); });
+                            [this] { return loop_.load() == std::thread::id(); });
 }
 
 bool DispatchThread::enter()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (loop_ != std::thread::id() || state_ == State::Retired)
+    if (loop_.load() != std::thread::id() || state_ == State::Retired || !openLocked())
         return false;
-    if (state_ != State::Stopping)
-        state_ = State::Running;
     loop_ = std::this_thread::get_id();
+    replace({State::None, State::Starting, State::Lost}, State::Running);
     return true;
 }
 
 void DispatchThread::leave()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (state_ == State::Running || state_ == State::Stopping)
-        state_ = State::None;
-    reader_.close();
-    writer_.close();
+    closeLocked();
+    replace({State::Running, State::Stopping}, State::None);
     loop_ = std::thread::id();
     left_.notify_all();
 }
 
 // ---- Wake-ups
 
-void DispatchThread::loseLocked()
-{
-    if (state_ == State::Starting || state_ == State::Running)
-        state_ = State::Lost;
-}
-
-bool DispatchThread::wakeLocked()
-{
-    if (reader_.number() < 0 && writer_.number() < 0) // there is nobody
-        return true;
-    const char wakeUp = 0;
-    if (writer_.isOurs() && (send(writer_.number(), &wakeUp, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN))
-        return true;
-    loseLocked();
-    return false;
-}
-
 bool DispatchThread::wake()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return wakeLocked();
+    const char wakeUp = 0;
+    if (reader_.number() < 0 || // there is nobody
+        (writer_.isOurs() && (send(writer_.number(), &wakeUp, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN)))
+        return true;
+    replace({State::Starting, State::Running}, State::Lost);
+    return false;
 }
 
 bool DispatchThread::isReachable()
@@ -200,7 +165,7 @@ bool DispatchThread::isReachable()
     const std::lock_guard<std::mutex> lock(mutex_);
     if (reader_.number() < 0 || reader_.isOurs())
         return true;
-    loseLocked();
+    replace({State::Running}, State::Lost);
     return false;
 }
 
@@ -212,11 +177,10 @@ bool DispatchThread::drain()
     char bytes[64];
     const ssize_t count = reader_.isOurs() ? recv(reader_.number(), bytes, sizeof bytes, 0) : 0;
     if (count == 0)
-        loseLocked();
+        replace({State::Running}, State::Lost);
     if (std::any_of(bytes, bytes + std::max<ssize_t>(count, 0), [](char byte) { return byte != 0; })) {
         writer_.forget();
-        if (state_ == State::Running)
-            state_ = State::Stopping;
+        replace({State::Running}, State::Stopping);
     }
     return count != 0;
 }

@@ -5,12 +5,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <thread>
 
 #include <pthread.h>
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #if defined(__GLIBCXX__) && !defined(_GLIBCXX_USE_PTHREAD_COND_CLOCKWAIT)
 #error                                                                                                       \
@@ -31,8 +32,7 @@ public:
 
 private:
     int number_ = -1;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    struct stat identity_ = {};
 };
 
 // There is one at a time: ours, or one of the program's that runs the same loop.
@@ -48,36 +48,32 @@ public:
         Retired   // the process ends: calls fail from here on
     };
 
-    State state() const;
+    State state() const { return state_; }
     bool isCurrent() const { return loop_ == std::this_thread::get_id(); }
     // Whether a thread is in the loop, or will be.
-    bool isBusy() const;
+    bool isBusy() const { return state_ == State::Starting || loop_.load() != std::thread::id(); }
     // Makes the poll return, now or as soon as it begins. False when the thread cannot be reached any more.
     bool wake();
     // Asks the thread to end, also when it has not begun yet.
     void stop();
     // From here on no thread serves.
     void retire();
-    // False when one still does when the time is up.
+    // False when one is still in the loop when the time is up.
     bool waitUntilLeft(std::chrono::milliseconds limit);
 
     // ---- For whoever starts and joins it, one at a time
 
-    // Opens the sockets unless they are open.
-    bool open();
-    // Closes them unless a thread uses them.
-    void close();
-    // In a forked child, which has none of the threads: closes its copies of the sockets, which would keep the parent's
-    // thread from noticing that its own are gone, and begins anew.
-    void startAnew();
     bool start(void *(*function)(void *));
     bool isStarted() const { return thread_.has_value(); }
     // Waits for the end of the thread that was started. False when that fails.
     bool join();
+    // In a forked child, which has none of the threads: closes its copies of the sockets, which would keep the parent's
+    // thread from noticing that its own are gone, and begins anew.
+    void startAnew();
 
     // ---- For the thread
 
-    // False when another is there already.
+    // False when another is there already, or there are no sockets to wake it.
     bool enter();
     void leave();
     // Whether it can be woken: to be asked before each poll.
@@ -89,17 +85,18 @@ public:
     int unlockDescriptor() const { return writer_.isOurs() ? writer_.number() : -1; }
 
 private:
-    bool wakeLocked();
-    void loseLocked();
+    bool openLocked();
+    void closeLocked();
+    void replace(std::initializer_list<State> former, State next);
 
-    mutable std::mutex mutex_; // guards the next four; taken last
-    State state_ = State::None;
-    OwnDescriptor reader_;
-    OwnDescriptor writer_;
-    std::condition_variable left_;
-
+    std::atomic<State> state_{State::None};
     std::atomic<std::thread::id> loop_{}; // who is in the loop
     std::optional<pthread_t> thread_;     // what start() has started
+
+    std::mutex mutex_; // guards the sockets, and changes of loop_; taken last
+    std::condition_variable left_;
+    OwnDescriptor reader_;
+    OwnDescriptor writer_;
 };
 
 #endif

@@ -63,13 +63,10 @@ public:
         }
         // All memory is had before anything is evicted; a failure leaves the cache as it was.
         auto node = std::make_unique<ProxyURLCacheNode>(key);
-        const auto added = valueMap.emplace(key, value).first;
-        try {
-            nodeMap.emplace(std::move(key), node.get());
-        } catch (...) {
-            valueMap.erase(added);
-            throw;
-        }
+        std::map<std::string, ProxyURLCacheNode *> added;
+        added.emplace(key, node.get());
+        valueMap.emplace(std::move(key), value);
+        nodeMap.merge(added);
         if (nodeMap.size() > capacity && tail)
             remove(tail, true);
         setHead(node.release());

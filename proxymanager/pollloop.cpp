@@ -3,8 +3,8 @@
 #include "pollloop.h"
 
 #include <algorithm>
-#include <mutex>
 #include <new>
+#include <utility>
 
 #include <dbus/dbus.h>
 #include <unistd.h>
@@ -16,19 +16,19 @@ namespace
 constexpr int DISPATCH_ROUNDS = 4096;
 constexpr size_t WATCHES_OF_CONNECTION = 2;
 
+constexpr std::pair<short, int> WATCH_FLAGS[] = {
+    {POLLIN, DBUS_WATCH_READABLE},
+    {POLLOUT, DBUS_WATCH_WRITABLE},
+    {POLLHUP, DBUS_WATCH_HANGUP},
+    {POLLERR, DBUS_WATCH_ERROR},
+    {POLLNVAL, DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP}, // somebody closed the socket
+};
+
 int toWatchFlags(short events)
 {
     int flags = 0;
-    if (events & POLLIN)
-        flags |= DBUS_WATCH_READABLE;
-    if (events & POLLOUT)
-        flags |= DBUS_WATCH_WRITABLE;
-    if (events & POLLHUP)
-        flags |= DBUS_WATCH_HANGUP;
-    if (events & POLLERR)
-        flags |= DBUS_WATCH_ERROR;
-    if (events & POLLNVAL) // somebody closed the socket
-        flags |= DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP;
+    for (const auto &[event, flag] : WATCH_FLAGS)
+        flags |= events & event ? flag : 0;
     return flags;
 }
 
@@ -53,20 +53,6 @@ PollLoop::PollLoop()
     }
 }
 
-bool PollLoop::open()
-{
-    if (!thread_.open())
-        return false;
-    _fdunlock[1] = thread_.unlockDescriptor();
-    return true;
-}
-
-void PollLoop::close()
-{
-    thread_.close();
-    _fdunlock[1] = thread_.unlockDescriptor();
-}
-
 void PollLoop::leaveToParent()
 {
     new (&watchMutex_) std::mutex;
@@ -79,7 +65,7 @@ void PollLoop::leaveToParent()
 
 void PollLoop::enter()
 {
-    if (!open() || !thread_.enter())
+    if (!thread_.enter())
         return;
     struct AtEnd { // also when there is no memory to go on
         PollLoop &loop;
@@ -91,6 +77,7 @@ void PollLoop::enter()
             loop.calls_.failAll();
         }
     } const atEnd{*this};
+    _fdunlock[1] = thread_.unlockDescriptor();
     while (thread_.state() == DispatchThread::State::Running)
         do_iteration();
 }

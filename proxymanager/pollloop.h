@@ -25,9 +25,6 @@ public:
     DispatchThread &thread() { return thread_; }
     CallQueue &calls() { return calls_; }
 
-    // Makes the thread reachable, also through dbus-c++'s leave(); the end of the loop, or close, undoes it.
-    bool open();
-    void close();
     // Makes room for the watches of one more connection. Throws std::bad_alloc.
     void reserveWatches();
     // Whether this is the socket of a connection that the loop serves.

@@ -23,7 +23,6 @@ namespace
 constexpr const char *OBJECT_PATH = "/com/halvo/ProxyManagerService";
 constexpr const char *BUS_NAME = "com.halvo.ProxyManagerService";
 constexpr const char *CALLED = "%s%s called ";
-constexpr const char *CLIENT_IS_NULL = "%s%s proxy manager client is null";
 constexpr const char *DBUS_ERROR = "%s%s DBus Error occured: %s";
 constexpr const char *CREATE_ERROR = "%s%s error: pDBus Error occured: %s";
 constexpr const char *CREATE = "create_proxy_manager_client";
@@ -100,29 +99,33 @@ Result withoutExceptions(const char *caller, const char *errorFormat, Result neu
     return neutral;
 }
 
+template <typename Result, typename Action>
+Result withClient(const char *caller, Result neutral, Action action)
+{
+    ProxyManagerClientImpl *const client = readyClient;
+    if (client)
+        return withoutExceptions(caller, DBUS_ERROR, neutral, [&] { return action(*client); });
+    syslog(LOG_ERR, "%s%s proxy manager client is null", "", caller);
+    return neutral;
+}
+
 // ---- Dispatch thread
 
 void startThread()
 {
-    if (dbus_dispatcher->thread().isStarted())
-        return;
-    if (!dbus_dispatcher->open() || !dbus_dispatcher->thread().start(dbusLoopFunc)) {
-        dbus_dispatcher->close();
+    DispatchThread &thread = dbus_dispatcher->thread();
+    if (!thread.isStarted() && !thread.start(dbusLoopFunc))
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
-    }
 }
 
 void stopThread()
 {
-    if (!dbus_dispatcher.isMade())
+    if (!dbus_dispatcher.isMade() || !dbus_dispatcher->thread().isStarted())
         return;
-    if (dbus_dispatcher->thread().isStarted()) {
-        syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
-        dbus_dispatcher->leave();
-        if (!dbus_dispatcher->thread().join())
-            syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
-    }
-    dbus_dispatcher->close();
+    syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
+    dbus_dispatcher->leave();
+    if (!dbus_dispatcher->thread().join())
+        syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
 }
 
 // Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
@@ -171,12 +174,6 @@ bool reuseConnection()
 
 // ---- Client
 
-bool checkServiceStarted(ProxyManagerClientImpl &client)
-{
-    syslog(LOG_INFO, CALLED, "", "check_service_started");
-    return client.checkServicestarted();
-}
-
 int deleteClient()
 {
     syslog(LOG_INFO, CALLED, "", CLEANUP_WITHOUT_CONN);
@@ -210,7 +207,8 @@ Creation createOn(DBus::Connection &conn)
         return Creation::Made;
     try {
         pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME, dbus_dispatcher->calls());
-        checkServiceStarted(*pProxyMgrClient);
+        syslog(LOG_INFO, CALLED, "", "check_service_started");
+        pProxyMgrClient->checkServicestarted();
         return Creation::Made;
     } catch (const std::exception &error) { // DBus::Error is one
         syslog(LOG_ERR, CREATE_ERROR, "", CREATE, orEmpty(error.what()));
@@ -242,29 +240,21 @@ int createOnSystemBus()
     }
 }
 
-int createOnProgramsConnection(DBus::Connection &conn)
-{
-    if (createOn(conn) != Creation::Made)
-        return 0;
-    dbus_dispatcher->open(); // or else the program's loop does
-    return 1;
-}
-
 // ---- Changes of the process-wide objects
 
 // Runs a change of the process-wide objects, one at a time. On the dispatch thread it does not: whoever holds the lock may
 // be waiting for that thread.
 template <typename Action>
-int change(const char *caller, const char *errorFormat, int onThread, Action action)
+int change(const char *caller, bool creates, Action action)
 {
-    return withoutExceptions(caller, errorFormat, 0, [&]() -> int {
+    return withoutExceptions(caller, creates ? CREATE_ERROR : DBUS_ERROR, 0, [&]() -> int {
         if (isInherited) {
             syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
             return 0;
         }
         if (dbus_dispatcher.isMade() && dbus_dispatcher->thread().isCurrent()) {
             syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
-            return onThread;
+            return creates && readyClient ? 1 : 0;
         }
         const std::lock_guard<std::mutex> lock(clientMutex);
         struct AtEnd {
@@ -275,28 +265,12 @@ int change(const char *caller, const char *errorFormat, int onThread, Action act
                            : dbus_conn     ? Heritage::Connection
                                            : Heritage::Nothing;
             }
-        };
-        const AtEnd atEnd{};
-        return action();
-    });
-}
-
-template <typename Action>
-int create(Action action)
-{
-    return change(CREATE, CREATE_ERROR, readyClient ? 1 : 0, [&] {
-        dbus_dispatcher.make();
-        require(followsForks);
-        heritage = Heritage::Client;
-        return action();
-    });
-}
-
-template <typename Action>
-int cleanUp(const char *caller, Action action)
-{
-    return change(caller, DBUS_ERROR, 0, [&] {
-        if (heritage != Heritage::Nothing)
+        } const atEnd;
+        if (creates) {
+            dbus_dispatcher.make();
+            require(followsForks);
+        }
+        if (creates || heritage != Heritage::Nothing)
             heritage = Heritage::Client;
         return action();
     });
@@ -308,12 +282,12 @@ int cleanUp(const char *caller, Action action)
 
 int create_proxy_manager_client(DBus::Connection &conn)
 {
-    return create([&] { return createOnProgramsConnection(conn); });
+    return change(CREATE, true, [&] { return createOn(conn) == Creation::Made ? 1 : 0; });
 }
 
 int cleanup_without_conn()
 {
-    return cleanUp(CLEANUP_WITHOUT_CONN, deleteClient);
+    return change(CLEANUP_WITHOUT_CONN, false, deleteClient);
 }
 
 void *dbusLoopFunc(void *)
@@ -330,13 +304,13 @@ void *dbusLoopFunc(void *)
 
 int create_proxy_manager_client(void)
 {
-    return create(createOnSystemBus);
+    return change(CREATE, true, createOnSystemBus);
 }
 
 int cleanup_proxy_manager_client(void)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    return cleanUp(__func__, [] {
+    return change(__func__, false, [] {
         const int deleted = deleteClient();
         dropConnection();
         return deleted;
@@ -348,13 +322,8 @@ ProxyManagerConfig get_http_proxy_config(void)
     syslog(LOG_INFO, CALLED, "", __func__);
     ProxyManagerConfig config;
     initProxyConfig(&config);
-    ProxyManagerClientImpl *client = readyClient;
-    if (!client) {
-        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
-        return config;
-    }
-    withoutExceptions(__func__, DBUS_ERROR, 0, [&] {
-        client->getProxyConfig(&config);
+    withClient(__func__, 0, [&](ProxyManagerClientImpl &client) {
+        client.getProxyConfig(&config);
         return 0;
     });
     return config;
@@ -363,12 +332,7 @@ ProxyManagerConfig get_http_proxy_config(void)
 int update_proxy_config(ProxyManagerConfig config)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    ProxyManagerClientImpl *client = readyClient;
-    if (!client) {
-        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
-        return -1;
-    }
-    return withoutExceptions(__func__, DBUS_ERROR, -1, [&] { return client->updateProxyConfig(config); });
+    return withClient(__func__, -1, [&](auto &client) { return client.updateProxyConfig(config); });
 }
 
 ProxyUrlInformation get_proxy_url(const char *requestUrl)
@@ -382,25 +346,15 @@ ProxyUrlInformation get_proxy_url(const char *requestUrl)
 
 bool check_service_started(void)
 {
-    ProxyManagerClientImpl *client = readyClient;
-    if (!client) {
-        syslog(LOG_INFO, CALLED, "", __func__);
-        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
-        return false;
-    }
-    return withoutExceptions(__func__, DBUS_ERROR, false, [&] { return checkServiceStarted(*client); });
+    syslog(LOG_INFO, CALLED, "", __func__);
+    return withClient(__func__, false, [](auto &client) { return client.checkServicestarted(); });
 }
 
 void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb)
 {
     syslog(LOG_NOTICE, "%s%s event type:%d", "", __func__, type);
-    ProxyManagerClientImpl *client = readyClient;
-    if (!client) {
-        syslog(LOG_ERR, CLIENT_IS_NULL, "", __func__);
-        return;
-    }
-    withoutExceptions(__func__, DBUS_ERROR, 0, [&] {
-        client->AddEventNotifyHandler(type, cb);
+    withClient(__func__, 0, [&](auto &client) {
+        client.AddEventNotifyHandler(type, cb);
         return 0;
     });
 }

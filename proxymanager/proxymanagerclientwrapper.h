@@ -27,21 +27,19 @@ public:
     // Makes the object unless it is there; throws what its constructor throws.
     void make()
     {
-        if (!made_)
-            new (bytes_) Object;
-        made_ = true;
+        if (!object_)
+            object_ = new (bytes_) Object;
     }
-    bool isMade() const { return made_; }
-    Object &operator*() { return *std::launder(reinterpret_cast<Object *>(bytes_)); }
-    Object *operator->() { return &**this; }
+    bool isMade() const { return object_; }
+    Object &operator*() { return *object_; }
+    Object *operator->() { return object_; }
 
 private:
     alignas(Object) unsigned char bytes_[sizeof(Object)];
-    bool made_ = false;
+    Object *object_ = nullptr;
 };
 
-// The dispatcher of that connection; for programs a DBus::BusDispatcher. leave() of that class works while a client exists
-// or the loop runs, and throws otherwise.
+// The dispatcher of that connection; for programs a DBus::BusDispatcher. leave() of that class throws when no loop runs.
 extern MadeAtLoad<PollLoop> dbus_dispatcher;
 
 // Makes the process's client on a connection of the program's own, which the program dispatches itself, on

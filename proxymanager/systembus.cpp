@@ -9,45 +9,35 @@
 namespace
 {
 
-// ---- What dbus-c++ hides
+using Record = DBus::RefPtrI<DBus::Connection::Private>;
 
 // Names a private member: access is not checked where a template is instantiated explicitly.
-template <typename Tag, typename Tag::Member MEMBER>
-struct PrivateMember {
-    friend typename Tag::Member member(Tag) { return MEMBER; }
+Record DBus::Connection::*recordMember();
+template <Record DBus::Connection::*MEMBER>
+struct RecordMember {
+    friend Record DBus::Connection::*recordMember() { return MEMBER; }
 };
+template struct RecordMember<&DBus::Connection::_pvt>;
 
-using Record = DBus::RefPtrI<DBus::Connection::Private>;
-struct RecordOfConnection {
-    using Member = Record DBus::Connection::*;
-    friend Member member(RecordOfConnection);
-};
-struct CountOfRecord {
-    using Member = DBus::RefCnt Record::*;
-    friend Member member(CountOfRecord);
-};
-template struct PrivateMember<RecordOfConnection, &DBus::Connection::_pvt>;
-template struct PrivateMember<CountOfRecord, &Record::__cnt>;
-
-// The record of a connection begins with libdbus's connection, the names that were asked for, and the dispatcher.
-constexpr size_t DISPATCHER_OFFSET = sizeof(DBusConnection *) + sizeof(std::vector<std::string>);
-
-// libdbus's connection behind one of dbus-c++ that nobody else has a copy of. NULL unless the record holds our dispatcher
-// where it should, and the connection's socket is one that the dispatcher watches.
+// libdbus's connection behind one of dbus-c++ that nobody else has a copy of. The private record begins with it, the names
+// that were asked for, and the dispatcher. NULL unless the record holds our dispatcher there, and the connection has a socket
+// that the dispatcher watches.
 DBusConnection *underlying(const DBus::Connection &connection, PollLoop &loop)
 {
-    const Record &record = connection.*member(RecordOfConnection());
-    if (!(record.*member(CountOfRecord())).one())
-        return nullptr;
-    const auto *const bytes = reinterpret_cast<const unsigned char *>(record.get());
-    const DBus::Dispatcher *dispatcher = nullptr;
-    DBusConnection *found = nullptr;
-    memcpy(&dispatcher, bytes + DISPATCHER_OFFSET, sizeof dispatcher);
-    memcpy(&found, bytes, sizeof found);
+    struct {
+        DBusConnection *connection;
+        unsigned char names[sizeof(std::vector<std::string>)];
+        const DBus::Dispatcher *dispatcher;
+    } begin;
+    const Record &record = connection.*recordMember();
+    const auto *const count =
+        reinterpret_cast<const DBus::RefCnt *>(reinterpret_cast<const char *>(&record) + sizeof(void *));
+    memcpy(&begin, static_cast<const void *>(record.get()), sizeof begin);
     int socket = -1;
-    const bool proven = dispatcher == &loop && found && dbus_connection_get_unix_fd(found, &socket) &&
-                        loop.watchesSocket(socket);
-    return proven ? found : nullptr;
+    const bool isProven = count->one() && begin.dispatcher == &loop && begin.connection &&
+                          dbus_connection_get_unix_fd(begin.connection, &socket) &&
+                          loop.watchesSocket(socket);
+    return isProven ? begin.connection : nullptr;
 }
 
 // dbus-c++ takes one reference of libdbus's connection more than it gives back, so that all that belongs to the connection

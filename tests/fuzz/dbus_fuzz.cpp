@@ -108,7 +108,7 @@ static void ask_from_thread(ProxyManagerClientImpl &client, const std::string &u
     DispatchThread &thread = loop().thread();
     CallQueue &calls = loop().calls();
     calls.attach(&connection());
-    REQUIRE(thread.open() && thread.enter());
+    REQUIRE(thread.enter());
     std::thread caller([&] {
         read_answer(client.getProxyUrl(url.c_str()));
         thread.wake();
