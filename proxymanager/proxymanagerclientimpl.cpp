@@ -230,7 +230,7 @@ void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
            texts[0].c_str());
     if (texts.size() == 1)
         syslog(LOG_NOTICE, "%s%s response url is empty.", CLASS_PREFIX, GET_PROXY_URL);
-    answer = SharedAnswer(str2ProxyMode(texts[0].c_str()), static_cast<int>(texts.size() - 1));
+    answer.begin(str2ProxyMode(texts[0].c_str()), static_cast<int>(texts.size() - 1));
     const ProxyUrlInformation &record = answer.record();
     for (int32_t i = 0; i < record.proxyUrlCount; i++) {
         const std::string &text = texts[static_cast<size_t>(i) + 1];
@@ -261,7 +261,7 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
         else if (mode > PROXY_MODE_MANUAL)
             askService(requestUrl, answer);
         storeAnswer(key, answer, clearsBefore);
-        latest = answer;
+        latest.share(answer.record());
     }
     return latest.record();
 }
@@ -275,7 +275,7 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, SharedA
         return mode;
     syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", CLASS_PREFIX, GET_PROXY_URL, requestUrl, mode);
     if (mode == PROXY_MODE_MANUAL) {
-        manual = SharedAnswer(PROXY_MODE_MANUAL, 1);
+        manual.begin(PROXY_MODE_MANUAL, 1);
         ProxyUrlInformation &record = manual.record();
         if (record.proxyUrlList) { // or else there is nobody to release the strings
             record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
@@ -318,12 +318,11 @@ void ProxyManagerClientImpl::storeAnswer(const std::string &key, SharedAnswer &a
     const std::lock_guard<std::mutex> lock(cacheMutex);
     if (clears != clearsBefore)
         return;
-    SharedAnswer cached = answer;
     ProxyUrlInformation replaced{}; // by another thread that missed at the same time
     if (const ProxyUrlInformation *present = urlCache->find(key))
         replaced = *present;
-    urlCache->set(key, cached.record());
-    (void)cached.detach();
+    urlCache->set(key, answer.record());
+    SharedAnswer::retain(answer.record());
     SharedAnswer::release(replaced);
 }
 

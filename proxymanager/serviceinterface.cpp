@@ -18,34 +18,23 @@ constexpr const char *INTERFACE_NAME = "com.halvo.ProxyManagerServiceInterface";
 // A bus drops a client that sends it more than it takes in one message, 32 MiB as it comes.
 constexpr size_t TEXT_LIMIT = size_t{16} * 1024 * 1024;
 
-// Appends the arguments of a call, and refuses what libdbus or the bus would not bear: text that is not UTF-8
-// ends the process, and a message too long ends the connection.
-class ArgumentWriter
+void append(DBus::MessageIter &arguments, bool flag, size_t &)
 {
-public:
-    explicit ArgumentWriter(DBus::CallMessage &call) : iterator_(call.writer()) {}
+    require(arguments.append_bool(flag));
+}
 
-    ArgumentWriter &text(const char *value)
-    {
-        length_ += strlen(value);
-        if (length_ > TEXT_LIMIT)
-            throw DBus::Error(DBUS_ERROR_LIMITS_EXCEEDED, "text too long");
-        if (!dbus_validate_utf8(value, nullptr))
-            throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "text is not valid UTF-8");
-        require(iterator_.append_string(value));
-        return *this;
-    }
-
-    ArgumentWriter &flag(bool value)
-    {
-        require(iterator_.append_bool(value));
-        return *this;
-    }
-
-private:
-    DBus::MessageIter iterator_;
-    size_t length_ = 0;
-};
+// Refuses what libdbus or the bus would not bear: text that is not UTF-8 ends the process, and a message too long ends the
+// connection.
+void append(DBus::MessageIter &arguments, const char *text, size_t &room)
+{
+    const size_t length = strlen(text);
+    if (length > room)
+        throw DBus::Error(DBUS_ERROR_LIMITS_EXCEEDED, "text too long");
+    room -= length;
+    if (!dbus_validate_utf8(text, nullptr))
+        throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "text is not valid UTF-8");
+    require(arguments.append_string(text));
+}
 
 // Hands a method over to a slot of dbus-c++, which takes it only once there is memory for its own needs.
 template <typename Result, typename Parameter, typename Object>
@@ -66,22 +55,17 @@ void require(bool hadMemory)
 
 // ---- Interface proxy
 
-namespace com
-{
-namespace halvo
-{
+using Proxy = com::halvo::ProxyManagerServiceInterface_proxy;
 
-ProxyManagerServiceInterface_proxy::ProxyManagerServiceInterface_proxy()
-    : DBus::InterfaceProxy(INTERFACE_NAME)
+Proxy::ProxyManagerServiceInterface_proxy() : DBus::InterfaceProxy(INTERFACE_NAME)
 {
-    using Proxy = ProxyManagerServiceInterface_proxy;
     fill(_signals["notifyProxyConfigupdated"], this, &Proxy::_notifyProxyConfigupdated_stub);
     fill(_signals["notifyClearcache"], this, &Proxy::_notifyClearcache_stub);
     fill(_signals["ProxyMgrStateEvent"], this, &Proxy::_ProxyMgrStateEvent_stub);
 }
 
 template <typename Handle>
-void ProxyManagerServiceInterface_proxy::deliver(const DBus::SignalMessage &signal, Handle handle)
+void Proxy::deliver(const DBus::SignalMessage &signal, Handle handle)
 {
     constexpr const char *DROPPED = "%s%s signal dropped: %s";
     try {
@@ -94,7 +78,7 @@ void ProxyManagerServiceInterface_proxy::deliver(const DBus::SignalMessage &sign
     }
 }
 
-void ProxyManagerServiceInterface_proxy::_notifyProxyConfigupdated_stub(const DBus::SignalMessage &signal)
+void Proxy::_notifyProxyConfigupdated_stub(const DBus::SignalMessage &signal)
 {
     deliver(signal, [this](DBus::MessageIter arguments) {
         std::array<std::string, 4> texts;
@@ -106,41 +90,38 @@ void ProxyManagerServiceInterface_proxy::_notifyProxyConfigupdated_stub(const DB
     });
 }
 
-void ProxyManagerServiceInterface_proxy::_notifyClearcache_stub(const DBus::SignalMessage &signal)
+void Proxy::_notifyClearcache_stub(const DBus::SignalMessage &signal)
 {
     deliver(signal, [this](const DBus::MessageIter &) { notifyClearcache(); });
 }
 
-void ProxyManagerServiceInterface_proxy::_ProxyMgrStateEvent_stub(const DBus::SignalMessage &signal)
+void Proxy::_ProxyMgrStateEvent_stub(const DBus::SignalMessage &signal)
 {
     deliver(signal, [this](DBus::MessageIter arguments) { ProxyMgrStateEvent(arguments.get_int32()); });
 }
 
-DBus::Message ProxyManagerServiceInterface_proxy::request(const char *member, DBus::CallMessage &call)
+template <typename... Arguments>
+DBus::Message Proxy::request(const char *member, Arguments... arguments)
 {
+    DBus::CallMessage call;
+    [[maybe_unused]] DBus::MessageIter writer = call.writer();
+    [[maybe_unused]] size_t room = TEXT_LIMIT;
+    (append(writer, arguments, room), ...);
     require(call.member(member));
     return invoke_method(call);
 }
 
-int32_t ProxyManagerServiceInterface_proxy::updateProxyconfig(const char *mode, const char *proxyUrl,
-                                                              const char *pacUrl, bool optionFlag,
-                                                              const char *userName, const char *password)
+int32_t Proxy::updateProxyconfig(const char *mode, const char *proxyUrl, const char *pacUrl, bool optionFlag,
+                                 const char *userName, const char *password)
 {
-    DBus::CallMessage call;
-    ArgumentWriter(call)
-        .text(mode)
-        .text(proxyUrl)
-        .text(pacUrl)
-        .flag(optionFlag)
-        .text(userName)
-        .text(password);
-    return request("updateProxyconfig", call).reader().get_int32();
+    return request("updateProxyconfig", mode, proxyUrl, pacUrl, optionFlag, userName, password)
+        .reader()
+        .get_int32();
 }
 
-ProxyManagerServiceInterface_proxy::Configuration ProxyManagerServiceInterface_proxy::getProxyconfig()
+Proxy::Configuration Proxy::getProxyconfig()
 {
-    DBus::CallMessage call;
-    const DBus::Message reply = request("getProxyconfig", call);
+    const DBus::Message reply = request("getProxyconfig");
     DBus::MessageIter arguments = reply.reader();
     // Entering anything but a container ends the process.
     if (arguments.type() != DBUS_TYPE_STRUCT)
@@ -154,11 +135,9 @@ ProxyManagerServiceInterface_proxy::Configuration ProxyManagerServiceInterface_p
     return configuration;
 }
 
-std::vector<std::string> ProxyManagerServiceInterface_proxy::getProxyurl(const char *requestUrl)
+std::vector<std::string> Proxy::getProxyurl(const char *requestUrl)
 {
-    DBus::CallMessage call;
-    ArgumentWriter(call).text(requestUrl);
-    const DBus::Message reply = request("getProxyurl", call);
+    const DBus::Message reply = request("getProxyurl", requestUrl);
     DBus::MessageIter arguments = reply.reader();
     if (arguments.type() != DBUS_TYPE_ARRAY)
         throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "array expected");
@@ -170,14 +149,10 @@ std::vector<std::string> ProxyManagerServiceInterface_proxy::getProxyurl(const c
     return texts;
 }
 
-bool ProxyManagerServiceInterface_proxy::checkServicestarted()
+bool Proxy::checkServicestarted()
 {
-    DBus::CallMessage call;
-    return request("checkServicestarted", call).reader().get_bool();
+    return request("checkServicestarted").reader().get_bool();
 }
-
-} // namespace halvo
-} // namespace com
 
 // ---- Owner of the service's name
 
@@ -203,7 +178,9 @@ NameOwner::~NameOwner()
 std::string NameOwner::ask()
 {
     DBus::CallMessage call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetNameOwner");
-    ArgumentWriter(call).text(name_.c_str());
+    size_t room = TEXT_LIMIT;
+    DBus::MessageIter writer = call.writer();
+    append(writer, name_.c_str(), room);
     try {
         return connection_.send_blocking(call, -1).reader().get_string();
     } catch (const DBus::Error &error) {

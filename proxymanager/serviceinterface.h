@@ -12,9 +12,7 @@
 // Throws DBus::Error when libdbus had no memory for a part of a message.
 void require(bool hadMemory);
 
-namespace com
-{
-namespace halvo
+namespace com::halvo
 {
 
 // The wire contract: four methods, three signals. Methods block for the reply and throw DBus::Error for
@@ -51,11 +49,12 @@ private:
     // Runs one stub. libdbus calls it: nothing may be thrown through.
     template <typename Handle>
     void deliver(const DBus::SignalMessage &signal, Handle handle);
-    DBus::Message request(const char *member, DBus::CallMessage &call);
+    // Calls a method with its arguments, and waits for the reply.
+    template <typename... Arguments>
+    DBus::Message request(const char *member, Arguments... arguments);
 };
 
-} // namespace halvo
-} // namespace com
+} // namespace com::halvo
 
 // Receives the service's signals and ignores them.
 class ProxyManagerClient : public com::halvo::ProxyManagerServiceInterface_proxy

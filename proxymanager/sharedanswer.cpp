@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <memory>
 #include <new>
-#include <utility>
 
 #include <pthread.h>
 
@@ -42,8 +41,9 @@ const Key latestKey;
 
 } // namespace
 
-SharedAnswer::SharedAnswer(ProxyMode mode, int count)
+void SharedAnswer::begin(ProxyMode mode, int count)
 {
+    release(record_);
     initProxyUrlInfo(&record_, mode, count > 0 ? count + 1 : 0);
     if (record_.proxyUrlList) {
         record_.proxyUrlCount = count;
@@ -53,15 +53,15 @@ SharedAnswer::SharedAnswer(ProxyMode mode, int count)
 
 void SharedAnswer::share(const ProxyUrlInformation &answer)
 {
-    if (Count *const count = owners(answer))
-        count->fetch_add(1, std::memory_order_relaxed);
-    ProxyUrlInformation former = std::exchange(record_, answer);
-    release(former);
+    retain(answer);
+    release(record_);
+    record_ = answer;
 }
 
-ProxyUrlInformation SharedAnswer::detach()
+void SharedAnswer::retain(const ProxyUrlInformation &answer)
 {
-    return std::exchange(record_, {});
+    if (Count *const count = owners(answer))
+        count->fetch_add(1, std::memory_order_relaxed);
 }
 
 void SharedAnswer::release(ProxyUrlInformation &answer)

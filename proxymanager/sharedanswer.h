@@ -11,22 +11,18 @@ class SharedAnswer
 {
 public:
     SharedAnswer() = default;
-    // A new answer with a list of NULL entries. Without memory for the list the count is 0.
-    SharedAnswer(ProxyMode mode, int count);
-    SharedAnswer(const SharedAnswer &other) { share(other.record_); }
-    SharedAnswer &operator=(const SharedAnswer &other)
-    {
-        share(other.record_);
-        return *this;
-    }
+    SharedAnswer(const SharedAnswer &) = delete;
+    SharedAnswer &operator=(const SharedAnswer &) = delete;
     ~SharedAnswer() { release(record_); }
 
-    ProxyUrlInformation &record() { return record_; }
+    // Becomes the owner of a new answer with NULL entries. Without memory for the list the count is 0.
+    void begin(ProxyMode mode, int count);
     // Becomes another owner of an answer, in place of the present one.
     void share(const ProxyUrlInformation &answer);
-    // Leaves the share to whoever keeps the record, until release.
-    ProxyUrlInformation detach();
-    // Gives a share up and resets the record.
+    ProxyUrlInformation &record() { return record_; }
+
+    // Counts whoever keeps a record as another owner, until release, which resets the record.
+    static void retain(const ProxyUrlInformation &answer);
     static void release(ProxyUrlInformation &answer);
 
     // What the calling thread was given last, which it may read until it asks again or ends. Made at the first use;
