@@ -29,6 +29,7 @@ public:
     std::string key;
     ProxyURLCacheNode *prev = nullptr; // towards the head: used more recently
     ProxyURLCacheNode *next = nullptr; // towards the tail
+    void *value = nullptr;             // what the key has in the map of values, which never moves it
 };
 
 template <typename T>
@@ -58,14 +59,14 @@ public:
         if (present != nodeMap.end()) {
             remove(present->second, false);
             setHead(present->second);
-            valueMap.find(key)->second = value;
+            *static_cast<T *>(present->second->value) = value;
             return;
         }
         // All memory is had before anything is evicted; a failure leaves the cache as it was.
         auto node = std::make_unique<ProxyURLCacheNode>(key);
         std::map<std::string, ProxyURLCacheNode *> added;
         added.emplace(key, node.get());
-        valueMap.emplace(std::move(key), value);
+        node->value = &valueMap.emplace(std::move(key), value).first->second;
         nodeMap.merge(added);
         if (nodeMap.size() > capacity && tail)
             remove(tail, true);
@@ -79,7 +80,7 @@ public:
             return false;
         remove(present->second, false);
         setHead(present->second);
-        out = valueMap.find(key)->second;
+        out = *static_cast<const T *>(present->second->value);
         return true;
     }
 

@@ -129,27 +129,22 @@ void stopThread()
 }
 
 // Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
-struct AtExit {
+const struct AtExit {
     ~AtExit()
     {
         if (isInherited || !dbus_dispatcher.isMade())
             return;
-        dbus_dispatcher->thread().retire();
-        dbus_dispatcher->calls().failAll();
-        if (!dbus_dispatcher->thread().isCurrent())
-            waitForThread();
-    }
-
-private:
-    // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by itself.
-    static void waitForThread()
-    {
-        const std::unique_lock<std::mutex> lock(clientMutex, std::try_to_lock);
         DispatchThread &thread = dbus_dispatcher->thread();
+        thread.retire();
+        dbus_dispatcher->calls().failAll();
+        if (thread.isCurrent())
+            return;
+        // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by itself.
+        const std::unique_lock<std::mutex> lock(clientMutex, std::try_to_lock);
         if (thread.waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() && thread.isStarted())
             thread.join();
     }
-} const atExit;
+} atExit;
 
 // ---- Connection
 

@@ -67,10 +67,9 @@ void SharedAnswer::retain(const ProxyUrlInformation &answer)
 void SharedAnswer::release(ProxyUrlInformation &answer)
 {
     Count *const count = owners(answer);
-    if (count && count->fetch_sub(1, std::memory_order_acq_rel) > 1)
-        answer = {};
-    else
+    if (count && count->fetch_sub(1, std::memory_order_acq_rel) == 1)
         cleanupProxyUrlInfo(&answer);
+    answer = {};
 }
 
 SharedAnswer &SharedAnswer::latest()

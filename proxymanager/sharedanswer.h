@@ -13,7 +13,11 @@ public:
     SharedAnswer() = default;
     SharedAnswer(const SharedAnswer &) = delete;
     SharedAnswer &operator=(const SharedAnswer &) = delete;
-    ~SharedAnswer() { release(record_); }
+    ~SharedAnswer()
+    {
+        if (record_.proxyUrlList)
+            release(record_);
+    }
 
     // Becomes the owner of a new answer with NULL entries. Without memory for the list the count is 0.
     void begin(ProxyMode mode, int count);
