@@ -10,6 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+// How long to wait for a callback, or a poll, that may never end.
+constexpr std::chrono::seconds PATIENCE(2);
+
 // ---- Descriptors
 
 void OwnDescriptor::adopt(int number)
@@ -97,6 +100,8 @@ void DispatchThread::stop()
 
 bool DispatchThread::join()
 {
+    if (state_ == State::Lost && !waitUntilLeft())
+        return false;
     const bool joined = pthread_join(*thread_, nullptr) == 0;
     thread_.reset();
     std::unique_lock<std::mutex> lock(mutex_);
@@ -121,10 +126,10 @@ void DispatchThread::retire()
     wake();
 }
 
-bool DispatchThread::waitUntilLeft(std::chrono::milliseconds limit)
+bool DispatchThread::waitUntilLeft()
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return left_.wait_until(lock, std::chrono::steady_clock::now() + limit,
+    return left_.wait_until(lock, std::chrono::steady_clock::now() + PATIENCE,
                             [this] { return loop_.load() == std::thread::id(); });
 }
 
@@ -156,7 +161,7 @@ bool DispatchThread::wake()
     if (reader_.number() < 0 || // there is nobody
         (writer_.isOurs() && (send(writer_.number(), &wakeUp, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN)))
         return true;
-    replace({State::Starting, State::Running}, State::Lost);
+    replace({State::Starting, State::Running, State::Stopping}, State::Lost);
     return false;
 }
 

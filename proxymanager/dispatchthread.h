@@ -58,14 +58,15 @@ public:
     void stop();
     // From here on no thread serves.
     void retire();
-    // False when one is still in the loop when the time is up.
-    bool waitUntilLeft(std::chrono::milliseconds limit);
+    // False when one is still in the loop after two seconds.
+    bool waitUntilLeft();
 
     // ---- For whoever starts and joins it, one at a time
 
     bool start(void *(*function)(void *));
     bool isStarted() const { return thread_.has_value(); }
-    // Waits for the end of the thread that was started. False when that fails.
+    // Waits for the end of the thread that was started. False when that fails. A lost thread is waited for for two seconds
+    // only: it may be in a poll of numbers that are somebody else's by now.
     bool join();
     // In a forked child, which has none of the threads: closes its copies of the sockets, which would keep the parent's
     // thread from noticing that its own are gone, and begins anew.

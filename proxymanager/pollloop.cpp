@@ -58,9 +58,22 @@ void PollLoop::leaveToParent()
     new (&watchMutex_) std::mutex;
     thread_.startAnew();
     _fdunlock[1] = -1;
+    abandonConnections();
+}
+
+void PollLoop::abandonConnections()
+{
+    const std::lock_guard<std::mutex> lock(watchMutex_);
     calls_.abandon();
     for (auto &watch : watches_)
         watch->isEnabled = false;
+}
+
+bool PollLoop::hasLostSocket()
+{
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    return std::any_of(watches_.begin(), watches_.end(),
+                       [](const auto &watch) { return !watch->socket.isOurs(); });
 }
 
 void PollLoop::enter()
@@ -121,8 +134,9 @@ void PollLoop::dispatchArrived()
 
 PollLoop::SocketWatch::SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop)
     : DBus::Watch(internal), reads((flags() & DBUS_WATCH_READABLE) != 0),
-      writes((flags() & DBUS_WATCH_WRITABLE) != 0), socket(descriptor()), isEnabled(enabled()), loop_(loop)
+      writes((flags() & DBUS_WATCH_WRITABLE) != 0), isEnabled(enabled()), loop_(loop)
 {
+    socket.adopt(descriptor());
 }
 
 void PollLoop::SocketWatch::toggle()
@@ -138,7 +152,7 @@ void PollLoop::SocketWatch::toggle()
 pollfd PollLoop::SocketWatch::request() const
 {
     const int events = (reads ? POLLIN : 0) | (writes ? POLLOUT : 0);
-    return {socket, static_cast<short>(events), 0};
+    return {socket.number(), static_cast<short>(events), 0};
 }
 
 // A poll that another thread is in has to see the change.
@@ -199,7 +213,7 @@ bool PollLoop::watchesSocket(int descriptor)
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
     return std::any_of(watches_.begin(), watches_.end(),
-                       [=](const auto &watch) { return watch->socket == descriptor; });
+                       [=](const auto &watch) { return watch->socket.number() == descriptor; });
 }
 
 // True when a socket, or what wakes the thread, is ready.

@@ -31,6 +31,10 @@ public:
     bool watchesSocket(int descriptor);
     // Takes in and dispatches what has arrived on the connections, without waiting, while no thread does.
     void dispatchArrived();
+    // Whether somebody has closed the socket of a connection: libdbus would go on using its number.
+    bool hasLostSocket();
+    // Never touches the present connections again.
+    void abandonConnections();
     // In a forked child: the sockets and connections are the parent's.
     void leaveToParent();
 
@@ -57,7 +61,7 @@ private:
 
         const bool reads;
         const bool writes;
-        const int socket;
+        OwnDescriptor socket;
         bool isEnabled;
 
     private:

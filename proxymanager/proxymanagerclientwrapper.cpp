@@ -27,8 +27,6 @@ constexpr const char *DBUS_ERROR = "%s%s DBus Error occured: %s";
 constexpr const char *CREATE_ERROR = "%s%s error: pDBus Error occured: %s";
 constexpr const char *CREATE = "create_proxy_manager_client";
 constexpr const char *CLEANUP_WITHOUT_CONN = "cleanup_without_conn";
-// How long the end of the process waits for a callback that is still running.
-constexpr std::chrono::milliseconds EXIT_PATIENCE(2000);
 
 std::mutex clientMutex; // guards the next one, dbus_conn, and the start and end of the dispatch thread
 ProxyManagerClientImpl *pProxyMgrClient = nullptr;
@@ -118,14 +116,17 @@ void startThread()
         syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
 }
 
-void stopThread()
+// False when it may still be there.
+bool stopThread()
 {
     if (!dbus_dispatcher.isMade() || !dbus_dispatcher->thread().isStarted())
-        return;
+        return true;
     syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
     dbus_dispatcher->leave();
-    if (!dbus_dispatcher->thread().join())
+    const bool joined = dbus_dispatcher->thread().join();
+    if (!joined)
         syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
+    return joined;
 }
 
 // Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
@@ -141,7 +142,7 @@ const struct AtExit {
             return;
         // A callback that does not return must not keep the process; a cleanup under way elsewhere joins by itself.
         const std::unique_lock<std::mutex> lock(clientMutex, std::try_to_lock);
-        if (thread.waitUntilLeft(EXIT_PATIENCE) && lock.owns_lock() && thread.isStarted())
+        if (thread.waitUntilLeft() && lock.owns_lock() && thread.isStarted())
             thread.join();
     }
 } atExit;
@@ -172,12 +173,19 @@ bool reuseConnection()
 int deleteClient()
 {
     syslog(LOG_INFO, CALLED, "", CLEANUP_WITHOUT_CONN);
-    stopThread();
+    const bool stopped = stopThread();
     if (!pProxyMgrClient) {
         syslog(LOG_NOTICE, "%s%s pProxyMgrClient already null", "", CLEANUP_WITHOUT_CONN);
         return 0;
     }
     readyClient = nullptr;
+    // What the thread may be in stays; so does what would use a number that may be one of the program's by now.
+    if (!stopped || dbus_dispatcher->hasLostSocket()) {
+        dbus_dispatcher->abandonConnections();
+        pProxyMgrClient = nullptr;
+        dbus_conn = nullptr;
+        return 1;
+    }
     delete pProxyMgrClient;
     pProxyMgrClient = nullptr;
     if (dbus_conn)
@@ -217,6 +225,8 @@ int createOnSystemBus()
         return 1;
     DBus::default_dispatcher = &*dbus_dispatcher;
     syslog(LOG_NOTICE, "%s%s create dbus connection", "", CREATE);
+    if (!stopThread()) // of a client before
+        return 0;
     for (bool kept = reuseConnection();; kept = false) {
         if (!kept)
             dbus_conn = openSystemBus(*dbus_dispatcher).release();
