@@ -21,25 +21,40 @@
  *   - callbacks must be short: all calls to the service, and all other events, wait while one runs;
  *   - callbacks run on the dispatch thread with locks of the client held and must not call any function of
  *     this interface but the record functions. Hand such work to another thread;
- *   - no thread may call this interface while it holds a lock that a callback wants: the call would wait for
- *     the callback, and the callback for the lock, until the time limit.
+ *   - no thread may call this interface while it holds a lock that a callback wants. A call that asks the
+ *     service then waits until its time limit; get_http_proxy_config, get_proxy_url (even for an answer of the
+ *     cache), set_proxy_manager_event_cb and cleanup_proxy_manager_client wait for ever.
  *
- * A C++ callback should not throw; what it throws is logged and goes no further.
+ * Callbacks: a C++ callback should not throw; what it throws is logged and goes no further. A callback must not
+ * end its thread: pthread_exit, or a cancellation that the callback itself allows, ends the process. It may call
+ * exit, unless an exit handler or a destructor of the program calls this interface, which then waits for ever for
+ * the callback's locks.
  *
  * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
  * one call, counts as a failed call: it is logged, and the function returns its neutral result.
  *
  * A lost bus: when the connection to the bus is lost, calls fail at once and no more events come. Clean the
  * client up and create it again; it does not come back by itself. A service that ends and starts again on a
- * living bus needs nothing of the kind.
+ * living bus needs nothing of the kind if it announces its configuration and a clear of the cache when it starts.
+ *
+ * Descriptors: the library opens none before the first create and holds none after a cleanup. A program that
+ * closes those of a running client, as closefrom(3) does, loses the client as it loses a bus: calls fail, cleaning
+ * up touches none of the numbers and leaves the memory of the connection behind, and the client can be created
+ * again, unless the dispatch thread is stuck in its poll. Only close the descriptors before the first create.
  *
  * fork: the client belongs to the process that created it. In a child process every function gives its
  * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with
- * exec. As with any function that logs, a child of a process of several threads may find the lock of syslog(3)
- * taken for ever.
+ * exec. A child of a process without a client, also of one whose create has failed, can create its own. As with
+ * any function that logs, a child of a process of several threads may find the lock of syslog(3) taken for ever.
+ *
+ * Other users of D-Bus in the process: dbus_shutdown() ends the process while a client lives. Creating sets
+ * DBus::default_dispatcher of dbus-c++: connections that the program makes with that library afterwards are served
+ * by the client's dispatch thread.
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
- * calls openlog. The user name of a cached answer is logged at LOG_NOTICE, passwords never are.
+ * calls openlog. A log daemon that hangs holds up whoever logs, locks included. URLs, proxies and the user name of
+ * a cached answer are logged at LOG_NOTICE as they are; the password fields never are, but a password inside a URL
+ * or a proxy text is.
  */
 #ifndef PROXYMANAGER_H
 #define PROXYMANAGER_H
@@ -115,18 +130,21 @@ typedef struct ProxySetting {
 
 /**
  * Makes the process's client: connects to the system bus, reads the configuration and starts the dispatch
- * thread, which has all signals blocked. Calling it again is cheap and changes nothing. A bus that takes the
- * connection but never greets it holds the call until it does.
+ * thread, which has all signals blocked but those of faults (SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS).
+ * Calling it again is cheap and changes nothing. A service that is there and silent holds the call up for 50
+ * seconds, two questions, and so an atls_connect that creates the client. A bus that takes the connection but never
+ * greets it holds the call until it does.
  *
  * @retval 1  a client exists on return, also when its dispatch thread could not be started: calls then work,
  *            events do not come
- * @retval 0  the bus cannot be reached or the service does not answer
+ * @retval 0  the bus cannot be reached, the service does not answer, or the client is the parent process's. The
+ *            connection to the bus is kept for the next try; cleanup_proxy_manager_client closes it
  */
 int create_proxy_manager_client(void);
 
 /**
  * Stops the dispatch thread, releases the client with its cache and its callbacks, and closes the connection.
- * A bus that has stopped answering holds the call up for 50 seconds.
+ * It waits for a callback that is running. A bus that has stopped answering holds the call up for 50 seconds.
  * The strings of all answers of get_proxy_url become invalid. No other call may be under way; not to be
  * called from a callback, where it does nothing.
  *
@@ -152,14 +170,17 @@ ProxyManagerConfig get_http_proxy_config(void);
  *                its scheme: a text that contains "http:" loses its first seven characters, one with "https:"
  *                its first eight.
  *
- * @return the service's own result code; -1 when there is no client, when the call failed, or when proxyUrl
- *         contains "http:" or "https:" and is too short for the prefix
+ * @return the service's own result code; -1 when there is no client, when the call failed (the bus policy that
+ *         comes with the stand-in service allows it to root only), or when proxyUrl contains "http:" or "https:" and
+ *         is too short for the prefix
  */
 int update_proxy_config(ProxyManagerConfig config);
 
 /**
- * Finds the proxies for a URL, from the cache if its host was asked for before. Failed and empty answers are
- * kept in the cache too, until the service has it cleared.
+ * Finds the proxies for a URL, from the cache if its host was asked for before. The host is what stands between
+ * "://" and the next "/", up to the first ":": IPv6 addresses that begin alike share an answer, and so do all URLs
+ * with the same user name and a password. Failed and empty answers are kept in the cache too, until the service has
+ * it cleared. An answer that such a clear has overtaken is returned and not kept.
  *
  * The strings belong to the client: never free them. They stay readable for the calling thread until its next
  * call of get_proxy_url (which atls_connect makes, too) or until the client is cleaned up, whichever is first;
