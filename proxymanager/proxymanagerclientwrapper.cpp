@@ -271,9 +271,9 @@ int change(const char *caller, bool creates, Action action)
                                            : Heritage::Nothing;
             }
         } const atEnd;
-        if (creates) {
-            dbus_dispatcher.make();
-            require(followsForks);
+        if (creates && !(dbus_dispatcher.make() && followsForks)) {
+            syslog(LOG_ERR, CREATE_ERROR, "", CREATE, "no descriptor or no memory for the dispatcher");
+            return 0;
         }
         if (creates || heritage != Heritage::Nothing)
             heritage = Heritage::Client;
@@ -299,8 +299,8 @@ void *dbusLoopFunc(void *)
 {
     return withoutExceptions<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
         syslog(LOG_NOTICE, "%s%s dbus loop start", "", "dbusLoopFunc");
-        dbus_dispatcher.make();
-        dbus_dispatcher->enter();
+        if (dbus_dispatcher.make())
+            dbus_dispatcher->enter();
         return nullptr;
     });
 }

@@ -17,18 +17,16 @@ template <typename Object>
 class MadeAtLoad
 {
 public:
-    MadeAtLoad() noexcept
+    MadeAtLoad() noexcept { make(); }
+    // Makes the object unless it is there; false when that fails. What dbus-c++ throws then has a text that is freed already.
+    bool make() noexcept
     {
         try {
-            make();
-        } catch (...) { // nobody could catch it: the next one who needs the object makes it
+            if (!object_)
+                object_ = new (bytes_) Object;
+        } catch (...) {
         }
-    }
-    // Makes the object unless it is there; throws what its constructor throws.
-    void make()
-    {
-        if (!object_)
-            object_ = new (bytes_) Object;
+        return object_;
     }
     bool isMade() const { return object_; }
     Object &operator*() { return *object_; }

@@ -76,11 +76,7 @@ static void deliver()
                 filters[i].first(nullptr, message.get(), filters[i].second);
 }
 
-static PollLoop &loop()
-{
-    static auto *const made = new PollLoop;
-    return *made;
-}
+static PollLoop *const loop = new PollLoop;
 
 // A connection to somebody who never answers.
 static DBus::Connection &connection()
@@ -88,7 +84,7 @@ static DBus::Connection &connection()
     const std::string listening = "unix:abstract=fuzz-" + std::to_string(getpid()); // no file is left of it
     static DBusServer *const server = dbus_server_listen(listening.c_str(), nullptr);
     static char *const address = dbus_server_get_address(server);
-    DBus::default_dispatcher = &loop();
+    DBus::default_dispatcher = loop;
     static auto *const opened = new DBus::Connection(address);
     return *opened;
 }
@@ -105,8 +101,8 @@ static void read_answer(const ProxyUrlInformation &answer)
 // A thread asks; this one owns the connection, carries the call out, and hands over the messages that come.
 static void ask_from_thread(ProxyManagerClientImpl &client, const std::string &url)
 {
-    DispatchThread &thread = loop().thread();
-    CallQueue &calls = loop().calls();
+    DispatchThread &thread = loop->thread();
+    CallQueue &calls = loop->calls();
     calls.attach(&connection());
     REQUIRE(thread.enter());
     std::thread caller([&] {
@@ -161,7 +157,7 @@ void run(std::istream &input)
     const size_t own = filters.size();
     try {
         ProxyManagerClientImpl client(unused, "/com/halvo/ProxyManagerService",
-                                      "com.halvo.ProxyManagerService", loop().calls());
+                                      "com.halvo.ProxyManagerService", loop->calls());
         deliver();
         converse(client);
     } catch (const DBus::Error &) { // a client that could not be made leaves its filter to the connection

@@ -182,23 +182,22 @@ TEST_F(RunningClient, StallsNobodyWhileTheServiceIsSlow)
 
 TEST_F(RunningClient, KeepsNoAnswerThatAClearHasOvertaken)
 {
-    static std::promise<void> bothAreThere;
-    set_proxy_manager_event_cb(7, [](ProxyMgrEventType) { bothAreThere.get_future().wait(); });
-    for (const bool together : {true, false}) { // the client reads both at once; or the clear first
+    static std::promise<void> sent;
+    set_proxy_manager_event_cb(7, [](ProxyMgrEventType) { sent.get_future().wait(); });
+    for (const bool clearsFirst : {false, true}) { // or the client reads the answer and the clear at once
         service->hold("getProxyurl");
         const int calls = service->calls("getProxyurl");
         auto stale = std::async(std::launch::async, [] { return toText(get_proxy_url("http://a/")); });
         service->waitForCalls("getProxyurl", calls + 1);
-        if (together) {
-            service->emitState(7);
-            service->answerHeld("(['pacurl', 'DIRECT'],)");
-            service->emit("notifyClearcache");
-            service->sync();
-            bothAreThere.set_value();
-        } else {
+        if (clearsFirst)
             emit("notifyClearcache");
-            service->answerHeld("(['pacurl', 'DIRECT'],)");
-        }
+        else
+            service->emitState(7);
+        service->answerHeld("(['pacurl', 'DIRECT'],)");
+        service->emit(clearsFirst ? "none" : "notifyClearcache");
+        service->sync();
+        if (!clearsFirst)
+            sent.set_value();
         EXPECT_EQ(stale.get(), "2 DIRECT");
         service->answer("getProxyurl", "(['pacurl', 'PROXY p2:1'],)");
         EXPECT_EQ(toText(get_proxy_url("http://a/")), "2 PROXY p2:1");

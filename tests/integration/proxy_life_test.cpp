@@ -5,9 +5,6 @@
 #include <atomic>
 #include <filesystem>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 // What C++ programs find in the library.
 extern DBus::BusDispatcher dbus_dispatcher;
 int create_proxy_manager_client(DBus::Connection &conn);
@@ -42,7 +39,6 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
     const auto count = [] { return std::pair(countIn("/proc/self/fd"), countIn("/proc/self/task")); };
     auto counted = count();
     size_t heap = 0;
-    int file = -1;
     for (int cycle = 0; cycle < 1000; cycle++) {
         if (cycle == 20) {
             counted = count();
@@ -58,14 +54,10 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
             ASSERT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
         }
         ASSERT_EQ(cleanup_proxy_manager_client(), 1);
-        if (cycle == 0) // must keep its number, whatever the client closes
-            file = open("/dev/null", O_RDONLY | O_CLOEXEC);
     }
     EXPECT_EQ(count().first, counted.first);
     EXPECT_LE(count().second, counted.second); // idle threads of GLib end by themselves
     EXPECT_LT(heap_in_use(), heap + size_t{980} * 2000);
-    EXPECT_EQ(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)), "/dev/null");
-    close(file);
 }
 
 TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)

@@ -16,7 +16,6 @@
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -99,7 +98,7 @@ static void run_forks(void)
 /* In the child everything is neutral, and the parent does not notice. */
 static void run_fork(void)
 {
-    pid_t child = fork();
+    const pid_t child = fork();
     if (child == 0) {
         ProxyManagerConfig config = get_http_proxy_config();
         assert(config.mode == 0);
@@ -118,14 +117,6 @@ static void run_fork(void)
     assert(get_proxy_url("http://a/").mode == 2);
     assert(cleanup_proxy_manager_client() == 1);
 
-    child = fork(); /* nothing of the parent's is left: two processes with one past have a client each */
-    assert(create_proxy_manager_client() == 1);
-    for (int i = 0; i < 300; i++)
-        assert(check_service_started());
-    assert(cleanup_proxy_manager_client() == 1);
-    if (child == 0)
-        exit(0);
-    wait_for_child(child);
     run_forks();
 }
 
@@ -162,13 +153,9 @@ static void run_closing(void)
     for (int i = 0; i < 10; i++)
         files[memfd_create("", 0)] = 1;
     assert(!check_service_started() && get_proxy_url("http://b/").mode == 0);
-    assert(get_proxy_url("http://a/").mode == 2); /* from the cache */
     assert(cleanup_proxy_manager_client() == 1);
-    for (int number = 0; number < MOST_FILES; number++) {
-        struct stat status;
-        assert(!files[number] ||
-               (fstat(number, &status) == 0 && status.st_nlink == 0 && status.st_size == 0));
-    }
+    for (int number = 0; number < MOST_FILES; number++)
+        assert(!files[number] || lseek(number, 0, SEEK_END) == 0);
     assert(open_files() == 3 + 10 && create_proxy_manager_client() == 1 && check_service_started());
 }
 
@@ -179,24 +166,13 @@ static int run_daemon(void)
     const pid_t child = fork();
     puts("no service");
     fflush(stdout);
-    const int files = open_files();
-    for (int i = 0; create_proxy_manager_client() == 0 && i < 100; i++)
+    const int files = child == 0 ? open_files() : 3;
+    while (create_proxy_manager_client() == 0)
         usleep(100000);
-    const int made = cleanup_proxy_manager_client();
-    assert(made == 1 && open_files() == (child == 0 ? files : 3));
+    assert(cleanup_proxy_manager_client() == 1 && open_files() == files);
     if (child != 0)
         wait_for_child(child);
     return 0;
-}
-
-/* The program was started with room for a single further descriptor. */
-static void run_without_descriptors(void)
-{
-    assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
-    struct rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = MOST_FILES;
-    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 int main(int argc, char **argv)
@@ -206,8 +182,10 @@ int main(int argc, char **argv)
     assert(open_files() == 3);
     if (strcmp(what, "daemon") == 0)
         return run_daemon();
-    if (strcmp(what, "limit") == 0)
-        run_without_descriptors();
+    if (strcmp(what, "limit") == 0) { /* there is room for a single further descriptor */
+        assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
+        setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
+    }
     assert(create_proxy_manager_client() == 1);
     set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_event_exit : on_event);
     get_proxy_url("http://a/");
