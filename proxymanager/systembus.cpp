@@ -3,6 +3,7 @@
 #include "systembus.h"
 
 #include <cstring>
+#include <utility>
 
 #include <dbus/dbus.h>
 
@@ -19,9 +20,8 @@ struct RecordMember {
 };
 template struct RecordMember<&DBus::Connection::_pvt>;
 
-// libdbus's connection behind one of dbus-c++ that nobody else has a copy of. The private record begins with it, the names
-// that were asked for, and the dispatcher. NULL unless the record holds our dispatcher there, and the connection has a socket
-// that the dispatcher watches.
+// libdbus's connection behind one of dbus-c++. The private record begins with it, the names that were asked for, and the
+// dispatcher. NULL unless the record holds our dispatcher there, and the connection has a socket that the dispatcher watches.
 DBusConnection *underlying(const DBus::Connection &connection, PollLoop &loop)
 {
     struct {
@@ -29,16 +29,22 @@ DBusConnection *underlying(const DBus::Connection &connection, PollLoop &loop)
         unsigned char names[sizeof(std::vector<std::string>)];
         const DBus::Dispatcher *dispatcher;
     } begin;
-    const Record &record = connection.*recordMember();
-    const auto *const count =
-        reinterpret_cast<const DBus::RefCnt *>(reinterpret_cast<const char *>(&record) + sizeof(void *));
-    memcpy(&begin, static_cast<const void *>(record.get()), sizeof begin);
+    memcpy(&begin, static_cast<const void *>((connection.*recordMember()).get()), sizeof begin);
     int socket = -1;
-    const bool isProven = count->one() && begin.dispatcher == &loop && begin.connection &&
+    const bool isProven = begin.dispatcher == &loop && begin.connection &&
                           dbus_connection_get_unix_fd(begin.connection, &socket) &&
                           loop.watchesSocket(socket);
     return isProven ? begin.connection : nullptr;
 }
+
+// The count stands behind the pointer to the record.
+bool hasCopies(const DBus::Connection &connection)
+{
+    const auto *const record = reinterpret_cast<const char *>(&(connection.*recordMember()));
+    return !reinterpret_cast<const DBus::RefCnt *>(record + sizeof(void *))->one();
+}
+
+DBusConnection *proven = nullptr; // behind the connection that is open
 
 // dbus-c++ takes one reference of libdbus's connection more than it gives back, so that all that belongs to the connection
 // would stay for ever. With a reference of ours the connection outlives dbus-c++'s object; if giving ours back does not
@@ -75,6 +81,7 @@ std::unique_ptr<DBus::Connection> openSystemBus(PollLoop &loop)
     try {
         auto connection = std::make_unique<DBus::Connection>(opened);
         loop.calls().attach(connection.get());
+        proven = underlying(*connection, loop);
         return connection;
     } catch (...) {
         disconnect(loop, opened);
@@ -84,8 +91,7 @@ std::unique_ptr<DBus::Connection> openSystemBus(PollLoop &loop)
 
 void closeSystemBus(PollLoop &loop, std::unique_ptr<DBus::Connection> connection)
 {
-    DBusConnection *const found = underlying(*connection, loop);
     disconnect(loop, *connection);
-    if (found)
-        deleteWithForgottenReference(std::move(connection), found);
+    if (proven && !hasCopies(*connection))
+        deleteWithForgottenReference(std::move(connection), std::exchange(proven, nullptr));
 }
