@@ -116,7 +116,6 @@ static void run_fork(void)
     sem_wait(&events);
     assert(get_proxy_url("http://a/").mode == 2);
     assert(cleanup_proxy_manager_client() == 1);
-
     run_forks();
 }
 
@@ -152,15 +151,15 @@ static void run_closing(void)
         close(number);
     for (int i = 0; i < 10; i++)
         files[memfd_create("", 0)] = 1;
-    assert(!check_service_started() && get_proxy_url("http://b/").mode == 0);
-    assert(cleanup_proxy_manager_client() == 1);
+    assert(!check_service_started() && get_proxy_url("http://b/").mode == 0 &&
+           cleanup_proxy_manager_client());
     for (int number = 0; number < MOST_FILES; number++)
         assert(!files[number] || lseek(number, 0, SEEK_END) == 0);
     assert(open_files() == 3 + 10 && create_proxy_manager_client() == 1 && check_service_started());
 }
 
 /* There is no service before the program has become a daemon. */
-static int run_daemon(void)
+static void run_daemon(void)
 {
     assert(create_proxy_manager_client() == 0);
     const pid_t child = fork();
@@ -172,7 +171,6 @@ static int run_daemon(void)
     assert(cleanup_proxy_manager_client() == 1 && open_files() == files);
     if (child != 0)
         wait_for_child(child);
-    return 0;
 }
 
 int main(int argc, char **argv)
@@ -181,7 +179,7 @@ int main(int argc, char **argv)
     sem_init(&events, 0, 0);
     assert(open_files() == 3);
     if (strcmp(what, "daemon") == 0)
-        return run_daemon();
+        return run_daemon(), 0;
     if (strcmp(what, "limit") == 0) { /* there is room for a single further descriptor */
         assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
         setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
