@@ -41,6 +41,7 @@ bool DispatchThread::openLocked()
     int pair[2];
     if (reader_.isOurs())
         return true;
+    closeLocked();
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
         return false;
     reader_.adopt(pair[0]);
@@ -86,7 +87,7 @@ bool DispatchThread::start(void *(*function)(void *))
         return true;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!isCurrent() && loop_.load() == std::thread::id())
+    if (loop_.load() == std::thread::id())
         closeLocked();
     replace({State::Starting}, State::None);
     return false;
