@@ -37,7 +37,8 @@
  * client up and create it again; it does not come back by itself. A service that ends and starts again on a
  * living bus needs nothing of the kind if it announces its configuration and a clear of the cache when it starts.
  *
- * Descriptors: the library opens none before the first create and holds none after a cleanup. A program that
+ * Descriptors: the library opens none before the first create and holds none after a cleanup; syslog(3) keeps one of
+ * its own from the first line that it writes. A program that
  * closes those of a running client, as closefrom(3) does, loses the client as it loses a bus: calls fail, cleaning
  * up touches none of the numbers and leaves the memory of the connection behind, and the client can be created
  * again, unless the dispatch thread is stuck in its poll. Only close the descriptors before the first create.
