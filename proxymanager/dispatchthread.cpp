@@ -137,8 +137,12 @@ bool DispatchThread::waitUntilLeft()
 bool DispatchThread::enter()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (loop_.load() != std::thread::id() || state_ == State::Retired || !openLocked())
+    if (loop_.load() != std::thread::id() || state_ == State::Retired)
         return false;
+    if (!openLocked()) { // the program has closed what there was
+        replace({State::Starting}, State::Lost);
+        return false;
+    }
     loop_ = std::this_thread::get_id();
     replace({State::None, State::Starting, State::Lost}, State::Running);
     return true;
