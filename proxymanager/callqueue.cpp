@@ -79,10 +79,9 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
     calls_.push_back(&call);
     const auto deadline = std::chrono::steady_clock::now() + DEFAULT_TIMEOUT;
     lock.unlock(); // the thread needs it as soon as it is awake
-    const bool isReachable = thread_.wake() && state != State::Retired && state != State::Lost;
+    if (!thread_.wake() || state == State::Retired || state == State::Lost)
+        failAll();
     lock.lock();
-    if (!isReachable)
-        failAllLocked();
     call.changed.wait_until(lock, deadline, [&] { return call.ended; });
     if (!call.ended)
         end(std::find(calls_.begin(), calls_.end(), &call), DBUS_ERROR_NO_REPLY);
@@ -92,11 +91,6 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
 void CallQueue::failAll()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    failAllLocked();
-}
-
-void CallQueue::failAllLocked()
-{
     for (auto each = calls_.begin(); each != calls_.end();)
         each = end(each, DBUS_ERROR_DISCONNECTED);
 }
@@ -168,7 +162,6 @@ void CallQueue::deliverReplies()
 
 void CallQueue::failDisconnected()
 {
-    const std::lock_guard<std::mutex> lock(mutex_);
     if (connection_ && !connection_->connected())
-        failAllLocked();
+        failAll();
 }

@@ -54,7 +54,6 @@ private:
     bool receive(const DBus::Message &message);
     std::list<Call *>::iterator findSent(const DBus::Message &reply);
     std::list<Call *>::iterator end(std::list<Call *>::iterator call, const char *error);
-    void failAllLocked();
 
     DispatchThread &thread_;
     std::mutex mutex_; // guards the next two

@@ -15,11 +15,6 @@ constexpr std::chrono::seconds PATIENCE(2);
 
 // ---- Descriptors
 
-void OwnDescriptor::adopt(int number)
-{
-    number_ = fstat(number, &identity_) == 0 ? number : -1;
-}
-
 // No two sockets have the same inode.
 bool OwnDescriptor::isOurs() const
 {

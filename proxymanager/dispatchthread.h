@@ -23,7 +23,7 @@
 class OwnDescriptor
 {
 public:
-    void adopt(int number);
+    void adopt(int number) { number_ = fstat(number, &identity_) == 0 ? number : -1; }
     void forget() { number_ = -1; }
     // Leaves alone a number that is somebody else's by now.
     void close();

@@ -95,11 +95,6 @@ void PollLoop::enter()
         do_iteration();
 }
 
-void PollLoop::leave()
-{
-    thread_.stop();
-}
-
 // What is asked for after it has been looked for wakes the poll at the end.
 void PollLoop::do_iteration()
 {
@@ -141,11 +136,7 @@ PollLoop::SocketWatch::SocketWatch(DBus::Watch::Internal *internal, PollLoop &lo
 
 void PollLoop::SocketWatch::toggle()
 {
-    const bool on = enabled();
-    {
-        const std::lock_guard<std::mutex> lock(loop_.watchMutex_);
-        isEnabled = on;
-    }
+    isEnabled = enabled();
     loop_.wakeFromOutside();
 }
 
@@ -203,10 +194,6 @@ DBus::Timeout *PollLoop::add_timeout(DBus::Timeout::Internal *internal)
     alignas(InertTimeout) static unsigned char storage[sizeof(InertTimeout)];
     const std::lock_guard<std::mutex> lock(watchMutex_);
     return new (storage) InertTimeout(internal);
-}
-
-void PollLoop::rem_timeout(DBus::Timeout *)
-{
 }
 
 bool PollLoop::watchesSocket(int descriptor)

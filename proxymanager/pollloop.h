@@ -7,6 +7,7 @@
 #include "callqueue.h"
 #include "dispatchthread.h"
 
+#include <atomic>
 #include <list>
 #include <mutex>
 #include <optional>
@@ -42,13 +43,13 @@ public:
 
     void enter() override;
     // Makes enter() return, also when it has not been reached yet. Does not wait.
-    void leave() override;
+    void leave() override { thread_.stop(); }
     void do_iteration() override;
     void dispatch() override;
     DBus::Watch *add_watch(DBus::Watch::Internal *internal) override;
     void rem_watch(DBus::Watch *watch) override;
     DBus::Timeout *add_timeout(DBus::Timeout::Internal *internal) override;
-    void rem_timeout(DBus::Timeout *timeout) override;
+    void rem_timeout(DBus::Timeout *) override {}
 
 private:
     // libdbus has one watch for reading and one for writing on the same socket; each is told its own events only.
@@ -62,7 +63,7 @@ private:
         const bool reads;
         const bool writes;
         OwnDescriptor socket;
-        bool isEnabled;
+        std::atomic<bool> isEnabled;
 
     private:
         PollLoop &loop_;
