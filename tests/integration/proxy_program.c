@@ -166,8 +166,8 @@ static void run_daemon(void)
     puts("no service");
     fflush(stdout);
     const int files = child == 0 ? open_files() : 3;
-    while (create_proxy_manager_client() == 0)
-        usleep(100000);
+    for (int i = 0; create_proxy_manager_client() == 0; i++)
+        assert(i < 200 && usleep(100000) == 0);
     assert(cleanup_proxy_manager_client() == 1 && open_files() == files);
     if (child != 0)
         wait_for_child(child);
