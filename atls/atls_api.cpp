@@ -282,8 +282,8 @@ int drop_plaintext(SSL *ssl)
 void drop_rest_of_earlier_answer(const Post &post)
 {
     SSL *ssl = post.handle->ssl;
-    if (SSL_pending(ssl) == 0 && BIO_ctrl_pending(post.read_bio) == 0)
-        return;
+    if (!SSL_has_pending(ssl) && BIO_ctrl_pending(post.read_bio) == 0)
+        return; // SSL_pending would not count the records that an engine set to read ahead has taken in
     const int dropped = drop_plaintext(ssl);
     if (dropped > 0)
         syslog(LOG_ERR, "%s: [%d] bytes behind the end of the last answer dropped", EXCHANGE, dropped);
