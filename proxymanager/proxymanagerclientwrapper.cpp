@@ -61,7 +61,7 @@ class NotCancellable
 {
 public:
     NotCancellable() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
-    ~NotCancellable() { pthread_setcancelstate(former_, nullptr); }
+    ~NotCancellable() noexcept(false) { pthread_setcancelstate(former_, nullptr); } // ends a thread cancelled asynchronously
     NotCancellable(const NotCancellable &) = delete;
     NotCancellable &operator=(const NotCancellable &) = delete;
 
