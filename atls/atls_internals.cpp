@@ -393,10 +393,12 @@ int drop_trace(CURL *, curl_infotype, char *, size_t, void *)
     return 0;
 }
 
-// Without a standard error the number 2 goes to whatever is opened next, libcurl's own descriptors among it.
+// Without a standard error the number 2 goes to whatever is opened next: the system log, the bus, what libcurl opens.
+// Such descriptors are closed on exec, which a standard error is not.
 void keep_trace_off_other_files(CURL *curl, const char *caller)
 {
-    if (fcntl(STDERR_FILENO, F_GETFD) >= 0)
+    const int flags = fcntl(STDERR_FILENO, F_GETFD);
+    if (flags >= 0 && !(flags & FD_CLOEXEC))
         return;
     syslog(LOG_NOTICE, "%s: Standard error is not open, libcurl's trace is dropped", caller);
     (void)curl_easy_setopt(curl, CURLOPT_DEBUGFUNCTION, drop_trace);

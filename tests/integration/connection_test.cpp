@@ -217,16 +217,19 @@ TEST(Handshake, NeedsNoStandardStreams)
 {
     test::Link link;
     link.start();
-    const auto connects = [&] {
+    const auto connects = [&](bool numbers_are_taken) {
         for (int stream = 0; stream < 3; stream++)
             close(stream);
+        for (int stream = 0; stream < 3 && numbers_are_taken; stream++)
+            open("/dev/null", O_RDWR | O_CLOEXEC); // as libraries open what is their own
         curl_socket_t socket = CURL_SOCKET_BAD;
         if (link.connect() == ATLS_OK)
             curl_easy_getinfo(link.handle->curl, CURLINFO_ACTIVESOCKET, &socket);
         return socket > 2 && fcntl(socket, F_GETFD) == FD_CLOEXEC &&
                log_capture::contains("<5> init_tl_curl: Standard error is not open");
     };
-    EXPECT_EXIT(_exit(connects() ? 0 : 1), testing::ExitedWithCode(0), "");
+    for (const bool taken : {false, true})
+        EXPECT_EXIT(_exit(connects(taken) ? 0 : 1), testing::ExitedWithCode(0), "") << taken;
 }
 
 TEST(Handshake, IsNotCancelledInTheMiddle)
