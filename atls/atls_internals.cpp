@@ -1144,8 +1144,9 @@ int prepare_handshake(Handshake &state)
     return prepared ? ATLS_OK : ATLS_HANDSHAKE_FAILED;
 }
 
-// Lets the engine go on with what it has been fed. Nothing that comes later tells why it gave up.
-bool is_complete(Handshake &state)
+// Lets the engine go on with what it has been fed; true: the handshake is complete. When the engine gives up, says why:
+// nothing that comes later tells that.
+bool continue_handshake(Handshake &state)
 {
     SSL *ssl = state.post.handle->ssl;
     const int result = SSL_do_handshake(ssl);
@@ -1260,7 +1261,7 @@ int atls_handshake(atls_handle *handle)
 {
     Handshake state(handle);
     int result = prepare_handshake(state);
-    while (result == ATLS_OK && !is_complete(state))
+    while (result == ATLS_OK && !continue_handshake(state))
         result = exchange_flights(state);
     if (result != ATLS_OK)
         atls_handshake_cleanup(handle, &state.post.body, &state.post.header);

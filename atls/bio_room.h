@@ -9,7 +9,7 @@
 #include <openssl/buffer.h>
 #include <openssl/crypto.h>
 
-// What an exchange of a full record or two needs; such a block stays.
+// What one full record needs, with some to spare; such a block stays.
 constexpr size_t ORDINARY_BIO_ROOM = 24576;
 
 // The block of a memory BIO that may be exchanged for another, what waits in it first; or NULL.
