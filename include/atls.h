@@ -13,17 +13,19 @@
  * different threads at once, the first use included. No function takes a lock while it waits for the network;
  * as long as the process has no proxy manager client, each atls_connect tries to make it, one thread after
  * the other. None may be under way while cleanup_proxy_manager_client runs. Cancelling a thread
- * takes effect behind the call that it is in.
+ * takes effect behind the call that it is in: at once where cancellation is asynchronous, otherwise at the
+ * program's next cancellation point (a loop of nothing but these calls needs pthread_testcancel).
  *
  * Exit: the program may end while threads are inside these functions. exit() then waits for them, a second at most,
  * and later calls fail: atls_connect with ATLS_SETUP_FAILED, atls_easy_perform with ATLS_EXCHANGE_FAILED. A thread
  * that waits longer for the network is left behind; it may crash the process if it is answered in its last moments.
  * To be sure, let threads finish first.
  *
- * Fork: a child process uses only handles that it makes itself, which it may do at any time: no lock is held
- * across a fork. It leaves the parent's handles alone and does not free them either. Of two processes that
- * use one session, one ends it for the other. A child whose parent had a proxy manager client connects without
- * asking for proxies.
+ * Fork: a child process uses only handles that it makes itself. It leaves the parent's handles alone and does
+ * not free them either. Of two processes that use one session, one ends it for the other. A child whose parent
+ * had a proxy manager client connects without asking for proxies. The library holds no lock of its own across
+ * a fork, but syslog and OpenSSL do, each for a moment: forked while another thread is inside a call here, a
+ * child may wait for one for ever. Fork first, or let the child only exec.
  *
  * Blocking: atls_connect posts once or twice, in rare cases a third time, atls_easy_perform once. Each
  * attempt of a post takes at most 30 seconds; when a proxy cannot be reached, the next one is tried. A proxy
@@ -35,8 +37,9 @@
  *
  * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
  * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the
- * standard error; nowhere if descriptor 2 is not open in atls_connect, which LOG_NOTICE then tells. A daemon
- * better opens /dev/null there: the number may go to any file.
+ * standard error; nowhere if descriptor 2 is not open in atls_connect, or is closed on exec as the files of
+ * libraries are, which LOG_NOTICE then tells. A daemon better opens /dev/null there: the number may go to any
+ * file.
  *
  * The program's own: the connection's socket is closed on exec. A SIGPIPE and a SIGXFSZ (file size limit) of
  * the library's writes do not reach the program.
