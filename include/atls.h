@@ -13,8 +13,9 @@
  * different threads at once, the first use included. No function takes a lock while it waits for the network;
  * as long as the process has no proxy manager client, each atls_connect tries to make it, one thread after
  * the other. None may be under way while cleanup_proxy_manager_client runs. Cancelling a thread
- * takes effect behind the call that it is in: at once where cancellation is asynchronous, otherwise at the
- * program's next cancellation point (a loop of nothing but these calls needs pthread_testcancel).
+ * takes effect behind the call that it is in, at the program's next cancellation point (a loop of nothing but
+ * these calls needs pthread_testcancel). An asynchronous cancellation that meets the first or the last
+ * instructions of a call may end the process: leave the type deferred.
  *
  * Exit: the program may end while threads are inside these functions. exit() then waits for them, a second at most,
  * and later calls fail: atls_connect with ATLS_SETUP_FAILED, atls_easy_perform with ATLS_EXCHANGE_FAILED. A thread

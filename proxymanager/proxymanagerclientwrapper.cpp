@@ -61,7 +61,8 @@ class NotCancellable
 {
 public:
     NotCancellable() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_); }
-    ~NotCancellable() noexcept(false) { pthread_setcancelstate(former_, nullptr); } // ends a thread cancelled asynchronously
+    // Ends a thread that has been cancelled asynchronously meanwhile.
+    ~NotCancellable() noexcept(false) { pthread_setcancelstate(former_, nullptr); }
     NotCancellable(const NotCancellable &) = delete;
     NotCancellable &operator=(const NotCancellable &) = delete;
 
