@@ -1,34 +1,39 @@
-// What the benchmarks talk to: services, a plain HTTPS server and a proxy manager, in a process of their own, and a
-// reader of the log.
+// What the measurements and the soak have in common: their peers.
 #ifndef BENCH_PEERS_H
 #define BENCH_PEERS_H
 
-#include "bus.h"
+#include "program.h"
 
-#include <string>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
 
 namespace bench
 {
 
+inline void require(bool rule, const std::string &what)
+{
+    if (!rule)
+        throw std::runtime_error("fails: " + what);
+}
+
+// A device's identity, and the services in a process of their own, so that only the library is measured.
 struct Peers {
-    // To be made before the first thread. Leaves the standard error, where libcurl's trace goes, to /dev/null.
-    Peers();
+    explicit Peers(std::vector<std::string> options = {})
+    {
+        setenv("ATLS_PLATFORM_DIR", test::identity("device").c_str(), 1);
+        for (const char *name :
+             {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+            unsetenv(name);
+        options.insert(options.begin(), {SERVICES, test::identity("service/")});
+        services = std::make_unique<test::Program>(std::move(options));
+        require(services->wait_for("\n"), "services " + services->err());
+        std::istringstream(services->out()) >> tls12 >> tls13 >> echo;
+    }
 
-    test::PrivateBus bus;
-    test::Folder folder; // the device's identity, and the services'
-    struct Ports {
-        int tls12, tls13, echo;
-    } ports = {};
-
-private:
-    Descriptor alive_; // the process ends with it
+    std::unique_ptr<test::Program> services;
+    int tls12 = 0, tls13 = 0, echo = 0; // ports
 };
-
-// Whether debugging lines are written; else nothing below warnings is.
-void set_logging(bool on);
-
-// The program's allocations so far, with new, malloc, calloc or realloc.
-size_t allocations();
 
 } // namespace bench
 

@@ -22,7 +22,7 @@ GOALS = [
 
 
 def read_times(path):
-    """The runs of each case by who ran it: pairs of CPU and wall nanoseconds, in the order of the rounds."""
+    """The runs of each case by who ran it: nanoseconds of each kind, in the order of the rounds."""
     cases = {}
     with open(path, encoding="utf-8") as file:
         runs = json.load(file)["benchmarks"]
@@ -30,7 +30,7 @@ def read_times(path):
         if run["run_type"] == "iteration":
             group, case, who = run["name"].split("/")[:3]
             scale = {"ns": 1, "us": 1e3, "ms": 1e6}[run["time_unit"]]
-            times = (run["cpu_time"] * scale, run["real_time"] * scale)
+            times = {"cpu": run["cpu_time"] * scale, "wall": run["real_time"] * scale}
             cases.setdefault(f"{group}/{case}", {}).setdefault(who, []).append(times)
     return cases
 
@@ -40,55 +40,40 @@ def quartiles(values):
     return {"median": middle, "low": low, "high": high}
 
 
-def goal_of(case, baseline):
-    return next((goal[2:] for goal in GOALS if case.startswith(goal[0]) and goal[1] == baseline), None)
-
-
 def compare(cases):
     """One row for each case and baseline."""
-    rows = []
     for case, runs in cases.items():
         for baseline in (who for who in runs if who != "library"):
-            pairs = list(zip(runs["library"], runs[baseline]))
-            row = {"case": case, "baseline": baseline}
-            for index, kind in enumerate(("cpu", "wall")):
-                row[kind] = quartiles([ours[index] / theirs[index] for ours, theirs in pairs])
-                row[kind + "_ns"] = statistics.median(ours[index] for ours in runs["library"])
-            goal = goal_of(case, baseline)
-            row["goal"], row["goal_kind"] = goal or (None, None)
-            rows.append(row)
-    return rows
+            goal = next((goal[2:] for goal in GOALS if case.startswith(goal[0]) and goal[1] == baseline), (None, None))
+            row = {"case": case, "baseline": baseline, "goal": goal[0], "goal_kind": goal[1]}
+            for kind in ("cpu", "wall"):
+                row[kind] = quartiles([ours[kind] / theirs[kind] for ours, theirs in zip(runs["library"], runs[baseline])])
+                row[kind + "_ns"] = statistics.median(ours[kind] for ours in runs["library"])
+            yield row
 
 
 def growth(cases, group):
     """How much more the library's time grows from 1 to 64 MiB than the baseline's."""
     small, large = (next(runs for case, runs in cases.items() if case.startswith(f"{group}/{size} MiB")) for size in (1, 64))
-    cpu = {who: statistics.median(time[0] for time in large[who]) / statistics.median(time[0] for time in small[who])
-           for who in small}
-    return cpu["library"] / next(value for who, value in cpu.items() if who != "library")
+    library, baseline = (statistics.median(time["cpu"] for time in large[who]) / statistics.median(time["cpu"] for time in small[who])
+                         for who in small)
+    return library / baseline
 
 
-def read_figures(path):
-    with open(path, encoding="utf-8") as file:
-        for line in file:
-            name, value, rest = line[:58].rstrip(), line[58:72].strip(), line[72:].split()
-            goal = rest[-1]
-            yield {"name": name, "value": float(value), "unit": rest[0] if len(rest) > 1 else "",
-                   "goal": None if goal == "-" else float(goal)}
+def mark(value, goal):
+    return f"{goal:g}{'!' if value > goal else ''}" if goal else ""
 
 
 def print_table(rows, figures):
     print(f"{'library against':<46}{'baseline':<16}{'CPU':>6} {'spread':<13}{'wall':>5} {'spread':<13}{'goal':<6}{'CPU time':>12}")
     for row in rows:
-        spreads = [f"{row[kind]['low']:.2f}..{row[kind]['high']:.2f}" for kind in ("cpu", "wall")]
-        missed = row["goal"] and row[row["goal_kind"]]["median"] > row["goal"]
-        goal = f"{row['goal']}{'!' if missed else ''}" if row["goal"] else ""
-        print(f"{row['case']:<46}{row['baseline']:<16}{row['cpu']['median']:>6.2f} {spreads[0]:<13}"
-              f"{row['wall']['median']:>5.2f} {spreads[1]:<13}{goal:<6}{row['cpu_ns'] / 1000:>9.1f} us")
+        cpu, wall = (f"{row[kind]['median']:.2f} {row[kind]['low']:.2f}..{row[kind]['high']:.2f}" for kind in ("cpu", "wall"))
+        goal = mark(row[row["goal_kind"] or "cpu"]["median"], row["goal"])
+        print(f"{row['case']:<46}{row['baseline']:<18}{cpu:<18}{wall:<19}{goal:<6}{row['cpu_ns'] / 1000:>9.1f} us")
     print()
     for figure in figures:
-        goal = f"goal {figure['goal']:g}{'!' if figure['value'] > figure['goal'] else ''}" if figure["goal"] else ""
-        print(f"{figure['name']:<62}{figure['value']:>10.6g} {figure['unit']:<8}{goal}")
+        goal = mark(figure["value"], figure["goal"])
+        print(f"{figure['name']:<62}{figure['value']:>10.6g} {figure['unit']:<8}{goal and 'goal ' + goal}")
 
 
 def draw(rows, path):
@@ -115,11 +100,12 @@ def draw(rows, path):
 def main():
     build, picture = sys.argv[1:]
     cases = read_times(f"{build}/times.json")
-    rows = compare(cases)
-    figures = list(read_figures(f"{build}/figures.txt"))
-    for group in ("decrypt", "capture"):
+    rows = list(compare(cases))
+    with open(f"{build}/figures.json", encoding="utf-8") as file:
+        figures = [json.loads(line) for line in file]
+    for group, goal in ("decrypt", 1.25), ("capture", 0):
         figures.append({"name": f"growth of {group} from 1 to 64 MiB against the baseline's", "value": growth(cases, group),
-                        "unit": "", "goal": 1.25 if group == "decrypt" else None})
+                        "unit": "", "goal": goal})
     print_table(rows, figures)
     with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
         json.dump({"ratios": rows, "figures": figures}, file, indent=1)

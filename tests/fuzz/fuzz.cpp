@@ -2,6 +2,7 @@
 // the system's own functions.
 
 #include "fuzz.h"
+#include "allocation.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -10,6 +11,13 @@
 #include <fstream>
 
 thread_local size_t calls_left;
+
+static bool has_memory(const char *)
+{
+    return --calls_left != 0;
+}
+
+ALLOCATORS(__wrap_, __real_, has_memory)
 
 extern "C" {
 
@@ -20,16 +28,6 @@ int LLVMFuzzerTestOneInput(const char *data, size_t size)
     calls_left = 0;
     return 0;
 }
-
-#define FAILING(name, parameters, arguments)                                                                 \
-    void *__real_##name parameters;                                                                          \
-    void *__wrap_##name parameters                                                                           \
-    {                                                                                                        \
-        return --calls_left == 0 ? nullptr : __real_##name arguments;                                        \
-    }
-FAILING(malloc, (size_t size), (size))
-FAILING(calloc, (size_t count, size_t size), (count, size))
-FAILING(realloc, (void *block, size_t size), (block, size))
 
 // Every argument of the log is read as its format says.
 void syslog(int, const char *format, ...)

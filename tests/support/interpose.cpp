@@ -2,6 +2,7 @@
 
 #include "interpose.h"
 
+#include "allocation.h"
 #include "log_capture.h"
 #include "platform.h"
 
@@ -169,9 +170,7 @@ static CURL *broken(CURL *curl)
         return __real_##name arguments;                                                                      \
     }
 
-POINT(void *, nullptr, malloc, (size_t size), (size))
-POINT(void *, nullptr, calloc, (size_t count, size_t size), (count, size))
-POINT(void *, nullptr, realloc, (void *block, size_t size), (block, size))
+ALLOCATORS(__wrap_, __real_, !fails)
 POINT(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
 POINT(int, -1, socketpair, (int domain, int type, int protocol, int *pair), (domain, type, protocol, pair))
 POINT(CURL *, nullptr, curl_easy_init, (), ())

@@ -17,14 +17,6 @@ std::string pattern(size_t length)
     return text;
 }
 
-std::string identity(const std::string &name)
-{
-    static const Folder folder;
-    if (!std::filesystem::exists(folder.path("device")))
-        run("'" MAKE_IDENTITY "' " + folder.root);
-    return folder.path(name);
-}
-
 Device::Device()
 {
     std::filesystem::copy(identity("device"), folder.root);

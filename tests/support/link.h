@@ -18,7 +18,6 @@ namespace test
 {
 
 std::string pattern(size_t length);
-std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
 
 // A handle, and a copy of the identity that the platform layer reads while the object lives.
 struct Device {

@@ -3,17 +3,21 @@
 #include "log_capture.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
+#include <sys/socket.h>
+
 namespace
 {
 
 struct Kept {
+    std::atomic<bool> recording{false};
     std::mutex mutex;
-    bool recording = false;
+    int socket = -1;
     std::vector<std::string> lines;
 };
 
@@ -27,13 +31,16 @@ Kept &kept()
 
 extern "C" void syslog(int priority, const char *format, ...)
 {
-    const std::lock_guard<std::mutex> lock(kept().mutex);
     if (!kept().recording)
         return;
+    const std::lock_guard<std::mutex> lock(kept().mutex);
     va_list arguments;
     va_start(arguments, format);
     char *text = nullptr;
-    if (vasprintf(&text, format, arguments) >= 0)
+    const int length = vasprintf(&text, format, arguments);
+    if (length >= 0 && kept().socket >= 0) // too long a line is lost, as there
+        (void)!send(kept().socket, text, static_cast<size_t>(length), MSG_NOSIGNAL);
+    else if (length >= 0)
         kept().lines.push_back("<" + std::to_string(priority) + "> " + text);
     free(text);
     va_end(arguments);
@@ -44,6 +51,12 @@ void log_capture::record(bool on)
     const std::lock_guard<std::mutex> lock(kept().mutex);
     kept().lines.clear();
     kept().recording = on;
+}
+
+void log_capture::send_to(int socket)
+{
+    const std::lock_guard<std::mutex> lock(kept().mutex);
+    kept().socket = socket;
 }
 
 std::vector<std::string> log_capture::lines()

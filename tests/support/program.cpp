@@ -75,6 +75,14 @@ void run(const std::string &command)
         throw std::runtime_error("failed: " + command + "\n" + shell.err());
 }
 
+std::string identity(const std::string &name)
+{
+    static const Folder folder;
+    if (!std::filesystem::exists(folder.path("device")))
+        run("'" MAKE_IDENTITY "' " + folder.root);
+    return folder.path(name);
+}
+
 Program::Program(std::vector<std::string> command)
 {
     std::vector<char *> arguments;

@@ -22,8 +22,9 @@ struct Folder {
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);
-void run(const std::string &command); // in the shell; throws when it fails
-size_t heap_in_use();                 // bytes of this process
+void run(const std::string &command);          // in the shell; throws when it fails
+size_t heap_in_use();                          // bytes of this process
+std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
 
 // A child process with its output and no descriptor of the test's. It does not survive its object, nor the
 // test program.
