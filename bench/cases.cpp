@@ -145,7 +145,7 @@ void add_large_answers(int port, size_t mebibytes)
     const auto with = [=](void (*decrypt)(Composition &)) {
         return [=]() -> Step {
             const auto client = std::make_shared<Composition>(port);
-            client->send("#" + std::to_string(bytes));
+            client->send("bytes wanted: " + std::to_string(bytes));
             return [=] { decrypt(*client); };
         };
     };

@@ -9,6 +9,8 @@
 
 #include <httplib.h>
 
+static const std::string ORDER = "bytes wanted: "; // and how many; all other messages are echoed
+
 static atls_service::AtlsService start(const std::string &keys, int max_version)
 {
     atls_service::Options options;
@@ -16,8 +18,9 @@ static atls_service::AtlsService start(const std::string &keys, int max_version)
     options.front_key = keys + "front-key.pem";
     options.inner = {keys + "service-cert.pem", keys + "service-key.pem", keys + "device-ca.pem",
                      TLS1_2_VERSION, max_version};
-    options.answer = [](const std::string &message) { // "#" and a number asks for so many bytes
-        return message[0] == '#' ? std::string(std::stoul(message.substr(1)), 'm') : message;
+    options.answer = [](const std::string &message) {
+        return message.rfind(ORDER, 0) == 0 ? std::string(std::stoul(message.substr(ORDER.size())), 'm')
+                                            : message;
     };
     return atls_service::AtlsService(options);
 }
