@@ -3,13 +3,11 @@
 
 #include "atls_internals.h"
 #include "bus.h"
-#include "composition.h"
-#include "connection.h"
+#include "clients.h"
 #include "log_capture.h"
 #include "proxymanager.h"
 
 #include <atomic>
-#include <cstring>
 #include <functional>
 #include <iostream>
 #include <list>
@@ -20,28 +18,22 @@
 #include <benchmark/benchmark.h>
 #include <dbus/dbus.h>
 #include <sys/socket.h>
-#include <syslog.h>
 
-namespace bench
-{
-
-namespace
-{
-
-// ---- The loop
+void print_figures(const Peers &peers); // in figures.cpp
 
 using Step = std::function<void()>; // what is measured
+using Preparation = std::function<Step()>;
 
 // How a case is run.
 struct Way {
-    double seconds = 0.05; // at least
-    bool logging = false;  // whether log lines are written
-    int steps = 0;         // so many, each prepared anew; 0: one again and again
-    int threads = 0;       // over the bus, on so many
+    double seconds;       // at least
+    bool logging = false; // whether log lines are written
+    int steps = 0;        // so many, each prepared anew; 0: one again and again
+    int threads = 0;      // over the bus, on so many
 };
 
 // Adds GROUP/CASE/WHO, where WHO is "library" or what it is measured against.
-void add(const std::string &name, const std::function<Step()> &prepare, Way way = {})
+static void add(const std::string &name, Way way, const Preparation &prepare)
 {
     auto *added = benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
         std::vector<Step> steps(static_cast<size_t>(std::max(way.steps, 1)));
@@ -61,67 +53,54 @@ void add(const std::string &name, const std::function<Step()> &prepare, Way way 
         added->Threads(way.threads)->UseRealTime()->MeasureProcessCPUTime();
 }
 
-// ---- Exchanges and connections
+template <typename Work>
+static Preparation unprepared(Work work)
+{
+    return [=] { return work; };
+}
 
 template <typename Client>
-void add_exchange(const std::string &name, int port, size_t size, bool logging)
+static Preparation exchange(int port, size_t size)
 {
-    add(name,
-        [=] {
-            const auto client = std::make_shared<Client>(port);
-            const std::string message(size, 'm');
-            client->exchange(message);
-            return [=] { client->exchange(message); };
-        },
-        {0.05, logging});
+    return [=] {
+        const auto client = std::make_shared<Client>(port);
+        const std::string message(size, 'm');
+        client->exchange(message);
+        return [=] { client->exchange(message); };
+    };
 }
 
-void add_exchanges(const Peers &peers, const std::string &label, size_t size)
+static Preparation decryption(int port, size_t size, void (*decrypt)(Composition &))
 {
-    for (const bool old : {true, false}) {
-        for (const bool logging : {false, true}) {
-            const std::string name =
-                "exchange/" + label + (old ? " TLS 1.2" : " TLS 1.3") + (logging ? " log on" : " log masked");
-            const int port = old ? peers.tls12 : peers.tls13;
-            add_exchange<Connection>(name + "/library", port, size, logging);
-            add_exchange<Composition>(name + "/composition", port, size, logging);
-            if (!logging)
-                add_exchange<BarePost>(name + "/bare POST", peers.echo, size, false);
-        }
-    }
+    return [=] {
+        const auto client = std::make_shared<Composition>(port);
+        client->send("bytes wanted: " + std::to_string(size));
+        return [=] { decrypt(*client); };
+    };
 }
 
-void add_connections(const std::string &name, int port)
+static void decrypt_by_library(Composition &client)
 {
-    static const auto ready = make_context();
-    add(name + "/library", [=] { return [=] { const Connection connection(port); }; }, {0.1});
-    add(name + "/composition", [=] { return [=] { const Composition connection(port); }; }, {0.1});
-    add(name + "/ready context", [=] { return [=] { const Composition connection(port, ready.get()); }; },
-        {0.1});
-}
-
-// ---- Large answers: decrypting them, and collecting them from many small deliveries
-
-constexpr size_t DELIVERY = 1000;
-char delivery[DELIVERY];
-
-void decrypt_by_library(Composition &client)
-{
+    const Block &body = client.body;
     char *text = nullptr;
     int length = 0;
-    require(atls_decrypt_buffer(client.ssl.get(), SSL_get_rbio(client.ssl.get()), client.body.data.get(),
-                                static_cast<int>(client.body.size), &text, &length) == 0,
+    require(atls_decrypt_buffer(client.ssl.get(), SSL_get_rbio(client.ssl.get()), body.text.get(),
+                                static_cast<int>(body.size), &text, &length) == 0,
             "atls_decrypt_buffer");
     free(text);
 }
 
-void decrypt_plainly(Composition &client)
+static void decrypt_plainly(Composition &client)
 {
     client.decrypt();
     client.answer.reset();
 }
 
-void capture_by_library(size_t size)
+// Collects a body of many small deliveries.
+constexpr size_t DELIVERY = 1000;
+static char delivery[DELIVERY];
+
+static void capture_by_library(size_t size)
 {
     curl_resp body = {};
     for (size_t taken = 0; taken < size; taken += DELIVERY)
@@ -129,7 +108,7 @@ void capture_by_library(size_t size)
     cleanup_curl_resp(&body);
 }
 
-void capture_plainly(size_t size)
+static void capture_plainly(size_t size)
 {
     const Owned<char, free> block(static_cast<char *>(malloc(size + DELIVERY)));
     for (size_t taken = 0; taken < size; taken += DELIVERY) {
@@ -138,34 +117,14 @@ void capture_plainly(size_t size)
     }
 }
 
-void add_large_answers(int port, size_t mebibytes)
-{
-    const std::string size = std::to_string(mebibytes) + " MiB", pieces = size + " in pieces of 1 KB";
-    const size_t bytes = (mebibytes << 20) - 1; // the last record of an answer is not a full one
-    const auto with = [=](void (*decrypt)(Composition &)) {
-        return [=]() -> Step {
-            const auto client = std::make_shared<Composition>(port);
-            client->send("bytes wanted: " + std::to_string(bytes));
-            return [=] { decrypt(*client); };
-        };
-    };
-    const Way way{0, false, mebibytes > 4 ? 1 : 8};
-    add("decrypt/" + size + "/library", with(decrypt_by_library), way);
-    add("decrypt/" + size + "/plain loop", with(decrypt_plainly), way);
-    add("capture/" + pieces + "/library", [=] { return [=] { capture_by_library(bytes); }; }, {0.02});
-    add("capture/" + pieces + "/one block", [=] { return [=] { capture_plainly(bytes); }; }, {0.02});
-}
-
-// ---- Answers of the proxy manager: from the cache, and from the service
-
 constexpr int HOSTS = 50; // as many as the cache holds
 
-std::string url_of(int host)
+static std::string url_of(int host)
 {
     return "http://host" + std::to_string(host) + ".example/path";
 }
 
-std::string key_of(const std::string &url)
+static std::string key_of(const std::string &url)
 {
     const char *const host = strstr(url.c_str(), "://") + 3;
     const Owned<char, free> copy(strndup(host, strcspn(host, ":/"))); // getHost hands out a block of the heap
@@ -183,11 +142,11 @@ struct LeastCache {
         }
     }
 
-    ProxyUrlInformation look_up(const char *url)
+    void look_up(const std::string &url)
     {
         {
             const std::lock_guard<std::mutex> lock(config_mutex);
-            syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", "", "look_up", url, 2);
+            syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", "", "look_up", url.c_str(), 2);
         }
         const std::string key = key_of(url);
         const std::lock_guard<std::mutex> lock(cache_mutex);
@@ -196,10 +155,10 @@ struct LeastCache {
         order.splice(order.begin(), order, node->second);
         syslog(LOG_INFO, "%s%s key:%s", "", "set_head", key.c_str());
         const ProxyUrlInformation answer = values.find(key)->second;
-        syslog(LOG_NOTICE, "%s%s request url:%s, mode:%d, userName:%s", "", "look_up", url, answer.mode, "");
+        syslog(LOG_NOTICE, "%s%s request url:%s, mode:%d, userName:%s", "", "look_up", url.c_str(),
+               answer.mode, "");
         for (int i = 0; i < answer.proxyUrlCount; i++)
             syslog(LOG_NOTICE, "%s%s index:%d proxy url:%s", "", "look_up", i, answer.proxyUrlList[i]);
-        return answer;
     }
 
     std::mutex config_mutex, cache_mutex;
@@ -210,16 +169,16 @@ struct LeastCache {
     char *entries[2] = {proxy, direct};
 };
 
-// The same call with libdbus alone, on a connection that the threads share.
-void call_plainly(const std::string &url)
+static void ask_library(const std::string &url)
 {
-    static DBusConnection *const connection = [] {
-        dbus_threads_init_default();
-        DBusConnection *opened = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
-        dbus_connection_set_exit_on_disconnect(opened, FALSE);
-        return opened;
-    }();
+    get_proxy_url(url.c_str());
+}
+
+// The same call with libdbus alone, on a connection that the threads share.
+static void ask_plainly(const std::string &url)
+{
     using Message = Owned<DBusMessage, dbus_message_unref>;
+    static DBusConnection *const connection = dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr);
     const Message call(dbus_message_new_method_call(test::SERVICE_NAME, test::SERVICE_PATH,
                                                     test::SERVICE_INTERFACE, "getProxyurl"));
     const char *text = url.c_str();
@@ -233,69 +192,80 @@ void call_plainly(const std::string &url)
     dbus_free_string_array(texts);
 }
 
-void ask_library(const std::string &url)
-{
-    get_proxy_url(url.c_str());
-}
-
 template <typename LookUp>
-void add_hit(const std::string &name, bool logging, LookUp look_up)
+static Preparation hit(LookUp look_up)
 {
-    const auto prepare = [=] {
+    return [=] {
         require(create_proxy_manager_client() == 1, "no proxy manager");
         std::vector<std::string> urls;
         for (int i = 0; i < HOSTS; i++)
             ask_library(urls.emplace_back(url_of(i)));
         return [=, next = size_t{0}]() mutable { look_up(urls[next++ % HOSTS]); };
     };
-    add(name, prepare, {0.05, logging});
 }
 
-void add_miss(const std::string &name, int threads, void (*ask)(const std::string &))
+static Preparation miss(void (*ask)(const std::string &))
 {
-    const auto prepare = [=] {
+    return [=] {
+        static std::atomic<int> next{HOSTS};
         require(create_proxy_manager_client() == 1, "no proxy manager");
-        return [=] {
-            static std::atomic<int> next{HOSTS};
-            ask(url_of(next++));
-        };
+        return [=] { ask(url_of(next++)); };
     };
-    add(name, prepare, {0.1, false, 0, threads});
 }
 
-void add_proxy_answers()
+static void add_exchanges(const std::string &group, int port, int echo, size_t size)
 {
+    for (const bool logging : {false, true}) {
+        const std::string name = group + (logging ? " log on" : " log masked");
+        add(name + "/library", {0.05, logging}, exchange<Library>(port, size));
+        add(name + "/composition", {0.05, logging}, exchange<Composition>(port, size));
+        if (!logging)
+            add(name + "/bare POST", {0.05}, exchange<BarePost>(echo, size));
+    }
+}
+
+static void add_cases(const Peers &peers)
+{
+    static const auto context = Composition::make_context();
+    const std::pair<std::string, int> versions[] = {{"TLS 1.2", peers.tls12}, {"TLS 1.3", peers.tls13}};
+    for (const auto &[size, bytes] :
+         {std::pair("100 B ", 100), {"1 KB ", 1000}, {"16 KB ", 16000}, {"1 MB ", 1000000}})
+        for (const auto &[version, port] : versions)
+            add_exchanges("exchange/" + (size + version), port, peers.echo, static_cast<size_t>(bytes));
+    for (const auto &version : versions) {
+        const std::string name = "connect/" + version.first;
+        const int port = version.second;
+        add(name + "/library", {0.1}, unprepared([=] { const Library client(port); }));
+        add(name + "/composition", {0.1}, unprepared([=] { const Composition client(port); }));
+        add(name + "/ready context", {0.1},
+            unprepared([=] { const Composition client(port, context.get()); }));
+    }
+    for (const size_t mebibytes : {1, 16, 64}) {
+        const std::string size = std::to_string(mebibytes) + " MiB", pieces = size + " in pieces of 1 KB";
+        const size_t bytes = (mebibytes << 20) - 1; // the last record of an answer is not a full one
+        const Way way{0, false, mebibytes > 4 ? 1 : 8};
+        add("decrypt/" + size + "/library", way, decryption(peers.tls13, bytes, decrypt_by_library));
+        add("decrypt/" + size + "/plain loop", way, decryption(peers.tls13, bytes, decrypt_plainly));
+        add("capture/" + pieces + "/library", {0.02}, unprepared([=] { capture_by_library(bytes); }));
+        add("capture/" + pieces + "/one block", {0.02}, unprepared([=] { capture_plainly(bytes); }));
+    }
     const auto cache = std::make_shared<LeastCache>();
     for (const bool logging : {false, true}) {
         const std::string name = std::string("cache hit/log ") + (logging ? "on" : "masked");
-        add_hit(name + "/library", logging, ask_library);
-        add_hit(name + "/least design", logging, [=](const auto &url) { cache->look_up(url.c_str()); });
+        add(name + "/library", {0.05, logging}, hit(ask_library));
+        add(name + "/least design", {0.05, logging}, hit([=](const auto &url) { cache->look_up(url); }));
+        if (!logging)
+            add(name + "/bare map", {0.05},
+                hit([=](const auto &url) { benchmark::DoNotOptimize(cache->values.find(key_of(url))); }));
     }
-    add_hit("cache hit/log masked/bare map", false,
-            [=](const auto &url) { benchmark::DoNotOptimize(cache->values.find(key_of(url))); });
-    for (const int threads : {1, 4}) {
-        const std::string name =
-            "cache miss/" + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
-        add_miss(name + "/library", threads, ask_library);
-        add_miss(name + "/raw libdbus", threads, call_plainly);
+    for (const auto &[name, threads] : {std::pair("cache miss/1 thread", 1), {"cache miss/4 threads", 4}}) {
+        add(name + std::string("/library"), {0.1, false, 0, threads}, miss(ask_library));
+        add(name + std::string("/raw libdbus"), {0.1, false, 0, threads}, miss(ask_plainly));
     }
-}
-
-void add_cases(const Peers &peers)
-{
-    add_exchanges(peers, "100 B", 100);
-    add_exchanges(peers, "1 KB", 1000);
-    add_exchanges(peers, "16 KB", 16000);
-    add_exchanges(peers, "1 MB", 1000000);
-    add_connections("connect/TLS 1.2", peers.tls12);
-    add_connections("connect/TLS 1.3", peers.tls13);
-    for (const size_t mebibytes : {1, 16, 64})
-        add_large_answers(peers.tls13, mebibytes);
-    add_proxy_answers();
 }
 
 // Somebody reads the log and forgets it.
-void read_log()
+static void read_log()
 {
     int ends[2];
     require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
@@ -307,27 +277,20 @@ void read_log()
     }).detach();
 }
 
-} // namespace
-
-} // namespace bench
-
 int main(int count, char **arguments)
 {
     try {
         const test::PrivateBus bus;
-        const bench::Peers peers({"proxies"});
-        bench::require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null"); // libcurl's trace
-        if (count == 2 && strcmp(arguments[1], "figures") == 0) {
-            bench::print_figures(peers);
-            return 0;
-        }
-        bench::read_log();
-        bench::add_cases(peers);
+        const Peers peers("proxies");
+        if (count == 2 && strcmp(arguments[1], "figures") == 0)
+            return print_figures(peers), 0;
+        read_log();
+        add_cases(peers);
         benchmark::Initialize(&count, arguments);
         benchmark::RunSpecifiedBenchmarks();
+        return 0;
     } catch (const std::exception &error) {
-        std::cout << "atls-bench " << error.what() << std::endl;
+        std::cout << "atls-bench: " << error.what() << std::endl;
         return 1;
     }
-    return 0;
 }

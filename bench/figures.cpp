@@ -1,181 +1,126 @@
-// What the library takes in memory and allocations, and how it holds out in a storm of signals.
+// What the library takes in memory and allocations, and how it holds out in a storm of signals: one JSON object in each
+// line.
 
 #include "allocation.h"
 #include "bus_peer.h"
-#include "composition.h"
-#include "connection.h"
+#include "clients.h"
 #include "proxymanager.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <thread>
 
 #include <pthread.h>
 #include <sys/resource.h>
 
-namespace
-{
-
-std::atomic<size_t> allocations{0}; // with new, malloc, calloc or realloc
-
-bool count_allocation(const char *)
-{
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    return true;
-}
-
-} // namespace
-
-ALLOCATORS(, __libc_, count_allocation)
-
-namespace bench
-{
-
-namespace
-{
-
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
-constexpr int HANDLES = 20;
-constexpr int EXCHANGES = 50;
-constexpr int ECHO = 20000000;
-constexpr size_t STACK_SIZE = 128 << 10;
-constexpr unsigned char PAINT = 0xA5;
+static std::atomic<size_t> allocations{0}; // with new, malloc, calloc or realloc
+ALLOCATORS(, __libc_, ++allocations &&)
 
-// The goal must not be exceeded; 0: there is none.
-void print(const char *name, double value, const char *unit, double goal = 0)
+static size_t count_allocations()
 {
-    printf(R"({"name": "%s", "value": %.10g, "unit": "%s", "goal": %.10g})"
-           "\n",
-           name, value, unit, goal);
+    return allocations;
 }
 
-template <typename Work>
-double growth(Work work, size_t (*measure)() = test::heap_in_use)
-{
-    const size_t before = measure();
-    work();
-    return static_cast<double>(measure()) - static_cast<double>(before);
-}
-
-template <typename Work>
-double allocations_of(Work work)
-{
-    const auto repeat = [&] {
-        for (int i = 0; i < EXCHANGES; i++)
-            work();
-    };
-    return growth(repeat, [] { return allocations.load(); }) / EXCHANGES;
-}
-
-template <typename Client>
-double heap_of(int port)
-{
-    std::vector<std::unique_ptr<Client>> clients(HANDLES);
-    clients[0] = std::make_unique<Client>(port); // what is allocated once
-    clients[0].reset();
-    return growth([&] {
-               for (auto &client : clients)
-                   client = std::make_unique<Client>(port);
-           }) /
-           HANDLES;
-}
-
-void measure_exchanges(int port)
-{
-    const double heap = heap_of<Connection>(port);
-    print("heap of a connected handle", heap, "bytes");
-    print("  of it beyond libcurl and the engine", heap - heap_of<Composition>(port), "bytes");
-
-    Connection connection(port);
-    Composition composition(port);
-    const std::string message(1000, 'm');
-    connection.exchange(message);
-    composition.exchange(message);
-    const double count = allocations_of([&] { connection.exchange(message); });
-    print("allocations of an exchange of 1 KB", count, "");
-    print("  of them beyond the composition", count - allocations_of([&] { composition.exchange(message); }),
-          "");
-}
-
-size_t peak_resident()
+static size_t peak_resident()
 {
     rusage usage = {};
     getrusage(RUSAGE_SELF, &usage);
     return static_cast<size_t>(usage.ru_maxrss) * 1024;
 }
 
-void measure_large_echo(int port)
+// By how much a measure is larger after work that is done so many times, divided by that.
+template <typename Work>
+static double growth(size_t (*measure)(), int times, Work work)
 {
-    Connection connection(port);
-    connection.exchange("small");
-    connection.forget_answer();
-    const std::string message(ECHO, 'm');
-    const double kept = growth([&] {
-        std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
-        const double peak = growth([&] { connection.exchange(message); }, peak_resident);
-        connection.forget_answer();
-        print("peak of an echo of 20 MB, in times of its length", peak / ECHO, "", 2.5);
-    });
-    print("  what the idle connection keeps of it", kept, "bytes", 65536);
+    const size_t before = measure();
+    for (int i = 0; i < times; i++)
+        work(i);
+    return (static_cast<double>(measure()) - static_cast<double>(before)) / times;
 }
 
-void resolve(int host)
+// The goal must not be exceeded; 0: there is none.
+static void print(const char *name, double value, const char *unit, double goal = 0)
+{
+    printf("{\"name\": \"%s\", \"value\": %.10g, \"unit\": \"%s\", \"goal\": %g}\n", name, value, unit, goal);
+}
+
+static void resolve(int host)
 {
     get_proxy_url(("http://host" + std::to_string(host) + ".example/").c_str());
 }
 
-void measure_cache()
+template <typename Client>
+static double heap_of(int port)
 {
-    resolve(50);
-    const double heap = growth([] {
-        for (int i = 0; i < 49; i++)
-            resolve(i);
-    });
-    print("heap of a cached answer of two proxies", heap / 49, "bytes");
-    print("allocations of a cache hit", allocations_of([] { get_proxy_url("http://host7.example/"); }), "");
+    std::unique_ptr<Client> clients[20];
+    clients[0] = std::make_unique<Client>(port); // what is allocated once
+    clients[0].reset();
+    return growth(test::heap_in_use, 20, [&](int i) { clients[i] = std::make_unique<Client>(port); });
 }
 
-void *connect_and_exchange(void *port)
+template <typename Client>
+static double allocations_of(int port)
 {
-    get_proxy_url("http://stack/");
-    Connection(*static_cast<const int *>(port)).exchange(std::string(16000, 'm'));
-    return nullptr;
+    Client client(port);
+    const std::string message(1000, 'm');
+    client.exchange(message);
+    return growth(count_allocations, 50, [&](int) { client.exchange(message); });
+}
+
+static void measure_large_echo(int port)
+{
+    constexpr int LENGTH = 20000000;
+    Library client(port);
+    const std::string message(LENGTH, 'm');
+    double peak = 0;
+    client.exchange("small");
+    cleanup_atls_resp(&client.answer);
+    const double kept = growth(test::heap_in_use, 1, [&](int) {
+        std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
+        peak = growth(peak_resident, 1, [&](int) { client.exchange(message); });
+        cleanup_atls_resp(&client.answer);
+    });
+    print("peak of an echo of 20 MB, in times of its length", peak / LENGTH, "", 2.5);
+    print("  what the idle connection keeps of it", kept, "bytes", 65536);
 }
 
 // How deep a thread's stack gets that resolves a host, connects and exchanges a message.
-void measure_stack(int port)
+static void measure_stack(int port)
 {
-    alignas(4096) static unsigned char stack[STACK_SIZE];
-    memset(stack, PAINT, STACK_SIZE);
+    alignas(4096) static unsigned char stack[128 << 10];
+    constexpr unsigned char PAINT = 0xA5;
+    std::fill(std::begin(stack), std::end(stack), PAINT);
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
-    pthread_attr_setstack(&attributes, stack, STACK_SIZE);
+    pthread_attr_setstack(&attributes, stack, sizeof stack);
+    const auto work = [](void *number) -> void * {
+        get_proxy_url("http://stack/");
+        Library(*static_cast<const int *>(number)).exchange(std::string(16000, 'm'));
+        return nullptr;
+    };
     pthread_t thread;
-    require(pthread_create(&thread, &attributes, connect_and_exchange, &port) == 0, "no thread");
+    require(pthread_create(&thread, &attributes, work, &port) == 0, "no thread");
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attributes);
-    const auto *deepest = std::find_if(stack, stack + STACK_SIZE, [](auto byte) { return byte != PAINT; });
-    print("stack of a connection and an exchange", static_cast<double>(stack + STACK_SIZE - deepest), "bytes",
-          STACK_SIZE);
+    const auto *deepest = std::find_if(stack, std::end(stack), [](auto byte) { return byte != PAINT; });
+    const auto depth = static_cast<double>(std::end(stack) - deepest);
+    print("stack of a connection and an exchange", depth, "bytes", sizeof stack);
 }
 
-std::atomic<int> events{0};
+static std::atomic<int> events{0};
 
 // Resolutions while signals come as fast as they can be sent.
-void measure_storm(test::ScriptedService &service)
+static void measure_storm(test::ScriptedService &service)
 {
     std::atomic<bool> stop{false};
     std::thread storm([&] {
-        while (!stop) {
+        for (; !stop; service.emit("notifyClearcache"))
             service.emitState(3);
-            service.emit("notifyClearcache");
-        }
     });
     int resolutions = 0;
     for (const auto end = Clock::now() + 2s; Clock::now() < end; resolutions++)
@@ -187,35 +132,39 @@ void measure_storm(test::ScriptedService &service)
 }
 
 // How late a signal is while a call takes a second.
-void measure_delay(test::ScriptedService &service)
+static void measure_delay(test::ScriptedService &service)
 {
     service.sync();
     service.hold("getProxyurl");
     std::thread slow([] { get_proxy_url("http://slow/"); });
-    Clock::duration worst{};
-    for (const auto end = Clock::now() + 1s; Clock::now() < end;) {
+    std::chrono::duration<double, std::milli> worst{};
+    for (const auto end = Clock::now() + 1s; Clock::now() < end; std::this_thread::sleep_for(5ms)) {
         const int before = events;
         const auto sent = Clock::now();
         service.emitState(4);
         while (events == before && Clock::now() - sent < 1s)
             std::this_thread::sleep_for(50us);
-        worst = std::max(worst, Clock::now() - sent);
-        std::this_thread::sleep_for(5ms);
+        worst = std::max<decltype(worst)>(worst, Clock::now() - sent);
     }
     service.answerHeld("(['pacurl', 'DIRECT'],)");
     slow.join();
-    print("worst delay of a signal during a call of 1 s",
-          std::chrono::duration<double, std::milli>(worst).count(), "ms", 5);
+    print("worst delay of a signal during a call of 1 s", worst.count(), "ms", 5);
 }
-
-} // namespace
 
 void print_figures(const Peers &peers)
 {
     require(create_proxy_manager_client() == 1, "no proxy manager");
-    measure_exchanges(peers.tls13);
+    const double heap = heap_of<Library>(peers.tls13);
+    print("heap of a connected handle", heap, "bytes");
+    print("  of it beyond libcurl and the engine", heap - heap_of<Composition>(peers.tls13), "bytes");
+    const double count = allocations_of<Library>(peers.tls13);
+    print("allocations of an exchange of 1 KB", count, "");
+    print("  of them beyond the composition", count - allocations_of<Composition>(peers.tls13), "");
     measure_large_echo(peers.tls13);
-    measure_cache();
+    resolve(50);
+    print("heap of a cached answer of two proxies", growth(test::heap_in_use, 49, resolve), "bytes");
+    const auto hit = [](int) { get_proxy_url("http://host7.example/"); };
+    print("allocations of a cache hit", growth(count_allocations, 50, hit), "");
     measure_stack(peers.tls12);
     cleanup_proxy_manager_client();
 
@@ -227,5 +176,3 @@ void print_figures(const Peers &peers)
     measure_delay(service);
     cleanup_proxy_manager_client();
 }
-
-} // namespace bench

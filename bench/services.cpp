@@ -1,6 +1,6 @@
 // What is measured and soaked talks to this process: services with TLS up to 1.2 and 1.3, and an echo over HTTPS alone.
 // Prints their ports and serves until it is killed.
-// usage: bench-services FOLDER [proxies]      (the services' keys; whether to be the proxy manager, too)
+// usage: bench-services FOLDER proxies|""      (the services' keys; whether to be the proxy manager, too)
 
 #include "atls_service.h"
 #include "bus_peer.h"
@@ -16,26 +16,26 @@ static atls_service::AtlsService start(const std::string &keys, int max_version)
     atls_service::Options options;
     options.front_certificate = keys + "front-cert.pem";
     options.front_key = keys + "front-key.pem";
-    options.inner = {keys + "service-cert.pem", keys + "service-key.pem", keys + "device-ca.pem",
-                     TLS1_2_VERSION, max_version};
+    options.inner = {keys + "service-cert.pem", keys + "service-key.pem", keys + "device-ca.pem"};
+    options.inner.max_version = max_version;
     options.answer = [](const std::string &message) {
-        return message.rfind(ORDER, 0) == 0 ? std::string(std::stoul(message.substr(ORDER.size())), 'm')
-                                            : message;
+        const bool ordered = message.rfind(ORDER, 0) == 0;
+        return ordered ? std::string(std::stoul(message.substr(ORDER.size())), 'm') : message;
     };
     return atls_service::AtlsService(options);
 }
 
-int main(int count, char **arguments)
+int main(int, char **arguments)
 {
     const std::string keys = arguments[1];
-    const atls_service::AtlsService old = start(keys, TLS1_2_VERSION), current = start(keys, TLS1_3_VERSION);
+    const auto old = start(keys, TLS1_2_VERSION), current = start(keys, TLS1_3_VERSION);
     httplib::SSLServer echo((keys + "front-cert.pem").c_str(), (keys + "front-key.pem").c_str());
     echo.set_tcp_nodelay(true);
     echo.set_keep_alive_max_count(1000000000);
     echo.Post("/echo", [](const httplib::Request &request, httplib::Response &response) {
         response.set_content(request.body, "application/octet-stream");
     });
-    const auto proxies = count > 2 ? std::make_unique<test::ScriptedService>() : nullptr;
+    const auto proxies = *arguments[2] ? std::make_unique<test::ScriptedService>() : nullptr;
     if (proxies)
         proxies->script("getProxyurl", [](const std::string &url) { // none for the services
             const bool service = url.find("127.0.0.1") != std::string::npos;

@@ -191,7 +191,7 @@ private:
         manager_ = std::make_unique<Program>(
             std::vector<std::string>{PROXYMANAGERD, "--pac", folder_.path("pac0"), "--wpad-script",
                                      folder_.path("pac1"), "--state-file", folder_.path("state")});
-        bench::require(manager_->wait_for_error("serving as"), "proxy manager " + manager_->err());
+        require(manager_->wait_for_error("serving as"), "proxy manager " + manager_->err());
     }
     // Changes the configuration, from here or from another process. The client must know of it afterwards.
     void configure(unsigned number)
@@ -291,7 +291,7 @@ private:
     }
 
     Folder folder_;
-    bench::Peers peers_;
+    Peers peers_;
     PrivateBus bus_;
     Proxy a_{"LogLevel Critical\n"}, b_{"LogLevel Critical\n"};
     std::unique_ptr<Program> manager_;
@@ -316,7 +316,7 @@ int main(int argc, char **argv)
             throw cli::UsageError("usage: soak MINUTES, 0.1 or more");
         setlogmask(LOG_UPTO(LOG_ERR));
         Soak soak;
-        bench::require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null"); // libcurl's trace
+
         const bool good = soak.run(std::chrono::seconds(std::lround(minutes * 60)));
         std::cout << (good ? "good" : "NOT GOOD") << std::endl;
         return good ? 0 : 1;
