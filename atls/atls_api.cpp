@@ -346,8 +346,10 @@ int decrypt_body(Post &post)
     const atls_handle *handle = post.handle;
     curl_resp plain = {};
     int length = 0;
-    const int result = decrypt(handle->ssl, post.read_bio, post.body.data, static_cast<int>(post.body.size),
-                               &post.body, &plain.data, &length);
+    const auto received =
+        static_cast<int>(std::min(post.body.size, size_t{INT_MAX})); // more is cut, and fails
+    const int result =
+        decrypt(handle->ssl, post.read_bio, post.body.data, received, &post.body, &plain.data, &length);
     if (result != ATLS_OK) {
         syslog(LOG_ERR, "%s: ATLS Decrypted Failed", EXCHANGE);
         return result;
