@@ -677,10 +677,10 @@ size_t room_for(size_t size)
     return room;
 }
 
-// libsafec refuses more than it was built for, and does not say how much that is.
+// libsafec is given no more than it was built for, by its header; a library that takes less says so when it is called.
 bool copy_bytes(char *to, const char *from, size_t count)
 {
-    const errno_t error = memcpy_s(to, count, from, count);
+    const errno_t error = count > RSIZE_MAX_MEM ? ESLEMAX : memcpy_s(to, count, from, count);
     if (error != ESLEMAX || count < 2)
         return error == 0;
     const size_t half = count / 2;

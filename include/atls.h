@@ -187,8 +187,8 @@ int atls_connect(atls_handle **handle, const char *hostname, const char *ip, int
  *
  * @param handle   a connected handle
  * @param msg      the message; it is not kept, and must not lie in an answer that resp still holds
- * @param msg_len  its length, at least 1; OpenSSL's memory BIOs hold about 1.6 GB of records: a longer message
- *                 fails with ATLS_EXCHANGE_FAILED, a longer answer with ATLS_BAD_RESPONSE
+ * @param msg_len  its length, at least 1; OpenSSL's memory BIOs hold about 1.6 GB of records for certain: a longer
+ *                 message may fail with ATLS_EXCHANGE_FAILED, a longer answer with ATLS_BAD_RESPONSE
  * @param service  path of the service for this message, beginning with "/"
  * @param resp     zeroed, or holding an earlier answer, which is released once the arguments have been
  *                 checked; the caller owns the new answer and releases it with cleanup_atls_resp
