@@ -79,13 +79,21 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
     calls_.push_back(&call);
     const auto deadline = std::chrono::steady_clock::now() + DEFAULT_TIMEOUT;
     lock.unlock(); // the thread needs it as soon as it is awake
-    if (!thread_.wake() || state == State::Retired || state == State::Lost)
-        failAll();
+    thread_.wake();
+    failUnserved();
     lock.lock();
     call.changed.wait_until(lock, deadline, [&] { return call.ended; });
     if (!call.ended)
         end(std::find(calls_.begin(), calls_.end(), &call), DBUS_ERROR_NO_REPLY);
     return true;
+}
+
+// A thread that is lost later does so itself.
+void CallQueue::failUnserved()
+{
+    const State state = thread_.state();
+    if (state == State::Retired || state == State::Lost)
+        failAll();
 }
 
 void CallQueue::failAll()

@@ -23,6 +23,8 @@ public:
     DBus::Message call(DBus::Connection &connection, DBus::CallMessage &message, int timeout);
     // Fails the calls that wait.
     void failAll();
+    // The same, if no thread will ever come to them.
+    void failUnserved();
 
     // ---- While no thread serves
 

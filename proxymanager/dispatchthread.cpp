@@ -62,12 +62,10 @@ void DispatchThread::replace(std::initializer_list<State> former, State next)
 // faults is to see it.
 bool DispatchThread::start(void *(*function)(void *))
 {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        if (state_ == State::Retired || !openLocked())
-            return false;
-        replace({State::None}, State::Starting);
-    }
+    const std::lock_guard<std::mutex> lock(mutex_); // the thread waits for it before it enters
+    if (state_ == State::Retired || !openLocked())
+        return false;
+    replace({State::None}, State::Starting);
     sigset_t asynchronous;
     sigset_t former;
     sigfillset(&asynchronous);
@@ -81,7 +79,6 @@ bool DispatchThread::start(void *(*function)(void *))
         thread_ = thread;
         return true;
     }
-    const std::lock_guard<std::mutex> lock(mutex_);
     if (loop_.load() == std::thread::id())
         closeLocked();
     replace({State::Starting}, State::None);
@@ -99,8 +96,8 @@ bool DispatchThread::join()
     if (state_ == State::Lost && !waitUntilLeft())
         return false;
     const bool joined = pthread_join(*thread_, nullptr) == 0;
-    thread_.reset();
     std::unique_lock<std::mutex> lock(mutex_);
+    thread_.reset();
     left_.wait(lock, [this] { return loop_.load() == std::thread::id(); }); // when it is the program's own
     replace({State::Stopping, State::Lost}, State::None);
     return joined;
@@ -134,10 +131,10 @@ bool DispatchThread::enter()
     const std::lock_guard<std::mutex> lock(mutex_);
     if (loop_.load() != std::thread::id() || state_ == State::Retired)
         return false;
-    if (!openLocked()) { // the program has closed what there was
-        replace({State::Starting}, State::Lost);
+    if (thread_ && !reader_.isOurs()) // the program has closed what start() has opened
+        replace({State::Starting, State::Stopping}, State::Lost);
+    if ((thread_ && state_ == State::Lost) || !openLocked())
         return false;
-    }
     loop_ = std::this_thread::get_id();
     replace({State::None, State::Starting, State::Lost}, State::Running);
     return true;
@@ -154,15 +151,14 @@ void DispatchThread::leave()
 
 // ---- Wake-ups
 
-bool DispatchThread::wake()
+void DispatchThread::wake()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (reader_.number() < 0) // there is nobody
+        return;
     const char wakeUp = 0;
-    if (reader_.number() < 0 || // there is nobody
-        (writer_.isOurs() && (send(writer_.number(), &wakeUp, 1, MSG_NOSIGNAL) == 1 || errno == EAGAIN)))
-        return true;
-    replace({State::Starting, State::Running, State::Stopping}, State::Lost);
-    return false;
+    if (!writer_.isOurs() || (send(writer_.number(), &wakeUp, 1, MSG_NOSIGNAL) != 1 && errno != EAGAIN))
+        replace({State::Starting, State::Running, State::Stopping}, State::Lost);
 }
 
 bool DispatchThread::isReachable()

@@ -52,8 +52,8 @@ public:
     bool isCurrent() const { return loop_ == std::this_thread::get_id(); }
     // Whether a thread is in the loop, or will be.
     bool isBusy() const { return state_ == State::Starting || loop_.load() != std::thread::id(); }
-    // Makes the poll return, now or as soon as it begins. False when the thread cannot be reached any more.
-    bool wake();
+    // Makes the poll return, now or as soon as it begins. A thread that cannot be reached any more is lost.
+    void wake();
     // Asks the thread to end, also when it has not begun yet.
     void stop();
     // From here on no thread serves.
@@ -74,7 +74,7 @@ public:
 
     // ---- For the thread
 
-    // False when another is there already, or there are no sockets to wake it.
+    // False when another is there already, or nothing can wake it: a thread that was started is lost then.
     bool enter();
     void leave();
     // Whether it can be woken: to be asked before each poll.
@@ -92,9 +92,9 @@ private:
 
     std::atomic<State> state_{State::None};
     std::atomic<std::thread::id> loop_{}; // who is in the loop
-    std::optional<pthread_t> thread_;     // what start() has started
 
-    std::mutex mutex_; // guards the sockets, and changes of loop_; taken last
+    std::mutex mutex_;                // guards the rest, and changes of loop_; taken last
+    std::optional<pthread_t> thread_; // what start() has started
     std::condition_variable left_;
     OwnDescriptor reader_;
     OwnDescriptor writer_;

@@ -65,8 +65,7 @@ void PollLoop::abandonConnections()
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
     calls_.abandon();
-    for (auto &watch : watches_)
-        watch->isEnabled = false;
+    abandoned_.splice(abandoned_.end(), watches_);
 }
 
 bool PollLoop::hasLostSocket()
@@ -78,8 +77,10 @@ bool PollLoop::hasLostSocket()
 
 void PollLoop::enter()
 {
-    if (!thread_.enter())
+    if (!thread_.enter()) {
+        calls_.failUnserved();
         return;
+    }
     struct AtEnd { // also when there is no memory to go on
         PollLoop &loop;
         ~AtEnd()

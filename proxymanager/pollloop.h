@@ -79,9 +79,10 @@ private:
     CallQueue calls_{thread_};
 
     std::mutex
-        watchMutex_; // guards the next two; taken inside libdbus's locks: nothing of libdbus is called under it
+        watchMutex_; // guards the next three; taken inside libdbus's locks: nothing of libdbus is called under it
     Watches watches_;
-    Watches spare_; // libdbus asks for watches with its locks held, where nothing may be thrown
+    Watches abandoned_; // libdbus, or a thread that is stuck, may still look at them
+    Watches spare_;     // libdbus asks for watches with its locks held, where nothing may be thrown
 
     std::vector<pollfd> polled_; // of the thread alone; the watches of the first entries are in ready_
     std::vector<SocketWatch *> ready_;

@@ -150,11 +150,20 @@ const struct AtExit {
 
 // ---- Connection
 
+// Leaves behind what may be in use, or would use a number that may be one of the program's by now.
+void abandonConnection()
+{
+    dbus_dispatcher->abandonConnections();
+    dbus_conn = nullptr;
+}
+
 void dropConnection()
 {
-    if (dbus_conn)
-        closeSystemBus(*dbus_dispatcher,
-                       std::unique_ptr<DBus::Connection>(std::exchange(dbus_conn, nullptr)));
+    if (!dbus_conn)
+        return;
+    if (dbus_dispatcher->hasLostSocket())
+        return abandonConnection();
+    closeSystemBus(*dbus_dispatcher, std::unique_ptr<DBus::Connection>(std::exchange(dbus_conn, nullptr)));
 }
 
 // Takes a kept connection up again: what came for an earlier client is not for the next one.
@@ -162,9 +171,11 @@ bool reuseConnection()
 {
     if (!dbus_conn)
         return false;
-    dbus_dispatcher->dispatchArrived();
-    if (dbus_conn->connected())
-        return true;
+    if (!dbus_dispatcher->hasLostSocket()) {
+        dbus_dispatcher->dispatchArrived();
+        if (dbus_conn->connected())
+            return true;
+    }
     dropConnection();
     return false;
 }
@@ -180,15 +191,12 @@ int deleteClient()
         return 0;
     }
     readyClient = nullptr;
-    // What the thread may be in stays; so does what would use a number that may be one of the program's by now.
+    ProxyManagerClientImpl *const client = std::exchange(pProxyMgrClient, nullptr);
     if (!stopped || dbus_dispatcher->hasLostSocket()) {
-        dbus_dispatcher->abandonConnections();
-        pProxyMgrClient = nullptr;
-        dbus_conn = nullptr;
+        abandonConnection();
         return 1;
     }
-    delete pProxyMgrClient;
-    pProxyMgrClient = nullptr;
+    delete client;
     if (dbus_conn)
         dbus_dispatcher->dispatchArrived(); // signals for the client that is gone
     return 1;
@@ -236,12 +244,12 @@ int createOnSystemBus()
             startThread();
             return 1;
         }
-        const bool lost = !dbus_conn->connected();
+        if (creation == Creation::Unanswered)
+            return 0;
         // A constructor that has thrown leaves a filter with a dangling pointer on the connection.
-        if (creation == Creation::Unconstructed)
-            dropConnection();
-        // A kept connection that is found closed is replaced once.
-        if (!kept || !lost || creation != Creation::Unconstructed)
+        const bool wasClosed = !dbus_conn->connected();
+        dropConnection();
+        if (!kept || !wasClosed) // a kept connection that is found closed is replaced once
             return 0;
     }
 }
