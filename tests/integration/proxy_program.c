@@ -144,18 +144,33 @@ static void end_slowly(void)
 }
 
 /* The program closes all that it does not know, and opens files under the same numbers. */
-static void run_closing(void)
+static void replace_files(void)
 {
-    int files[MOST_FILES] = {0};
     for (int number = 3; number < MOST_FILES; number++)
         close(number);
-    for (int i = 0; i < 10; i++)
-        files[memfd_create("", 0)] = 1;
-    assert(!check_service_started() && get_proxy_url("http://b/").mode == 0 &&
-           cleanup_proxy_manager_client());
-    for (int number = 0; number < MOST_FILES; number++)
-        assert(!files[number] || lseek(number, 0, SEEK_END) == 0);
-    assert(open_files() == 3 + 10 && create_proxy_manager_client() == 1 && check_service_started());
+    for (int number = 3; number < 13; number++)
+        assert(memfd_create("", 0) == number);
+}
+
+static int files_are_intact(void)
+{
+    int intact = open_files() == 13;
+    for (int number = 3; number < 13; number++)
+        intact = intact && lseek(number, 0, SEEK_END) == 0;
+    return intact;
+}
+
+/* Each time another thread, which may not have begun yet, and once more a client that nobody disturbs. */
+static void run_closing(void)
+{
+    for (int i = 0; i < 40; i++) {
+        replace_files();
+        assert(i % 2 == 0 || (!check_service_started() && get_proxy_url("http://b/").mode == 0));
+        assert(cleanup_proxy_manager_client() == 1 && files_are_intact());
+        assert(create_proxy_manager_client() == 1 && check_service_started());
+        assert(cleanup_proxy_manager_client() == 1 && files_are_intact());
+        assert(create_proxy_manager_client() == 1);
+    }
 }
 
 /* There is no service before the program has become a daemon. */
@@ -165,10 +180,10 @@ static void run_daemon(void)
     const pid_t child = fork();
     puts("no service");
     fflush(stdout);
-    const int files = child == 0 ? open_files() : 3;
+    replace_files();
     for (int i = 0; create_proxy_manager_client() == 0; i++)
         assert(i < 200 && usleep(100000) == 0);
-    assert(cleanup_proxy_manager_client() == 1 && open_files() == files);
+    assert(cleanup_proxy_manager_client() == 1 && files_are_intact());
     if (child != 0)
         wait_for_child(child);
 }
