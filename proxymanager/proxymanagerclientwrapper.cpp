@@ -36,9 +36,8 @@ std::atomic<ProxyManagerClientImpl *> readyClient{nullptr};
 
 // ---- Forked children
 
-// What a child would inherit. While it changes it counts as a client: no thread that changes it is in the child.
-enum class Heritage { Nothing, Connection, Client };
-std::atomic<Heritage> heritage{Heritage::Nothing};
+// Whether a child would inherit a client. Also while one is made or released: no thread that does so is in the child.
+std::atomic<bool> hasClient{false};
 bool isInherited = false; // the client is the parent's
 
 // After a fork the child shares the parent's sockets, and finds locks as threads that it does not have left them.
@@ -49,7 +48,7 @@ void followIntoChild()
     if (dbus_dispatcher.isMade())
         dbus_dispatcher->leaveToParent();
     dbus_conn = nullptr;
-    isInherited = isInherited || heritage == Heritage::Client;
+    isInherited = isInherited || hasClient;
 }
 
 const bool followsForks = pthread_atfork(nullptr, nullptr, followIntoChild) == 0;
@@ -275,17 +274,15 @@ int change(const char *caller, bool creates, Action action)
             ~AtEnd()
             {
                 readyClient = pProxyMgrClient;
-                heritage = pProxyMgrClient ? Heritage::Client
-                           : dbus_conn     ? Heritage::Connection
-                                           : Heritage::Nothing;
+                hasClient = pProxyMgrClient != nullptr;
             }
         } const atEnd;
         if (creates && !(dbus_dispatcher.make() && followsForks)) {
             syslog(LOG_ERR, CREATE_ERROR, "", CREATE, "no descriptor or no memory for the dispatcher");
             return 0;
         }
-        if (creates || heritage != Heritage::Nothing)
-            heritage = Heritage::Client;
+        if (creates || dbus_conn)
+            hasClient = true;
         return action();
     });
 }
