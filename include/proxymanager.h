@@ -41,7 +41,8 @@
  * its own from the first line that it writes. A program that
  * closes those of a running client, as closefrom(3) does, loses the client as it loses a bus: calls fail, cleaning
  * up touches none of the numbers and leaves the memory of the connection behind, and the client can be created
- * again, unless the dispatch thread is stuck in its poll. Only close the descriptors before the first create.
+ * again, unless the dispatch thread is stuck in its poll. The connection that a failed create has kept may be closed
+ * likewise. While a call is under way close nothing: libdbus goes on using the number of its socket.
  *
  * fork: the client belongs to the process that created it. In a child process every function gives its
  * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with

@@ -10,6 +10,11 @@
 
 #include <dbus/dbus.h>
 
+struct CallFailure {
+    const char *name;
+    const char *text;
+};
+
 namespace
 {
 
@@ -18,14 +23,13 @@ using State = DispatchThread::State;
 // D-Bus leaves the default time-out of a call to the library; this is that of libdbus.
 constexpr std::chrono::milliseconds DEFAULT_TIMEOUT(25000);
 
-// Errors of our own, by name.
-constexpr std::pair<const char *, const char *> ERROR_TEXTS[] = {
-    {DBUS_ERROR_DISCONNECTED, "Connection is closed"},
-    {DBUS_ERROR_NO_MEMORY, "No memory for the call or its reply"},
-    {DBUS_ERROR_NO_REPLY,
-     "Did not receive a reply. Possible causes include: the remote application did not send a reply, the "
-     "message bus "
-     "security policy blocked the reply, the reply timeout expired, or the network connection was broken."}};
+constexpr CallFailure DISCONNECTED = {DBUS_ERROR_DISCONNECTED, "Connection is closed"};
+constexpr CallFailure NO_MEMORY = {DBUS_ERROR_NO_MEMORY, "No memory for the call or its reply"};
+constexpr CallFailure NO_REPLY = {DBUS_ERROR_NO_REPLY,
+                                  "Did not receive a reply. Possible causes include: the remote application "
+                                  "did not send a reply, the message "
+                                  "bus security policy blocked the reply, the reply timeout expired, or the "
+                                  "network connection was broken."};
 
 } // namespace
 
@@ -60,10 +64,8 @@ DBus::Message CallQueue::call(DBus::Connection &connection, DBus::CallMessage &m
         thread_.wake(); // libdbus may have read signals along with the reply
         return reply;
     }
-    for (const auto &[name, text] : ERROR_TEXTS) {
-        if (call.error && call.error == std::string_view(name))
-            throw DBus::Error(name, text);
-    }
+    if (call.failure)
+        throw DBus::Error(call.failure->name, call.failure->text);
     if (call.reply.front().is_error())
         throw DBus::Error(call.reply.front());
     return call.reply.front();
@@ -84,7 +86,7 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
     lock.lock();
     call.changed.wait_until(lock, deadline, [&] { return call.ended; });
     if (!call.ended)
-        end(std::find(calls_.begin(), calls_.end(), &call), DBUS_ERROR_NO_REPLY);
+        end(std::find(calls_.begin(), calls_.end(), &call), &NO_REPLY);
     return true;
 }
 
@@ -100,13 +102,14 @@ void CallQueue::failAll()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
     for (auto each = calls_.begin(); each != calls_.end();)
-        each = end(each, DBUS_ERROR_DISCONNECTED);
+        each = end(each, &DISCONNECTED);
 }
 
 // The caller finds its call ended as soon as it has the lock.
-std::list<CallQueue::Call *>::iterator CallQueue::end(std::list<Call *>::iterator call, const char *error)
+std::list<CallQueue::Call *>::iterator CallQueue::end(std::list<Call *>::iterator call,
+                                                      const CallFailure *failure)
 {
-    (*call)->error = error;
+    (*call)->failure = failure;
     (*call)->ended = true;
     (*call)->changed.notify_all();
     return calls_.erase(call);
@@ -123,7 +126,7 @@ void CallQueue::sendQueued()
     for (auto each = calls_.begin(); each != calls_.end();) {
         Call *const call = *each;
         const bool sent = call->serial != 0 || connection_->send(*call->message, &call->serial);
-        each = sent ? std::next(each) : end(each, DBUS_ERROR_NO_MEMORY);
+        each = sent ? std::next(each) : end(each, &NO_MEMORY);
     }
 }
 
@@ -145,7 +148,7 @@ bool CallQueue::receive(const DBus::Message &message)
     try {
         arrived_.push_back(message);
     } catch (const std::bad_alloc &) { // libdbus calls this: nothing may leave
-        end(sent, DBUS_ERROR_NO_MEMORY);
+        end(sent, &NO_MEMORY);
     }
     return true;
 }

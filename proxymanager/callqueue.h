@@ -9,6 +9,7 @@
 #include <dbus-c++/dbus.h>
 
 class DispatchThread;
+struct CallFailure;
 
 class CallQueue
 {
@@ -47,7 +48,7 @@ private:
         DBus::CallMessage *message;
         unsigned int serial = 0; // 0 until it is sent
         bool ended = false;
-        const char *error = nullptr; // when there is no reply
+        const CallFailure *failure = nullptr; // when there is no reply
         std::list<DBus::Message> reply;
         std::condition_variable changed;
     };
@@ -55,7 +56,7 @@ private:
     bool awaitReply(DBus::Connection &connection, Call &call);
     bool receive(const DBus::Message &message);
     std::list<Call *>::iterator findSent(const DBus::Message &reply);
-    std::list<Call *>::iterator end(std::list<Call *>::iterator call, const char *error);
+    std::list<Call *>::iterator end(std::list<Call *>::iterator call, const CallFailure *failure);
 
     DispatchThread &thread_;
     std::mutex mutex_; // guards the next two

@@ -91,7 +91,8 @@ std::unique_ptr<DBus::Connection> openSystemBus(PollLoop &loop)
 
 void closeSystemBus(PollLoop &loop, std::unique_ptr<DBus::Connection> connection)
 {
+    DBusConnection *const ofLibdbus = std::exchange(proven, nullptr);
     disconnect(loop, *connection);
-    if (proven && !hasCopies(*connection))
-        deleteWithForgottenReference(std::move(connection), std::exchange(proven, nullptr));
+    if (ofLibdbus && !hasCopies(*connection))
+        deleteWithForgottenReference(std::move(connection), ofLibdbus);
 }
