@@ -99,6 +99,7 @@ TEST_P(Connection, TakesOddResponses)
         {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
         {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 3, 4, false, 1},
         {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
+        {"no cookie", header("Set-Cookie", "X", "1"), ANY, 0, true, 0},
         {"lower case", header("Content-Type", "content-type", "application/octet-stream"), ANY, 0, false, 4},
         {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
         {"header above 32 KB", huge_header, ANY, 0, true, 0},
@@ -187,6 +188,9 @@ TEST_P(Connection, EndsWhenACertificateIsRefused)
     EXPECT_TRUE(log_capture::contains("<3> atls_handshake: TLS handshake failed ["));
     EXPECT_EQ(atls_connect(&link_.handle, "127.0.0.1", nullptr, 1, "/", nullptr), ATLS_HANDSHAKE_FAILED);
     EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), 0) << "it is not TLS that refuses";
+    test::write_file(link_.folder.path("device-key.der"), "no key");
+    EXPECT_EQ(link_.connect(), ATLS_SETUP_FAILED);
+    EXPECT_EQ(ERR_peek_error(), 0u) << "why is in the log";
 }
 
 TEST(Arguments, AreChecked)

@@ -16,6 +16,7 @@
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -365,9 +366,10 @@ TEST(Identity, LeavesNoKeyInMemory)
     ASSERT_EQ(pipe(ready), 0);
     const pid_t user = fork(); // of a process that has not read the key
     if (user == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // also when the test ends early
         const std::string key = " -in " + test::identity("ca/unit-key.pem") + " -outform DER -out " +
                                 device.folder.path("device-key.der");
-        for (const char *encode : {"openssl pkcs8 -topk8 -nocrypt", "openssl pkey -traditional"}) {
+        for (const char *encode : {"openssl pkey -traditional", "openssl pkcs8 -topk8 -nocrypt"}) {
             test::run(encode + key);
             const int result = init_al_ssl(&device.handle);
             atls_handle_cleanup(&device.handle);
