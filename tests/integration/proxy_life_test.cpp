@@ -68,12 +68,14 @@ TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
     const std::string name = dbus_conn->unique_name();
     EXPECT_EQ(cleanup_without_conn(), 1);
     service->emit("ProxyMgrStateEvent", "(1,)", name); // for nobody
-    service->sync();                                   // the bus has passed it on by now
+    service->emit("notifyProxyConfigupdated", "('off', '', '', '')", name);
+    service->sync(); // the bus has passed it on by now
     ASSERT_EQ(create_proxy_manager_client(), 1);
     EXPECT_EQ(dbus_conn->unique_name(), name);
     set_proxy_manager_event_cb(0, Events::callback);
     service->emitState(2);
     EXPECT_EQ(Events::take(1), std::vector<int>{2});
+    EXPECT_EQ(configText().substr(0, 1), "2") << "of the service, not of the former client";
 
     // A failed create keeps the connection as well; one that is dead by then is replaced.
     EXPECT_EQ(cleanup_without_conn(), 1);
