@@ -3,23 +3,21 @@
 
 #include "atls_internals.h"
 #include "bus.h"
+#include "cli.h"
 #include "clients.h"
 #include "log_capture.h"
 #include "proxymanager.h"
 
 #include <atomic>
 #include <functional>
-#include <iostream>
 #include <list>
 #include <map>
 #include <mutex>
-#include <thread>
 
 #include <benchmark/benchmark.h>
 #include <dbus/dbus.h>
-#include <sys/socket.h>
 
-void print_figures(const Peers &peers); // in figures.cpp
+int print_figures(const Peers &peers); // in figures.cpp
 
 using Step = std::function<void()>; // what is measured
 using Preparation = std::function<Step()>;
@@ -36,16 +34,12 @@ struct Way {
 static void add(const std::string &name, Way way, const Preparation &prepare)
 {
     auto *added = benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
+        static FILE *const reader = popen("cat >/dev/null", "we"); // of the log NOLINT(cert-env33-c)
         std::vector<Step> steps(static_cast<size_t>(std::max(way.steps, 1)));
         std::generate(steps.begin(), steps.end(), prepare);
-        log_capture::record(way.logging);
-        auto step = steps.begin();
-        for (auto each : state) {
-            (void)each;
+        log_capture::record(way.logging, fileno(reader));
+        for (auto step = steps.begin(); state.KeepRunning(); step += way.steps > 0)
             (*step)();
-            if (++step == steps.end())
-                step = steps.begin();
-        }
         log_capture::record(false);
     });
     way.steps ? added->Iterations(way.steps) : added->MinTime(way.seconds);
@@ -88,12 +82,6 @@ static void decrypt_by_library(Composition &client)
                                 static_cast<int>(body.size), &text, &length) == 0,
             "atls_decrypt_buffer");
     free(text);
-}
-
-static void decrypt_plainly(Composition &client)
-{
-    client.decrypt();
-    client.answer.reset();
 }
 
 // Collects a body of many small deliveries.
@@ -192,24 +180,15 @@ static void ask_plainly(const std::string &url)
     dbus_free_string_array(texts);
 }
 
+// Looks up what the cache holds.
 template <typename LookUp>
 static Preparation hit(LookUp look_up)
 {
     return [=] {
-        require(create_proxy_manager_client() == 1, "no proxy manager");
         std::vector<std::string> urls;
         for (int i = 0; i < HOSTS; i++)
             ask_library(urls.emplace_back(url_of(i)));
         return [=, next = size_t{0}]() mutable { look_up(urls[next++ % HOSTS]); };
-    };
-}
-
-static Preparation miss(void (*ask)(const std::string &))
-{
-    return [=] {
-        static std::atomic<int> next{HOSTS};
-        require(create_proxy_manager_client() == 1, "no proxy manager");
-        return [=] { ask(url_of(next++)); };
     };
 }
 
@@ -245,7 +224,9 @@ static void add_cases(const Peers &peers)
         const size_t bytes = (mebibytes << 20) - 1; // the last record of an answer is not a full one
         const Way way{0, false, mebibytes > 4 ? 1 : 8};
         add("decrypt/" + size + "/library", way, decryption(peers.tls13, bytes, decrypt_by_library));
-        add("decrypt/" + size + "/plain loop", way, decryption(peers.tls13, bytes, decrypt_plainly));
+        add("decrypt/" + size + "/plain loop", way, decryption(peers.tls13, bytes, [](Composition &client) {
+                client.decrypt(), client.answer.reset();
+            }));
         add("capture/" + pieces + "/library", {0.02}, unprepared([=] { capture_by_library(bytes); }));
         add("capture/" + pieces + "/one block", {0.02}, unprepared([=] { capture_plainly(bytes); }));
     }
@@ -258,39 +239,26 @@ static void add_cases(const Peers &peers)
             add(name + "/bare map", {0.05},
                 hit([=](const auto &url) { benchmark::DoNotOptimize(cache->values.find(key_of(url))); }));
     }
-    for (const auto &[name, threads] : {std::pair("cache miss/1 thread", 1), {"cache miss/4 threads", 4}}) {
-        add(name + std::string("/library"), {0.1, false, 0, threads}, miss(ask_library));
-        add(name + std::string("/raw libdbus"), {0.1, false, 0, threads}, miss(ask_plainly));
+    static std::atomic<int> next{HOSTS};
+    for (const int threads : {1, 4}) {
+        const std::string name = threads == 1 ? "cache miss/1 thread" : "cache miss/4 threads";
+        const Way way{0.1, false, 0, threads};
+        add(name + "/library", way, unprepared([] { ask_library(url_of(next++)); }));
+        add(name + "/raw libdbus", way, unprepared([] { ask_plainly(url_of(next++)); }));
     }
-}
-
-// Somebody reads the log and forgets it.
-static void read_log()
-{
-    int ends[2];
-    require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
-    log_capture::send_to(ends[1]);
-    std::thread([reader = ends[0]] {
-        static char line[1 << 20];
-        while (recv(reader, line, sizeof line, 0) > 0) {
-        }
-    }).detach();
 }
 
 int main(int count, char **arguments)
 {
-    try {
+    return cli::guarded("atls-bench", [&] {
         const test::PrivateBus bus;
         const Peers peers("proxies");
-        if (count == 2 && strcmp(arguments[1], "figures") == 0)
-            return print_figures(peers), 0;
-        read_log();
+        require(create_proxy_manager_client() == 1, "no proxy manager");
+        if (count == 2 && arguments[1] == std::string("figures"))
+            return print_figures(peers);
         add_cases(peers);
         benchmark::Initialize(&count, arguments);
         benchmark::RunSpecifiedBenchmarks();
         return 0;
-    } catch (const std::exception &error) {
-        std::cout << "atls-bench: " << error.what() << std::endl;
-        return 1;
-    }
+    });
 }

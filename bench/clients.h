@@ -28,11 +28,7 @@ struct Library {
     {
         require(atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", nullptr) == 0, "atls_connect");
     }
-    ~Library()
-    {
-        cleanup_atls_resp(&answer);
-        free_atls_handle(handle);
-    }
+    ~Library() { cleanup_atls_resp(&answer), free_atls_handle(handle); }
     Library(const Library &) = delete;
     Library &operator=(const Library &) = delete;
 
@@ -49,15 +45,13 @@ struct Library {
 
 // A response part, or the plain text of an answer.
 struct Block {
-    static size_t append(char *bytes, size_t size, size_t count, void *data)
+    static size_t append(const char *bytes, size_t size, size_t count, Block *block)
     {
-        auto &block = *static_cast<Block *>(data);
-        const size_t length = size * count;
-        block.text.reset(static_cast<char *>(realloc(block.text.release(), block.size + length + 1)));
-        memcpy(block.text.get() + block.size, bytes, length);
-        block.size += length;
-        block.text.get()[block.size] = '\0';
-        return length;
+        char *larger = static_cast<char *>(realloc(block->text.release(), block->size + size * count + 1));
+        memcpy(larger + block->size, bytes, size * count);
+        larger[block->size += size * count] = '\0';
+        block->text.reset(larger);
+        return size * count;
     }
     void reset(char *other = nullptr) { text.reset(other), size = 0; }
     void log(const char *what) const

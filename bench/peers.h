@@ -4,7 +4,7 @@
 
 #include "program.h"
 
-#include <cstdlib>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -15,7 +15,7 @@ inline void require(bool rule, const std::string &what)
 }
 
 struct Peers {
-    // The option is one of bench-services. Standard error goes to /dev/null afterwards, for libcurl's trace.
+    // The option is one of bench-services. The standard error, where libcurl's trace goes, becomes /dev/null.
     explicit Peers(const std::string &option = "") : services({SERVICES, test::identity("service/"), option})
     {
         setenv("ATLS_PLATFORM_DIR", test::identity("device").c_str(), 1);
@@ -25,6 +25,7 @@ struct Peers {
         require(services.wait_for("\n"), "services " + services.err());
         std::istringstream(services.out()) >> tls12 >> tls13 >> echo;
         require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
+        std::cerr.rdbuf(std::cout.rdbuf()); // errors are told there
     }
 
     test::Program services;

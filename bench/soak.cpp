@@ -11,7 +11,6 @@
 #include "proxy.h"
 #include "proxymanager.h"
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -28,37 +27,36 @@
 #include <malloc.h>
 #include <sysexits.h>
 
-namespace
-{
-
 using namespace test;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-using Random = std::mt19937;
 using Codes = std::set<int>;
 using Operation = std::function<int()>;
 
 constexpr unsigned HOSTS = 80; // more than the client's cache holds
 constexpr double LONGEST_MESSAGE = 200000;
 constexpr auto WARM_UP = 20s;              // fills what is allocated once
-constexpr auto LINE_EVERY = 30s;           // the dump files are removed as often
+constexpr auto TABLE_EVERY = 30s;          // the dump files are removed as often
 constexpr unsigned PATIENCE_SECONDS = 240; // no call may take longer
 
-// What the process holds, and by how much it may grow besides what dbus-c++ keeps.
-using Footprint = std::array<long, 4>;
-constexpr const char *NAMES[] = {"resident bytes", "heap bytes in use", "descriptors", "threads"};
-constexpr Footprint ALLOWANCE{8 << 20, 256 << 10, 0, 0};
-constexpr Footprint KEPT_BY_CONNECTION{8192, 8192, 0, 0}; // at most, of each closed one, for ever
+// What the process holds, how much more of it there may be at the end, and at most how much more dbus-c++ keeps for ever
+// of each closed connection.
+struct Held {
+    const char *name;
+    long now, allowed, kept_by_connection;
+};
 
-Footprint footprint()
+static std::vector<Held> footprint()
 {
     const auto entries = [](const char *folder) {
         return std::distance(std::filesystem::directory_iterator(folder), {});
     };
-    long resident_pages = 0;
-    std::ifstream("/proc/self/statm") >> resident_pages >> resident_pages; // the second number
-    return {resident_pages * sysconf(_SC_PAGESIZE), static_cast<long>(heap_in_use()),
-            entries("/proc/self/fd"), entries("/proc/self/task")};
+    long pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages; // the second number
+    return {{"resident bytes", pages * sysconf(_SC_PAGESIZE), 8 << 20, 8192},
+            {"heap bytes in use", static_cast<long>(heap_in_use()), 256 << 10, 8192},
+            {"descriptors", entries("/proc/self/fd"), 0, 0},
+            {"threads", entries("/proc/self/task"), 0, 0}};
 }
 
 class Soak
@@ -67,18 +65,19 @@ public:
     Soak()
     {
         const std::string a = "PROXY " + a_.address(), b = ";PROXY " + b_.address();
-        for (const auto &[name, ways] :
-             {std::pair("pac0", a + b), {"pac1", "PROXY 127.0.0.1:1" + b + ";DIRECT"}})
-            folder_.write(name, "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? '" +
-                                    ways + "' : 'PROXY ' + host + ':80;DIRECT'; }");
-        start_manager();
+        const std::string head = "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? '",
+                          tail = "' : 'PROXY ' + host + ':80;DIRECT'; }";
+        folder_.write("pac0", head + a + b + tail);
+        folder_.write("pac1", head + "PROXY 127.0.0.1:1" + b + ";DIRECT" + tail);
+        bring_manager();
     }
 
     bool run(Clock::duration time)
     {
-        const Footprint before = everything_for(WARM_UP);
+        everything_for(WARM_UP);
+        before_ = footprint();
         closed_connections_ = 0;
-        const Footprint after = everything_for(time);
+        everything_for(time);
         for (const auto &[kind, codes] : codes_) {
             std::cout << std::left << std::setw(22) << kind;
             for (const auto &[code, calls] : codes)
@@ -86,14 +85,7 @@ public:
             std::cout << "longest " << longest_.at(kind) << " s\n";
         }
         std::cout << "wrong answers and undefined results: " << faults_ << "\n";
-        bool good = faults_ == 0;
-        for (size_t i = 0; i < after.size(); i++) {
-            const long allowed = ALLOWANCE[i] + closed_connections_ * KEPT_BY_CONNECTION[i];
-            good = good && after[i] - before[i] <= allowed;
-            std::cout << std::setw(18) << NAMES[i] << "start " << before[i] << ", end " << after[i]
-                      << ", grown " << after[i] - before[i] << " of " << allowed << " allowed\n";
-        }
-        return good;
+        return print_table() && faults_ == 0;
     }
 
 private:
@@ -124,7 +116,7 @@ private:
     }
 
     // A message of random bytes, as often short as long.
-    int exchange(atls_handle *handle, atls_resp &answer, Random &random)
+    int exchange(atls_handle *handle, atls_resp &answer, std::mt19937 &random)
     {
         const double exponent = std::uniform_real_distribution<>(0, std::log(LONGEST_MESSAGE))(random);
         std::string message(static_cast<size_t>(std::exp(exponent)), '\0');
@@ -139,7 +131,7 @@ private:
     }
     void exchange_messages(unsigned seed)
     {
-        Random random(seed);
+        std::mt19937 random(seed);
         atls_handle *handle = create_atls_handle();
         atls_resp answer = {};
         while (!stop_) {
@@ -154,10 +146,8 @@ private:
                                 [&] { return exchange(handle, answer, random); });
             std::this_thread::sleep_for(result == ATLS_OK ? 0ms : 20ms);
             atls_handle_cleanup(&handle);
-            if (random() % 2 == 0) {
-                free_atls_handle(handle);
-                handle = create_atls_handle();
-            }
+            if (random() % 2 == 0)
+                free_atls_handle(std::exchange(handle, create_atls_handle()));
         }
         cleanup_atls_resp(&answer);
         free_atls_handle(handle);
@@ -178,7 +168,7 @@ private:
     }
     void ask_for_proxies(unsigned seed)
     {
-        for (Random random(seed); !stop_; std::this_thread::sleep_for(2ms)) {
+        for (std::mt19937 random(seed); !stop_; std::this_thread::sleep_for(2ms)) {
             shared("resolve (its mode)", {0, 1, 2, 3},
                    [&] { return resolve("host" + std::to_string(random() % HOSTS) + ".example"); });
             if (random() % 16 == 0)
@@ -186,13 +176,7 @@ private:
         }
     }
 
-    void start_manager()
-    {
-        manager_ = std::make_unique<Program>(
-            std::vector<std::string>{PROXYMANAGERD, "--pac", folder_.path("pac0"), "--wpad-script",
-                                     folder_.path("pac1"), "--state-file", folder_.path("state")});
-        require(manager_->wait_for_error("serving as"), "proxy manager " + manager_->err());
-    }
+    void bring_manager() { manager_ = start_manager(manager_options_); }
     // Changes the configuration, from here or from another process. The client must know of it afterwards.
     void configure(unsigned number)
     {
@@ -248,49 +232,59 @@ private:
             configured,
             [&] { count("stop the service", {0}, [&] { return manager_->end(SIGTERM); }); },
             [&] {
-                number % 20 == 7 ? start_manager()
-                                 : renew_client([&] { create_client(false), start_manager(); });
+                number % 20 == 7 ? bring_manager()
+                                 : renew_client([&] { create_client(false), bring_manager(); });
             },
             [&] { count("kill the bus", {EX_UNAVAILABLE}, [&] { return bus_.kill(), manager_->end(); }); },
-            [&] { renew_client([&] { bus_.start(), start_manager(); }); },
+            [&] { renew_client([&] { bus_.start(), bring_manager(); }); },
         };
         disturbances[number % 10]();
     }
-    void print_line(Clock::duration passed)
+    // Tells what is held, and whether that is still allowed.
+    bool print_table()
     {
-        test::run("find /tmp -maxdepth 1 -name 'atls_handshake_data_*' -delete");
-        const Footprint held = footprint();
-        std::cout << std::chrono::duration_cast<std::chrono::seconds>(passed).count() << " s:";
-        for (size_t i = 0; i < held.size(); i++)
-            std::cout << " " << NAMES[i] << " " << held[i] << ",";
-        std::cout << " bus connections closed " << closed_connections_ << ", events " << events_ << std::endl;
+        bool good = true;
+        const auto now = footprint();
+        for (size_t i = 0; i < before_.size(); i++) {
+            const long allowed = now[i].allowed + closed_connections_ * now[i].kept_by_connection;
+            const long grown = now[i].now - before_[i].now;
+            good = good && grown <= allowed;
+            std::cout << std::left << std::setw(18) << now[i].name << "start " << before_[i].now << ", now "
+                      << now[i].now << ", grown " << grown << " of " << allowed << " allowed\n";
+        }
+        std::cout << "bus connections closed " << closed_connections_ << ", events " << events_ << std::endl;
+        return good;
     }
-    // Returns what is held when all has been cleaned up.
-    Footprint everything_for(Clock::duration time)
+    // All has been cleaned up afterwards.
+    void everything_for(Clock::duration time)
     {
         create_client();
         stop_ = false;
         std::vector<std::thread> threads;
         for (unsigned i = 0; i < 6; i++)
             threads.emplace_back(i < 4 ? &Soak::exchange_messages : &Soak::ask_for_proxies, this, i);
-        const auto start = Clock::now();
-        auto line = start + LINE_EVERY;
-        for (unsigned number = 0; Clock::now() < start + time || number % 10 != 0; number++) {
+        const auto end = Clock::now() + time;
+        auto table = Clock::now() + TABLE_EVERY;
+        for (unsigned number = 0; Clock::now() < end || number % 10 != 0; number++) {
             alarm(PATIENCE_SECONDS); // ends the program when a thread is stuck
             disturb(number);
             std::this_thread::sleep_for(500ms);
-            for (; Clock::now() >= line; line += LINE_EVERY)
-                print_line(Clock::now() - start);
+            for (; Clock::now() >= table; table += TABLE_EVERY) {
+                test::run("find /tmp -maxdepth 1 -name 'atls_handshake_data_*' -delete");
+                print_table();
+            }
         }
         stop_ = true;
         for (std::thread &thread : threads)
             thread.join();
         clean_up_client();
         malloc_trim(0);
-        return footprint();
     }
 
-    Folder folder_;
+    const Folder folder_;
+    const std::vector<std::string> manager_options_{"--pac",         folder_.path("pac0"),
+                                                    "--wpad-script", folder_.path("pac1"),
+                                                    "--state-file",  folder_.path("state")};
     Peers peers_;
     PrivateBus bus_;
     Proxy a_{"LogLevel Critical\n"}, b_{"LogLevel Critical\n"};
@@ -303,10 +297,9 @@ private:
     std::map<std::string, std::map<int, long>> codes_;
     std::map<std::string, double> longest_;
     long closed_connections_ = 0;
+    std::vector<Held> before_;
     static inline std::atomic<long> events_{0};
 };
-
-} // namespace
 
 int main(int argc, char **argv)
 {
@@ -319,6 +312,6 @@ int main(int argc, char **argv)
 
         const bool good = soak.run(std::chrono::seconds(std::lround(minutes * 60)));
         std::cout << (good ? "good" : "NOT GOOD") << std::endl;
-        return good ? 0 : 1;
+        return !good;
     });
 }

@@ -48,6 +48,8 @@ std::string subject_of(X509 *certificate)
     return text.data();
 }
 
+} // namespace
+
 std::string drain(BIO *bio)
 {
     std::string bytes(BIO_ctrl_pending(bio), '\0');
@@ -55,8 +57,6 @@ std::string drain(BIO *bio)
         bytes.clear();
     return bytes;
 }
-
-} // namespace
 
 SslCtxPtr make_inner_context(const InnerTlsOptions &options)
 {

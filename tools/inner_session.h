@@ -28,6 +28,9 @@ struct InnerTlsOptions {
     bool key_updates = false; // change the keys behind each answer, which only TLS 1.3 can
 };
 
+// Takes all that has been written to a memory BIO.
+std::string drain(BIO *bio);
+
 // Makes the context of all sessions: a device certificate is required and verified. Throws std::runtime_error
 // with the file and the reason.
 SslCtxPtr make_inner_context(const InnerTlsOptions &options);

@@ -12,12 +12,7 @@
 
 thread_local size_t calls_left;
 
-static bool has_memory(const char *)
-{
-    return --calls_left != 0;
-}
-
-ALLOCATORS(__wrap_, __real_, has_memory)
+ALLOCATORS(__wrap_, __real_, --calls_left != 0 &&)
 
 extern "C" {
 

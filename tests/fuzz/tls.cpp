@@ -36,13 +36,6 @@ Engine make_engine(bool server, bool old)
     return engine;
 }
 
-std::string drain(SSL *ssl)
-{
-    std::string records(BIO_ctrl_pending(SSL_get_wbio(ssl)), '\0');
-    BIO_read(SSL_get_wbio(ssl), records.data(), static_cast<int>(records.size()));
-    return records;
-}
-
 void feed(SSL *ssl, const std::string &records)
 {
     BIO_write(SSL_get_rbio(ssl), records.data(), static_cast<int>(records.size()));

@@ -29,7 +29,6 @@ protected:
              {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
             unsetenv(name);
         link_.start();
-        EXPECT_TRUE(manager_->wait_for_error("serving as")) << manager_->err();
         interpose::reset();
         EXPECT_EQ(create_proxy_manager_client(), 1);
     }
@@ -78,7 +77,7 @@ protected:
     }
 
     PrivateBus bus_;
-    std::unique_ptr<Program> manager_ = std::make_unique<Program>(std::vector<std::string>{PROXYMANAGERD});
+    std::unique_ptr<Program> manager_ = start_manager();
     Link link_;
     Proxy a_;
     Proxy b_{"BasicAuth device open-sesame\n"}; // in script modes nobody tells the password
@@ -216,9 +215,7 @@ TEST_F(Proxied, DoesWithoutServiceAndBus)
         bus_.kill();
     }
     bus_.start();
-    manager_ = std::make_unique<Program>(
-        std::vector<std::string>{PROXYMANAGERD, "--pac", link_.folder.path("A.pac")});
-    EXPECT_TRUE(manager_->wait_for_error("serving as"));
+    manager_ = start_manager({"--pac", link_.folder.path("A.pac")});
     EXPECT_TRUE(connect() == ATLS_OK && echoes("with the proxy again") && way() == "A");
 }
 

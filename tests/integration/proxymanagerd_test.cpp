@@ -176,21 +176,19 @@ TEST(ProxyManagerProgram, EndsWithAStatusThatTellsWhy)
     PrivateBus bus;
     const Folder folder;
     const std::string password = folder.write("password", "hidden word\n");
-    Program service({PROXYMANAGERD, "--manual", "p:1", "--user", "u", "--password-file", password});
-    ASSERT_TRUE(service.wait_for_error("serving as"));
+    const auto service = start_manager({"--manual", "p:1", "--user", "u", "--password-file", password});
     EXPECT_EQ(ask("getProxyconfig"), "(('manual', 'p:1', '', 'n', 'u', 'hidden word'),)");
     EXPECT_EQ(Program({PROXYMANAGERD}).end(), 69) << "the name has an owner";
     EXPECT_EQ(Program({PROXYMANAGERD, "--manual", "p"}).end(), 64);
     EXPECT_EQ(Program({PROXYMANAGERD, "--script-limit", "nan"}).end(), 64);
     EXPECT_EQ(Program({PROXYMANAGERD, "--user", "u", "--password-file", "/nowhere"}).end(), 64);
-    EXPECT_EQ(service.end(SIGTERM), 0);
-    EXPECT_EQ(service.err().find("hidden word"), std::string::npos);
+    EXPECT_EQ(service->end(SIGTERM), 0);
+    EXPECT_EQ(service->err().find("hidden word"), std::string::npos);
 
-    Program orphan({PROXYMANAGERD, "--wpad"});
-    ASSERT_TRUE(orphan.wait_for_error("serving as"));
+    const auto orphan = start_manager({"--wpad"});
     EXPECT_EQ(ask("getProxyurl", {"http://p/"}), "(['wpad', 'DIRECT'],)");
     bus.kill();
-    EXPECT_EQ(orphan.end(), 69);
+    EXPECT_EQ(orphan->end(), 69);
 }
 
 TEST(ProxyManagerPolicy, LeavesChangesAndSignalsToRoot)
@@ -200,8 +198,7 @@ TEST(ProxyManagerPolicy, LeavesChangesAndSignalsToRoot)
     const PrivateBus bus("<include>" POLICY_FILE "</include>");
     Program receiver({"setpriv", "--clear-groups", "--reuid", "65534", "dbus-monitor", "--system", SIGNALS});
     ASSERT_TRUE(receiver.wait_for_error("Falling back to eavesdropping"));
-    Program service({PROXYMANAGERD});
-    ASSERT_TRUE(service.wait_for_error("serving as"));
+    const auto service = start_manager();
     const std::string nobody = "setpriv --clear-groups --reuid 65534 ";
     const std::string message = " /com/halvo/ProxyManagerService com.halvo.ProxyManagerServiceInterface.";
     const std::string call =
@@ -219,7 +216,7 @@ TEST(ProxyManagerPolicy, LeavesChangesAndSignalsToRoot)
     EXPECT_TRUE(succeeds(nobody + signal + "3; " + signal + "4"));
     EXPECT_TRUE(receiver.wait_for("int32 4\n"));
     EXPECT_EQ(receiver.out().find("int32 3\n"), std::string::npos);
-    EXPECT_EQ(service.end(SIGTERM), 0);
+    EXPECT_EQ(service->end(SIGTERM), 0);
     EXPECT_FALSE(succeeds(nobody + PROXYMANAGERD));
 }
 

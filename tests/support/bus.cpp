@@ -42,6 +42,15 @@ void PrivateBus::start(const std::string &rules)
         throw std::runtime_error("no dbus-daemon: " + daemon_->err());
 }
 
+std::unique_ptr<Program> start_manager(std::vector<std::string> options)
+{
+    options.insert(options.begin(), PROXYMANAGERD);
+    auto manager = std::make_unique<Program>(std::move(options));
+    if (!manager->wait_for_error("serving as"))
+        throw std::runtime_error("no proxy manager: " + manager->err());
+    return manager;
+}
+
 std::string ask(const std::string &member, const std::vector<std::string> &arguments)
 {
     const std::string method =

@@ -9,15 +9,17 @@
 #include <cstdlib>
 #include <mutex>
 
-#include <sys/socket.h>
+#include <unistd.h>
 
 namespace
 {
 
+constexpr int LONGEST = 200000;
+
 struct Kept {
     std::atomic<bool> recording{false};
     std::mutex mutex;
-    int socket = -1;
+    int descriptor = -1;
     std::vector<std::string> lines;
 };
 
@@ -38,25 +40,20 @@ extern "C" void syslog(int priority, const char *format, ...)
     va_start(arguments, format);
     char *text = nullptr;
     const int length = vasprintf(&text, format, arguments);
-    if (length >= 0 && kept().socket >= 0) // too long a line is lost, as there
-        (void)!send(kept().socket, text, static_cast<size_t>(length), MSG_NOSIGNAL);
-    else if (length >= 0)
+    if (length >= 0 && kept().descriptor < 0)
         kept().lines.push_back("<" + std::to_string(priority) + "> " + text);
+    else if (length >= 0 && length < LONGEST)
+        (void)!write(kept().descriptor, text, static_cast<size_t>(length));
     free(text);
     va_end(arguments);
 }
 
-void log_capture::record(bool on)
+void log_capture::record(bool on, int descriptor)
 {
     const std::lock_guard<std::mutex> lock(kept().mutex);
     kept().lines.clear();
+    kept().descriptor = descriptor;
     kept().recording = on;
-}
-
-void log_capture::send_to(int socket)
-{
-    const std::lock_guard<std::mutex> lock(kept().mutex);
-    kept().socket = socket;
 }
 
 std::vector<std::string> log_capture::lines()

@@ -9,8 +9,8 @@ namespace log_capture
 {
 
 // Forgets the lines kept so far; from now on they are kept as "<priority> text", or not.
-void record(bool on = true);
-void send_to(int socket); // in place of being kept, each is then a datagram, as the system's log gets it
+// With a descriptor they are written there instead, but for very long ones, as to the reader of the system's log.
+void record(bool on = true, int descriptor = -1);
 std::vector<std::string> lines();
 bool contains(const std::string &text); // in a line, with its priority
 
