@@ -79,6 +79,8 @@ public:
     void leave();
     // Whether it can be woken: to be asked before each poll.
     bool isReachable();
+    // Ends the loop; calls fail from here on.
+    void lose() { replace({State::Running}, State::Lost); }
     // Takes in what has woken the poll. False when the sockets are not there any more.
     bool drain();
     int wakeDescriptor() const { return reader_.number(); }

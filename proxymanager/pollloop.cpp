@@ -21,7 +21,6 @@ constexpr std::pair<short, int> WATCH_FLAGS[] = {
     {POLLOUT, DBUS_WATCH_WRITABLE},
     {POLLHUP, DBUS_WATCH_HANGUP},
     {POLLERR, DBUS_WATCH_ERROR},
-    {POLLNVAL, DBUS_WATCH_ERROR | DBUS_WATCH_HANGUP}, // somebody closed the socket
 };
 
 int toWatchFlags(short events)
@@ -110,7 +109,9 @@ void PollLoop::dispatch()
 {
     if (!thread_.isReachable() || !pollSockets(-1))
         return;
-    if (polled_.back().revents == 0 || thread_.drain())
+    if (hasLostSocket()) // libdbus would close the number, whosever it is
+        thread_.lose();
+    else if (polled_.back().revents == 0 || thread_.drain())
         handleReady();
 }
 
