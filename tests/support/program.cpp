@@ -143,13 +143,8 @@ int Program::end(int signal)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-// Of the sanitizers that have an allocator of their own.
-extern "C" __attribute__((weak)) size_t __sanitizer_get_current_allocated_bytes();
-
 size_t heap_in_use()
 {
-    if (__sanitizer_get_current_allocated_bytes)
-        return __sanitizer_get_current_allocated_bytes();
 #if __GLIBC_PREREQ(2, 33)
     const auto heap = mallinfo2();
 #else
