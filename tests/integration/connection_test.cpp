@@ -219,6 +219,7 @@ TEST(Arguments, AreChecked)
 // libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
 TEST(Handshake, NeedsNoStandardStreams)
 {
+    testing::FLAGS_gtest_death_test_style = "threadsafe"; // a fork would copy locks of the service's threads
     test::Link link;
     link.start();
     const auto connects = [&](bool numbers_are_taken) {
