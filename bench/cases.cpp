@@ -75,12 +75,11 @@ static Preparation decryption(int port, size_t size, void (*decrypt)(Composition
 
 static void decrypt_by_library(Composition &client)
 {
-    const Block &body = client.body;
+    SSL *const ssl = client.ssl.get();
     char *text = nullptr;
-    int length = 0;
-    require(atls_decrypt_buffer(client.ssl.get(), SSL_get_rbio(client.ssl.get()), body.text.get(),
-                                static_cast<int>(body.size), &text, &length) == 0,
-            "atls_decrypt_buffer");
+    int length = static_cast<int>(client.body.size);
+    atls_decrypt_buffer(ssl, SSL_get_rbio(ssl), client.body.text.get(), length, &text, &length);
+    require(text != nullptr, "atls_decrypt_buffer");
     free(text);
 }
 
@@ -174,9 +173,10 @@ static void ask_plainly(const std::string &url)
     const Message reply(dbus_connection_send_with_reply_and_block(connection, call.get(), 25000, nullptr));
     char **texts = nullptr;
     int count = 0;
-    require(reply && dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &texts,
-                                           &count, DBUS_TYPE_INVALID),
-            "raw call");
+    require(reply != nullptr, "raw call");
+    dbus_message_get_args(reply.get(), nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING, &texts, &count,
+                          DBUS_TYPE_INVALID);
+    require(count > 0, "the answer to a raw call");
     dbus_free_string_array(texts);
 }
 

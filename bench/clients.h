@@ -26,21 +26,19 @@ using Owned = std::unique_ptr<Object, Releaser<Object, release>>;
 struct Library {
     explicit Library(int port)
     {
-        require(atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", nullptr) == 0, "atls_connect");
+        atls_handle *connected = handle.get();
+        require(atls_connect(&connected, "127.0.0.1", nullptr, port, "/atls", nullptr) == 0, "atls_connect");
     }
-    ~Library() { cleanup_atls_resp(&answer), free_atls_handle(handle); }
-    Library(const Library &) = delete;
-    Library &operator=(const Library &) = delete;
-
     void exchange(const std::string &message)
     {
         const int length = static_cast<int>(message.size());
-        require(atls_easy_perform(handle, message.data(), length, "/atls", &answer) == 0,
-                "atls_easy_perform");
+        const int code = atls_easy_perform(handle.get(), message.data(), length, "/atls", &answer);
+        require(code == 0, "atls_easy_perform");
     }
 
-    atls_handle *handle = create_atls_handle();
+    Owned<atls_handle, free_atls_handle> handle{create_atls_handle()};
     atls_resp answer = {};
+    Owned<atls_resp, cleanup_atls_resp> cleaned_up{&answer};
 };
 
 // A response part, or the plain text of an answer.
@@ -56,8 +54,7 @@ struct Block {
     void reset(char *other = nullptr) { text.reset(other), size = 0; }
     void log(const char *what) const
     {
-        syslog(LOG_DEBUG, "%s: %s [%d] bytes [%s] from [%s:%d]", "post", what, static_cast<int>(size),
-               text.get(), "127.0.0.1", 1);
+        syslog(LOG_DEBUG, "%s: %s [%zu] bytes [%s] from [%s:%d]", "post", what, size, text.get(), "host", 1);
     }
 
     Owned<char, free> text;
@@ -65,53 +62,46 @@ struct Block {
 };
 
 // A POST of as many bytes as the records of a message have, with nothing but libcurl's defaults.
-class BarePost
-{
-public:
+struct BarePost {
     explicit BarePost(int port, const char *path = "/echo")
     {
         const std::string url = "https://127.0.0.1:" + std::to_string(port) + path;
-        curl_easy_setopt(curl_.get(), CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYPEER, 0L);
-        curl_easy_setopt(curl_.get(), CURLOPT_SSL_VERIFYHOST, 0L);
-        curl_easy_setopt(curl_.get(), CURLOPT_WRITEFUNCTION, Block::append);
-        curl_easy_setopt(curl_.get(), CURLOPT_WRITEDATA, &body);
-        curl_easy_setopt(curl_.get(), CURLOPT_HEADERDATA, &header_);
+        curl_easy_setopt(curl.get(), CURLOPT_URL, url.c_str());
+        curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYPEER, 0L);
+        curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYHOST, 0L);
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, Block::append);
+        curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
+        curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &header);
     }
     void exchange(const std::string &message) { post(message.data(), message.size()); }
 
-    Block body;
-
-protected:
     void post(const char *data, size_t length)
     {
-        header_.reset();
+        header.reset();
         body.reset();
-        curl_easy_setopt(curl_.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(length));
-        curl_easy_setopt(curl_.get(), CURLOPT_POSTFIELDS, data);
-        require(curl_easy_perform(curl_.get()) == CURLE_OK, "POST");
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(length));
+        curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, data);
+        require(curl_easy_perform(curl.get()) == CURLE_OK, "POST");
     }
 
-    Block header_;
-    Owned<curl_slist, curl_slist_free_all> lines_; // of the request
-    Owned<CURL, curl_easy_cleanup> curl_{curl_easy_init()};
+    Block header, body;
+    Owned<curl_slist, curl_slist_free_all> lines; // of the request
+    Owned<CURL, curl_easy_cleanup> curl{curl_easy_init()};
 };
 
 // The same POSTs, engine, trace, dump files and log lines as the library's, put together of the bare libraries without
 // any of its checks.
-class Composition : public BarePost
-{
-public:
+struct Composition : BarePost {
     using Context = Owned<SSL_CTX, SSL_CTX_free>;
     explicit Composition(int port) : Composition(port, make_context().get()) {}
     Composition(int port, SSL_CTX *context) : BarePost(port, "/atls"), ssl(SSL_new(context)) // which it keeps
     {
         static char error_text[CURL_ERROR_SIZE];
-        curl_easy_setopt(curl_.get(), CURLOPT_VERBOSE, 1L);
-        curl_easy_setopt(curl_.get(), CURLOPT_ERRORBUFFER, error_text);
-        curl_easy_setopt(curl_.get(), CURLOPT_TIMEOUT_MS, 30000L);
-        curl_easy_setopt(curl_.get(), CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-        curl_easy_setopt(curl_.get(), CURLOPT_NOSIGNAL, 1L);
+        curl_easy_setopt(curl.get(), CURLOPT_VERBOSE, 1L);
+        curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, error_text);
+        curl_easy_setopt(curl.get(), CURLOPT_TIMEOUT_MS, 30000L);
+        curl_easy_setopt(curl.get(), CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+        curl_easy_setopt(curl.get(), CURLOPT_NOSIGNAL, 1L);
         for (const char *line : {"Content-Type: application/octet-stream",
                                  "User-Agent: Halvo-Desktop/desktop-1.0", "Accept:", "Expect:"})
             add_line(line);
@@ -157,8 +147,7 @@ public:
         const Owned<char, free> records(static_cast<char *>(malloc(length + 1)));
         BIO_read(SSL_get_wbio(ssl.get()), records.get(), static_cast<int>(length));
         records.get()[length] = '\0';
-        syslog(LOG_DEBUG, "%s: Attempting to send [%d] [%s]", "post", static_cast<int>(length),
-               records.get());
+        syslog(LOG_DEBUG, "%s: Attempting to send [%zu] [%s]", "post", length, records.get());
         post(records.get(), length);
         log_response();
     }
@@ -173,16 +162,10 @@ public:
         syslog(LOG_NOTICE, "%s: a notice with a number [%d]", "composition", 0);
     }
 
-    Owned<SSL, SSL_free> ssl;
-    Block answer; // until the next
-
-private:
-    static constexpr int FLIGHT = 16384;
-
     void add_line(const std::string &line)
     {
-        lines_.reset(curl_slist_append(lines_.release(), line.c_str()));
-        curl_easy_setopt(curl_.get(), CURLOPT_HTTPHEADER, lines_.get());
+        lines.reset(curl_slist_append(lines.release(), line.c_str()));
+        curl_easy_setopt(curl.get(), CURLOPT_HTTPHEADER, lines.get());
     }
     void handshake()
     {
@@ -193,24 +176,25 @@ private:
             post(flight, length);
             test::write_file("/tmp/bench_received", {body.text.get(), body.size});
             BIO_write(SSL_get_rbio(ssl.get()), body.text.get(), static_cast<int>(body.size));
-            const char *cookie = strstr(header_.text.get(), "Set-Cookie: ");
+            const char *cookie = strstr(header.text.get(), "Cookie: "); // behind "Set-"
             require(cookie != nullptr, "no cookie");
-            cookie += strlen("Set-Cookie: ");
-            add_line("Cookie: " + std::string(cookie, strcspn(cookie, ";")));
+            add_line(std::string(cookie, strcspn(cookie, ";")));
         }
     }
     // As many lines as the library writes of a response, with the same texts in them and at the same point.
     void log_response() const
     {
-        header_.log("Header received");
+        header.log("Header received");
         body.log("Body received");
-        for (int i = 0; i < 7; i++)
-            syslog(LOG_DEBUG, "%s: a line of debugging about a cookie [%d]", "composition_cookies", i);
-        for (int i = 0; i < 2; i++)
-            syslog(LOG_DEBUG, "%s: header_option [%s]", "composition_cookies", lines_->data);
+        for (int i = 0; i < 9; i++)
+            syslog(LOG_DEBUG, "%s: header_option [%s]", "composition_cookies", lines->data);
         for (int i = 0; i < 3; i++)
             syslog(LOG_NOTICE, "%s: a notice with a number [%d]", "composition", i);
     }
+
+    static constexpr int FLIGHT = 16384;
+    Owned<SSL, SSL_free> ssl;
+    Block answer; // until the next
 };
 
 #endif

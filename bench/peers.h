@@ -16,12 +16,9 @@ inline void require(bool rule, const std::string &what)
 
 struct Peers {
     // The option is one of bench-services. The standard error, where libcurl's trace goes, becomes /dev/null.
-    explicit Peers(const std::string &option = "") : services({SERVICES, test::identity("service/"), option})
+    explicit Peers(const std::string &option = "") : services({SERVICES, test::identity(""), option})
     {
         setenv("ATLS_PLATFORM_DIR", test::identity("device").c_str(), 1);
-        for (const char *name :
-             {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
-            unsetenv(name);
         require(services.wait_for("\n"), "services " + services.err());
         std::istringstream(services.out()) >> tls12 >> tls13 >> echo;
         require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");

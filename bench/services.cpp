@@ -1,6 +1,6 @@
 // What is measured and soaked talks to this process: services with TLS up to 1.2 and 1.3, and an echo over HTTPS alone.
 // Prints their ports and serves until it is killed.
-// usage: bench-services FOLDER proxies|""      (the services' keys; whether to be the proxy manager, too)
+// usage: bench-services FOLDER proxies|""      (made by scripts/make-identity; whether to be the proxy manager, too)
 
 #include "atls_service.h"
 #include "bus_peer.h"
@@ -11,12 +11,8 @@
 
 static const std::string ORDER = "bytes wanted: "; // and how many; all other messages are echoed
 
-static atls_service::AtlsService start(const std::string &keys, int max_version)
+static atls_service::AtlsService start(atls_service::Options options, int max_version)
 {
-    atls_service::Options options;
-    options.front_certificate = keys + "front-cert.pem";
-    options.front_key = keys + "front-key.pem";
-    options.inner = {keys + "service-cert.pem", keys + "service-key.pem", keys + "device-ca.pem"};
     options.inner.max_version = max_version;
     options.answer = [](const std::string &message) {
         const bool ordered = message.rfind(ORDER, 0) == 0;
@@ -27,9 +23,9 @@ static atls_service::AtlsService start(const std::string &keys, int max_version)
 
 int main(int, char **arguments)
 {
-    const std::string keys = arguments[1];
-    const auto old = start(keys, TLS1_2_VERSION), current = start(keys, TLS1_3_VERSION);
-    httplib::SSLServer echo((keys + "front-cert.pem").c_str(), (keys + "front-key.pem").c_str());
+    const auto options = atls_service::options_of(arguments[1]);
+    const auto old = start(options, TLS1_2_VERSION), current = start(options, TLS1_3_VERSION);
+    httplib::SSLServer echo(options.front_certificate.c_str(), options.front_key.c_str());
     echo.set_tcp_nodelay(true);
     echo.set_keep_alive_max_count(1000000000);
     echo.Post("/echo", [](const httplib::Request &request, httplib::Response &response) {

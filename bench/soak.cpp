@@ -17,7 +17,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iomanip>
 #include <mutex>
 #include <random>
 #include <set>
@@ -64,11 +63,12 @@ class Soak
 public:
     Soak()
     {
-        const std::string a = "PROXY " + a_.address(), b = ";PROXY " + b_.address();
-        const std::string head = "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? '",
-                          tail = "' : 'PROXY ' + host + ':80;DIRECT'; }";
-        folder_.write("pac0", head + a + b + tail);
-        folder_.write("pac1", head + "PROXY 127.0.0.1:1" + b + ";DIRECT" + tail);
+        const auto write = [&](const std::string &name, const std::string &way) {
+            folder_.write(name, "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'PROXY " +
+                                    way + "' : 'PROXY ' + host + ':80;DIRECT'; }");
+        };
+        write("pac0", a_.address() + ";PROXY " + b_.address());
+        write("pac1", "127.0.0.1:1;PROXY " + b_.address() + ";DIRECT");
         bring_manager();
     }
 
@@ -79,12 +79,12 @@ public:
         closed_connections_ = 0;
         everything_for(time);
         for (const auto &[kind, codes] : codes_) {
-            std::cout << std::left << std::setw(22) << kind;
+            printf("%-22s", kind.c_str());
             for (const auto &[code, calls] : codes)
-                std::cout << std::setw(14) << std::to_string(code) + ": " + std::to_string(calls);
-            std::cout << "longest " << longest_.at(kind) << " s\n";
+                printf("%3d: %-8ld", code, calls);
+            printf("longest %.6f s\n", longest_.at(kind));
         }
-        std::cout << "wrong answers and undefined results: " << faults_ << "\n";
+        printf("wrong answers and undefined results: %d\n", faults_.load());
         return print_table() && faults_ == 0;
     }
 
@@ -92,7 +92,7 @@ private:
     void fault(const std::string &what)
     {
         faults_++;
-        std::cout << what + "\n" << std::flush;
+        printf("%s\n", what.c_str());
     }
     int count(const std::string &kind, const Codes &defined, const Operation &operation)
     {
@@ -137,9 +137,9 @@ private:
         while (!stop_) {
             const bool old = random() % 2 == 0;
             const std::string connect = old ? "connect, TLS 1.2" : "connect, TLS 1.3";
+            const int port = old ? peers_.tls12 : peers_.tls13;
             int result = shared(connect, {ATLS_OK, ATLS_HANDSHAKE_FAILED}, [&] {
-                return atls_connect(&handle, "127.0.0.1", nullptr, old ? peers_.tls12 : peers_.tls13, "/atls",
-                                    "soak");
+                return atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", "soak");
             });
             for (auto left = random() % 10; left > 0 && result == ATLS_OK && !stop_; left--)
                 result = shared("exchange", {ATLS_OK, ATLS_BAD_RESPONSE, ATLS_EXCHANGE_FAILED},
@@ -153,6 +153,15 @@ private:
         free_atls_handle(handle);
     }
 
+    void ask_for_proxies(unsigned seed)
+    {
+        for (std::mt19937 random(seed); !stop_; std::this_thread::sleep_for(2ms)) {
+            const std::string host = "host" + std::to_string(random() % HOSTS) + ".example";
+            shared("resolve (its mode)", {0, 1, 2, 3}, [&] { return resolve(host); });
+            if (random() % 16 == 0)
+                shared("service started?", {0, 1}, check_service_started);
+        }
+    }
     ProxyMode resolve(const std::string &host)
     {
         const ProxyUrlInformation proxies = get_proxy_url(("https://" + host + "/").c_str());
@@ -166,16 +175,6 @@ private:
             fault("wrong answer: " + host + ", mode " + std::to_string(proxies.mode) + ": " + entries);
         return proxies.mode;
     }
-    void ask_for_proxies(unsigned seed)
-    {
-        for (std::mt19937 random(seed); !stop_; std::this_thread::sleep_for(2ms)) {
-            shared("resolve (its mode)", {0, 1, 2, 3},
-                   [&] { return resolve("host" + std::to_string(random() % HOSTS) + ".example"); });
-            if (random() % 16 == 0)
-                shared("service started?", {0, 1}, check_service_started);
-        }
-    }
-
     void bring_manager() { manager_ = start_manager(manager_options_); }
     // Changes the configuration, from here or from another process. The client must know of it afterwards.
     void configure(unsigned number)
@@ -249,10 +248,10 @@ private:
             const long allowed = now[i].allowed + closed_connections_ * now[i].kept_by_connection;
             const long grown = now[i].now - before_[i].now;
             good = good && grown <= allowed;
-            std::cout << std::left << std::setw(18) << now[i].name << "start " << before_[i].now << ", now "
-                      << now[i].now << ", grown " << grown << " of " << allowed << " allowed\n";
+            printf("%-18sstart %ld, now %ld, grown %ld of %ld allowed\n", now[i].name, before_[i].now,
+                   now[i].now, grown, allowed);
         }
-        std::cout << "bus connections closed " << closed_connections_ << ", events " << events_ << std::endl;
+        printf("bus connections closed %ld, events %ld\n", closed_connections_, events_.load());
         return good;
     }
     // All has been cleaned up afterwards.
@@ -307,11 +306,12 @@ int main(int argc, char **argv)
         const double minutes = argc == 2 ? strtod(argv[1], nullptr) : 0;
         if (minutes < 0.1)
             throw cli::UsageError("usage: soak MINUTES, 0.1 or more");
+        setvbuf(stdout, nullptr, _IOLBF, 0);
         setlogmask(LOG_UPTO(LOG_ERR));
         Soak soak;
 
         const bool good = soak.run(std::chrono::seconds(std::lround(minutes * 60)));
-        std::cout << (good ? "good" : "NOT GOOD") << std::endl;
+        puts(good ? "good" : "NOT GOOD");
         return !good;
     });
 }

@@ -254,6 +254,16 @@ private:
     std::thread thread_;
 };
 
+Options options_of(const std::string &folder)
+{
+    const std::string keys = folder + "/service/";
+    Options options;
+    options.front_certificate = keys + "front-cert.pem";
+    options.front_key = keys + "front-key.pem";
+    options.inner = {keys + "service-cert.pem", keys + "service-key.pem", keys + "device-ca.pem"};
+    return options;
+}
+
 AtlsService::AtlsService(Options options) : impl_(std::make_unique<Impl>(std::move(options)))
 {
 }

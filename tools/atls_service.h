@@ -37,6 +37,9 @@ struct Options {
     std::function<void(const std::string &line)> log;
 };
 
+// With the files that scripts/make-identity has put into a folder's folder "service".
+Options options_of(const std::string &folder);
+
 class AtlsService
 {
 public:

@@ -73,7 +73,8 @@ std::string compose(SSL *ssl, std::istream &&commands, std::string &sent)
             SSL_shutdown(ssl);
         if (command == 'h' || command == 'k')
             SSL_do_handshake(ssl);
-        body.insert(in_front ? 0 : body.size(), command == '"' ? upto(commands, '"') : drain(ssl));
+        body.insert(in_front ? 0 : body.size(),
+                    command == '"' ? upto(commands, '"') : atls_service::drain(SSL_get_wbio(ssl)));
         in_front = command == 's';
     }
     return body;

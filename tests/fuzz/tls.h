@@ -13,10 +13,6 @@ using Engine = std::unique_ptr<SSL, decltype(&SSL_free)>;
 // Gives a context the shared key, and the version 1.2 if it is old, else 1.3.
 SSL_CTX *share_key(SSL_CTX *ctx, bool old);
 Engine make_engine(bool server, bool old);
-inline std::string drain(SSL *ssl)
-{
-    return atls_service::drain(SSL_get_wbio(ssl));
-}
 void feed(SSL *ssl, const std::string &records);
 
 // Composes a body from commands: what the engine writes, and what befalls it on its way. The plain text goes to sent.

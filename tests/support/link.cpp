@@ -25,10 +25,8 @@ Device::Device()
 
 Link::Link(int max_tls)
 {
-    options.front_certificate = identity("service/front-cert.pem");
-    options.front_key = identity("service/front-key.pem");
-    options.inner = {identity("service/service-cert.pem"), identity("service/service-key.pem"),
-                     identity("service/device-ca.pem"), TLS1_2_VERSION, max_tls};
+    options = atls_service::options_of(identity(""));
+    options.inner.max_version = max_tls;
     options.on_reply = [this](const std::string &request, atls_service::Reply &out) {
         const std::lock_guard<std::mutex> lock(mutex_);
         posted.push_back(request.size());

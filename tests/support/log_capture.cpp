@@ -14,8 +14,6 @@
 namespace
 {
 
-constexpr int LONGEST = 200000;
-
 struct Kept {
     std::atomic<bool> recording{false};
     std::mutex mutex;
@@ -42,7 +40,7 @@ extern "C" void syslog(int priority, const char *format, ...)
     const int length = vasprintf(&text, format, arguments);
     if (length >= 0 && kept().descriptor < 0)
         kept().lines.push_back("<" + std::to_string(priority) + "> " + text);
-    else if (length >= 0 && length < LONGEST)
+    else if (length >= 0 && length < 200000)
         (void)!write(kept().descriptor, text, static_cast<size_t>(length));
     free(text);
     va_end(arguments);
