@@ -77,9 +77,9 @@ static void decrypt_by_library(Composition &client)
 {
     SSL *const ssl = client.ssl.get();
     char *text = nullptr;
-    int length = static_cast<int>(client.body.size);
-    atls_decrypt_buffer(ssl, SSL_get_rbio(ssl), client.body.text.get(), length, &text, &length);
-    require(text != nullptr, "atls_decrypt_buffer");
+    int size = static_cast<int>(client.body.size);
+    const int code = atls_decrypt_buffer(ssl, SSL_get_rbio(ssl), client.body.text.get(), size, &text, &size);
+    require(code == 0, "atls_decrypt_buffer");
     free(text);
 }
 
@@ -192,25 +192,21 @@ static Preparation hit(LookUp look_up)
     };
 }
 
-static void add_exchanges(const std::string &group, int port, int echo, size_t size)
-{
-    for (const bool logging : {false, true}) {
-        const std::string name = group + (logging ? " log on" : " log masked");
-        add(name + "/library", {0.05, logging}, exchange<Library>(port, size));
-        add(name + "/composition", {0.05, logging}, exchange<Composition>(port, size));
-        if (!logging)
-            add(name + "/bare POST", {0.05}, exchange<BarePost>(echo, size));
-    }
-}
-
 static void add_cases(const Peers &peers)
 {
     static const auto context = Composition::make_context();
     const std::pair<std::string, int> versions[] = {{"TLS 1.2", peers.tls12}, {"TLS 1.3", peers.tls13}};
     for (const auto &[size, bytes] :
-         {std::pair("100 B ", 100), {"1 KB ", 1000}, {"16 KB ", 16000}, {"1 MB ", 1000000}})
+         {std::pair("100 B ", 100UL), {"1 KB ", 1000}, {"16 KB ", 16000}, {"1 MB ", 1000000}})
         for (const auto &[version, port] : versions)
-            add_exchanges("exchange/" + (size + version), port, peers.echo, static_cast<size_t>(bytes));
+            for (const bool logging : {false, true}) {
+                const std::string name =
+                    "exchange/" + (size + version) + (logging ? " log on" : " log masked");
+                add(name + "/library", {0.05, logging}, exchange<Library>(port, bytes));
+                add(name + "/composition", {0.05, logging}, exchange<Composition>(port, bytes));
+                if (!logging)
+                    add(name + "/bare POST", {0.05}, exchange<BarePost>(peers.echo, bytes));
+            }
     for (const auto &version : versions) {
         const std::string name = "connect/" + version.first;
         const int port = version.second;

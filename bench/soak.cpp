@@ -180,9 +180,9 @@ private:
     void configure(unsigned number)
     {
         const auto mode = static_cast<ProxyMode>(number / 3 % 5 % 4);
-        std::string proxy = mode == PROXY_MODE_MANUAL ? a_.address() : "";
+        const bool manual = mode == PROXY_MODE_MANUAL;
+        std::string proxy = manual ? a_.address() : "", user = manual ? "device" : "";
         std::string pac = mode == PROXY_MODE_PACURL ? folder_.path("pac1") : "";
-        std::string user = mode == PROXY_MODE_MANUAL ? "device" : "";
         if (number % 2 == 0)
             shared("configure", {0}, [&] {
                 return update_proxy_config({mode, proxy.data(), pac.data(), false, user.data(), user.data()});
