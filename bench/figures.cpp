@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 static std::atomic<size_t> allocations{0}; // with new, malloc, calloc or realloc
-ALLOCATORS(, __libc_, ++allocations &&)
+ALLOCATORS(, __libc_, ++allocations != 0)
 
 static size_t peak_resident()
 {

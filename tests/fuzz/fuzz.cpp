@@ -17,7 +17,7 @@ thread_local size_t calls_left;
 // Every argument of the log is read as its format says.
 static const bool recording = (log_capture::record(true, open("/dev/null", O_WRONLY)), true);
 
-ALLOCATORS(__wrap_, __real_, --calls_left != 0 &&)
+ALLOCATORS(__wrap_, __real_, --calls_left != 0)
 
 extern "C" {
 

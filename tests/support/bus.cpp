@@ -9,30 +9,14 @@
 namespace test
 {
 
-namespace
-{
-
-// The folder of the socket, removed at the end of the program.
-const Folder &folder()
-{
-    static const Folder instance;
-    return instance;
-}
-
-} // namespace
-
-const std::string &PrivateBus::address()
-{
-    static const std::string text = "unix:path=" + folder().path("bus");
-    return text;
-}
-
 void PrivateBus::start(const std::string &rules)
 {
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
-    std::filesystem::remove(folder().path("bus")); // left over when the last one was killed
-    const std::string file = folder().write(
-        "config", "<busconfig><type>system</type><listen>" + address() +
+    static const Folder folder;
+    const std::string address = "unix:path=" + folder.path("bus");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+    std::filesystem::remove(folder.path("bus")); // left over when the last one was killed
+    const std::string file = folder.write(
+        "config", "<busconfig><type>system</type><listen>" + address +
                       "</listen><auth>EXTERNAL</auth><policy context='default'><allow user='*'/>"
                       "<allow send_destination='*'/><allow receive_sender='*'/><allow own='*'/></policy>" +
                       rules + "</busconfig>");

@@ -22,7 +22,6 @@ public:
     explicit PrivateBus(const std::string &rules = "") { start(rules); }
     void start(const std::string &rules = "");
     void kill() { daemon_->end(SIGKILL); }
-    static const std::string &address();
 
 private:
     std::unique_ptr<Program> daemon_;

@@ -170,7 +170,7 @@ static CURL *broken(CURL *curl)
         return __real_##name arguments;                                                                      \
     }
 
-ALLOCATORS(__wrap_, __real_, !fails)
+ALLOCATORS(__wrap_, __real_, !fails(point))
 POINT(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
 POINT(int, -1, socketpair, (int domain, int type, int protocol, int *pair), (domain, type, protocol, pair))
 POINT(CURL *, nullptr, curl_easy_init, (), ())
