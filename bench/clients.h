@@ -3,7 +3,7 @@
 #ifndef BENCH_CLIENTS_H
 #define BENCH_CLIENTS_H
 
-#include "atls.h"
+#include "client.h"
 #include "peers.h"
 #include "platform.h"
 
@@ -23,22 +23,12 @@ struct Releaser {
 template <typename Object, auto release>
 using Owned = std::unique_ptr<Object, Releaser<Object, release>>;
 
-struct Library {
-    explicit Library(int port)
-    {
-        atls_handle *connected = handle.get();
-        require(atls_connect(&connected, "127.0.0.1", nullptr, port, "/atls", nullptr) == 0, "atls_connect");
-    }
+struct Library : test::Client {
+    explicit Library(int port) { require(connect(port) == 0, "atls_connect"); }
     void exchange(const std::string &message)
     {
-        const int length = static_cast<int>(message.size());
-        const int code = atls_easy_perform(handle.get(), message.data(), length, "/atls", &answer);
-        require(code == 0, "atls_easy_perform");
+        require(Client::exchange(message) == 0, "atls_easy_perform");
     }
-
-    Owned<atls_handle, free_atls_handle> handle{create_atls_handle()};
-    atls_resp answer = {};
-    Owned<atls_resp, cleanup_atls_resp> cleaned_up{&answer};
 };
 
 // A response part, or the plain text of an answer.

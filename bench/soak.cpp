@@ -4,9 +4,9 @@
 // Removes the library's dump files from /tmp: to be started with scripts/private-tmp. Ends with status 0 when no answer
 // was wrong, no result undefined, and descriptors, threads and memory came back; a stuck call ends it with SIGALRM.
 
-#include "atls.h"
 #include "bus.h"
 #include "cli.h"
+#include "client.h"
 #include "peers.h"
 #include "proxy.h"
 #include "proxymanager.h"
@@ -14,7 +14,6 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -47,15 +46,12 @@ struct Held {
 
 static std::vector<Held> footprint()
 {
-    const auto entries = [](const char *folder) {
-        return std::distance(std::filesystem::directory_iterator(folder), {});
-    };
     long pages = 0;
     std::ifstream("/proc/self/statm") >> pages >> pages; // the second number
     return {{"resident bytes", pages * sysconf(_SC_PAGESIZE), 8 << 20, 8192},
             {"heap bytes in use", static_cast<long>(heap_in_use()), 256 << 10, 8192},
-            {"descriptors", entries("/proc/self/fd"), 0, 0},
-            {"threads", entries("/proc/self/task"), 0, 0}};
+            {"descriptors", count_in("/proc/self/fd"), 0, 0},
+            {"threads", count_in("/proc/self/task"), 0, 0}};
 }
 
 class Soak
@@ -116,41 +112,36 @@ private:
     }
 
     // A message of random bytes, as often short as long.
-    int exchange(atls_handle *handle, atls_resp &answer, std::mt19937 &random)
+    int exchange(Client &client, std::mt19937 &random)
     {
         const double exponent = std::uniform_real_distribution<>(0, std::log(LONGEST_MESSAGE))(random);
         std::string message(static_cast<size_t>(std::exp(exponent)), '\0');
         if (message.size() % 16384 == 0)
             message.pop_back(); // such an answer cannot be received
         std::generate(message.begin(), message.end(), [&] { return static_cast<char>(random()); });
-        const int length = static_cast<int>(message.size());
-        const int result = atls_easy_perform(handle, message.data(), length, "/atls", &answer);
-        if (result == ATLS_OK && std::string(answer.body, answer.body_len) != message)
-            fault("wrong answer to a message of " + std::to_string(length) + " bytes");
+        const int result = client.exchange(message);
+        if (result == ATLS_OK && client.body() != message)
+            fault("wrong answer to a message of " + std::to_string(message.size()) + " bytes");
         return result;
     }
     void exchange_messages(unsigned seed)
     {
         std::mt19937 random(seed);
-        atls_handle *handle = create_atls_handle();
-        atls_resp answer = {};
+        Client client;
         while (!stop_) {
             const bool old = random() % 2 == 0;
             const std::string connect = old ? "connect, TLS 1.2" : "connect, TLS 1.3";
             const int port = old ? peers_.tls12 : peers_.tls13;
-            int result = shared(connect, {ATLS_OK, ATLS_HANDSHAKE_FAILED}, [&] {
-                return atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", "soak");
-            });
+            int result = shared(connect, {ATLS_OK, ATLS_HANDSHAKE_FAILED},
+                                [&] { return client.connect(port, "soak"); });
             for (auto left = random() % 10; left > 0 && result == ATLS_OK && !stop_; left--)
                 result = shared("exchange", {ATLS_OK, ATLS_BAD_RESPONSE, ATLS_EXCHANGE_FAILED},
-                                [&] { return exchange(handle, answer, random); });
+                                [&] { return exchange(client, random); });
             std::this_thread::sleep_for(result == ATLS_OK ? 0ms : 20ms);
-            atls_handle_cleanup(&handle);
+            atls_handle_cleanup(&client.handle);
             if (random() % 2 == 0)
-                free_atls_handle(std::exchange(handle, create_atls_handle()));
+                free_atls_handle(std::exchange(client.handle, create_atls_handle()));
         }
-        cleanup_atls_resp(&answer);
-        free_atls_handle(handle);
     }
 
     void ask_for_proxies(unsigned seed)

@@ -226,26 +226,22 @@ TEST_F(Proxied, StaysRightWhileProxiesAndAnswersChange)
     std::atomic<int> left{40};
     std::atomic<int> succeeded{0};
     const auto connect_and_exchange = [&](int thread) {
-        atls_handle *handle = create_atls_handle();
-        atls_resp answer = {};
+        Client client;
         while (left-- > 0) {
-            int result = atls_connect(&handle, "127.0.0.1", nullptr, link_.service->port(), "/atls", nullptr);
+            int result = client.connect(link_.service->port());
             EXPECT_TRUE(result == ATLS_OK || result == ATLS_HANDSHAKE_FAILED) << result;
             for (int i = 0; i < 3 && result == ATLS_OK; i++) {
                 const std::string message = std::to_string(thread) + " " + std::to_string(left) + " " +
                                             pattern(size_t{100} * static_cast<size_t>(i));
-                result = atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls",
-                                           &answer);
+                result = client.exchange(message);
                 EXPECT_TRUE(result == ATLS_OK || result == ATLS_BAD_RESPONSE ||
                             result == ATLS_EXCHANGE_FAILED)
                     << result;
-                EXPECT_TRUE(result != ATLS_OK || std::string(answer.body, answer.body_len) == message);
+                EXPECT_TRUE(result != ATLS_OK || client.body() == message);
             }
             succeeded += result == ATLS_OK;
-            atls_handle_cleanup(&handle);
+            atls_handle_cleanup(&client.handle);
         }
-        cleanup_atls_resp(&answer);
-        free_atls_handle(handle);
     };
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; i++)

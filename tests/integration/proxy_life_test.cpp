@@ -3,7 +3,6 @@
 #include "proxy_fixture.h"
 
 #include <atomic>
-#include <filesystem>
 
 // What C++ programs find in the library.
 extern DBus::BusDispatcher dbus_dispatcher;
@@ -15,12 +14,6 @@ using namespace test;
 
 namespace
 {
-
-size_t countIn(const char *folder)
-{
-    const auto entries = std::filesystem::directory_iterator(folder);
-    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
-}
 
 // What the program around the library prints; its complaints and exit status, unless that is 0.
 std::string outcome(const char *what)
@@ -36,7 +29,7 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
 {
     log_capture::record(false);
     ScriptedService service;
-    const auto count = [] { return std::pair(countIn("/proc/self/fd"), countIn("/proc/self/task")); };
+    const auto count = [] { return std::pair(count_in("/proc/self/fd"), count_in("/proc/self/task")); };
     auto counted = count();
     size_t heap = 0;
     for (int cycle = 0; cycle < 1000; cycle++) {

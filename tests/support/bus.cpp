@@ -39,9 +39,12 @@ std::string ask(const std::string &member, const std::vector<std::string> &argum
 {
     const std::string method =
         member.find('.') != std::string::npos ? member : SERVICE_INTERFACE + ('.' + member);
-    std::vector<std::string> command{"env", "LC_ALL=C.UTF-8", "gdbus", "call",
-                                     "--system"}; // it prints UTF-8 then
-    command.insert(command.end(), {"-d", SERVICE_NAME, "-o", SERVICE_PATH, "-m", method});
+    std::vector<std::string> command{"env",        "LC_ALL=C.UTF-8",
+                                     "gdbus",      "call",
+                                     "--system",   "-d", // in UTF-8
+                                     SERVICE_NAME, "-o",
+                                     SERVICE_PATH, "-m",
+                                     method};
     command.insert(command.end(), arguments.begin(), arguments.end());
     Program gdbus(std::move(command));
     const std::string text = gdbus.end() == 0 ? gdbus.out() : gdbus.err();

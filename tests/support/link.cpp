@@ -37,15 +37,4 @@ Link::Link(int max_tls)
     interpose::reset();
 }
 
-Link::~Link()
-{
-    cleanup_atls_resp(&answer);
-    atls_handle_cleanup(&handle); // the service ends when its connections have
-}
-
-int Link::exchange(const std::string &message)
-{
-    return atls_easy_perform(handle, message.data(), static_cast<int>(message.size()), "/atls", &answer);
-}
-
 } // namespace test

@@ -5,6 +5,7 @@
 
 #include "atls_internals.h"
 #include "atls_service.h"
+#include "client.h"
 #include "interpose.h"
 #include "program.h"
 
@@ -20,27 +21,22 @@ namespace test
 std::string pattern(size_t length);
 
 // A handle, and a copy of the identity that the platform layer reads while the object lives.
-struct Device {
+struct Device : Client {
     Device();
-    ~Device() { free_atls_handle(handle); }
     Folder folder;
-    atls_handle *handle = create_atls_handle();
 };
 
 // A device and the service that it talks to.
 struct Link : Device {
     explicit Link(int max_tls = TLS1_3_VERSION); // highest version of the inner TLS
-    ~Link();
+    ~Link() { atls_handle_cleanup(&handle); }    // the service ends when its connections have
     void start() { service = std::make_unique<atls_service::AtlsService>(options); }
-    int connect() { return atls_connect(&handle, "127.0.0.1", nullptr, service->port(), "/atls", "track"); }
-    int exchange(const std::string &message);
-    std::string body() const { return {answer.body, answer.body_len}; }
+    int connect() { return Client::connect(service->port(), "track"); }
 
     atls_service::Options options;
     std::function<void(atls_service::Reply &)> tamper; // changes what the service sends back
     size_t reply = 0;                                  // length of its answers; 0: it echoes
     std::vector<size_t> posted;                        // lengths of the bodies that it received
-    atls_resp answer = {};
     std::unique_ptr<atls_service::AtlsService> service;
 
 private:

@@ -68,6 +68,11 @@ void write_file(const std::string &path, const std::string &bytes)
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
+long count_in(const std::string &folder)
+{
+    return std::distance(std::filesystem::directory_iterator(folder), {});
+}
+
 void run(const std::string &command)
 {
     Program shell({"sh", "-c", command});

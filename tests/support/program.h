@@ -23,6 +23,7 @@ struct Folder {
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);
 void run(const std::string &command);          // in the shell; throws when it fails
+long count_in(const std::string &folder);      // entries
 size_t heap_in_use();                          // bytes of this process
 std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
 
