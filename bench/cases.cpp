@@ -35,11 +35,17 @@ static void add(const std::string &name, Way way, const Preparation &prepare)
 {
     auto *added = benchmark::RegisterBenchmark(name.c_str(), [=](benchmark::State &state) {
         static FILE *const reader = popen("cat >/dev/null", "we"); // of the log NOLINT(cert-env33-c)
-        std::vector<Step> steps(static_cast<size_t>(std::max(way.steps, 1)));
-        std::generate(steps.begin(), steps.end(), prepare);
+        Step step;
         log_capture::record(way.logging, fileno(reader));
-        for (auto step = steps.begin(); state.KeepRunning(); step += way.steps > 0)
-            (*step)();
+        while (state.KeepRunning()) {
+            if (!step || way.steps) {
+                state.PauseTiming();
+                step = nullptr; // the next may have its memory
+                step = prepare();
+                state.ResumeTiming();
+            }
+            step();
+        }
         log_capture::record(false);
     });
     way.steps ? added->Iterations(way.steps) : added->MinTime(way.seconds);

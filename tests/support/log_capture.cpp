@@ -14,8 +14,9 @@
 namespace
 {
 
+std::atomic<bool> recording{false};
+
 struct Kept {
-    std::atomic<bool> recording{false};
     std::mutex mutex;
     int descriptor = -1;
     std::vector<std::string> lines;
@@ -31,7 +32,7 @@ Kept &kept()
 
 extern "C" void syslog(int priority, const char *format, ...)
 {
-    if (!kept().recording)
+    if (!recording)
         return;
     const std::lock_guard<std::mutex> lock(kept().mutex);
     va_list arguments;
@@ -51,7 +52,7 @@ void log_capture::record(bool on, int descriptor)
     const std::lock_guard<std::mutex> lock(kept().mutex);
     kept().lines.clear();
     kept().descriptor = descriptor;
-    kept().recording = on;
+    recording = on;
 }
 
 std::vector<std::string> log_capture::lines()
