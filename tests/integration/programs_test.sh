@@ -6,23 +6,11 @@ work=$(mktemp -d)
 device=$build/examples/device # compiled into the example of a platform layer
 . "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work" "$device"' EXIT
-trap 'echo "failed: $BASH_COMMAND" >&2' ERR
-unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
+. "$source/tests/support/checks.sh"
 
 post() {
     # shellcheck disable=SC2086
     ${LAUNCHER:-} "$build/atls-post" "$@"
-}
-
-passed=0
-check() { # check WHAT EXPECTED ACTUAL
-    [ "$2" = "$3" ] || { printf 'FAILED: %s\nexpected: %s\nactual:   %s\n' "$1" "$2" "$3" >&2; exit 1; }
-    passed=$((passed + 1))
-}
-status_of() { # runs a command, prints its exit status; what it writes is in $work/out and $work/err
-    local status=0
-    "$@" >"$work/out" 2>"$work/err" </dev/null || status=$?
-    echo "$status"
 }
 
 # Exactly the documented symbols, each of them defined.

@@ -30,7 +30,7 @@ std::unique_ptr<Program> start_manager(std::vector<std::string> options)
 {
     options.insert(options.begin(), PROXYMANAGERD);
     auto manager = std::make_unique<Program>(std::move(options));
-    if (!manager->wait_for_error("serving as"))
+    if (!manager->wait_for("serving as"))
         throw std::runtime_error("no proxy manager: " + manager->err());
     return manager;
 }
