@@ -27,12 +27,8 @@ private:
     std::unique_ptr<Program> daemon_;
 };
 
-// The stand-in proxy manager, which is on the bus.
+// The stand-in proxy manager, which is on the bus when it is returned.
 std::unique_ptr<Program> start_manager(std::vector<std::string> options = {});
-
-// Calls "interface.member", or a member of the service's own interface, with gdbus: the answer as it writes
-// it, or the error.
-std::string ask(const std::string &member, const std::vector<std::string> &arguments = {});
 
 } // namespace test
 
