@@ -38,16 +38,6 @@ bool eventually(const std::function<bool()> &condition)
     return true;
 }
 
-Descriptor file_in_memory()
-{
-    return Descriptor(memfd_create("output", MFD_CLOEXEC));
-}
-
-std::string content(const Descriptor &file) // whose own position is where the child writes
-{
-    return read_file("/proc/self/fd/" + std::to_string(file.get()));
-}
-
 } // namespace
 
 Folder::Folder()
@@ -99,7 +89,8 @@ std::string identity(const std::string &name)
     return folder.path(name);
 }
 
-Program::Program(std::vector<std::string> command) : out_(file_in_memory()), err_(file_in_memory())
+Program::Program(std::vector<std::string> command)
+    : out_(memfd_create("output", MFD_CLOEXEC)), err_(memfd_create("error", MFD_CLOEXEC))
 {
     command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
     std::vector<char *> arguments;
@@ -110,23 +101,19 @@ Program::Program(std::vector<std::string> command) : out_(file_in_memory()), err
         fcntl(descriptor, F_SETFD, FD_CLOEXEC); // whoever opened it
     posix_spawn_file_actions_t streams;
     posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_addopen(&streams, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&streams, out_.get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&streams, err_.get(), STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&streams, STDIN_FILENO, "/dev/null", O_RDONLY,
+                                     0); // last: its number may be in use
     const int error = posix_spawnp(&pid_, arguments[0], &streams, nullptr, arguments.data(), environ);
     posix_spawn_file_actions_destroy(&streams);
     if (error)
         throw std::system_error(error, std::generic_category(), "setpriv");
 }
 
-std::string Program::out() const
+std::string Program::content(const Descriptor &file)
 {
-    return content(out_);
-}
-
-std::string Program::err() const
-{
-    return content(err_);
+    return read_file("/proc/self/fd/" + std::to_string(file.get()));
 }
 
 bool Program::wait_for(const std::string &text) const

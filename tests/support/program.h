@@ -42,11 +42,12 @@ public:
     // Sends a signal, if one is given, and waits for the end: the exit status, or minus the signal that ended
     // it.
     int end(int signal = 0);
-    std::string out() const;
-    std::string err() const;
+    std::string out() const { return content(out_); }
+    std::string err() const { return content(err_); }
 
 private:
-    Descriptor out_, err_; // files in memory
+    static std::string content(const Descriptor &file); // whose own position is where the child writes
+    Descriptor out_, err_;                              // files in memory
     pid_t pid_ = -1;
 };
 
