@@ -7,9 +7,7 @@
 #include "proxy.h"
 #include "proxymanager.h"
 
-#include <atomic>
 #include <cstring>
-#include <thread>
 
 #include <syslog.h>
 
@@ -166,27 +164,6 @@ TEST_F(Proxied, SurvivesTheDeathOfAProxy)
         a_.start();
     }
     EXPECT_EQ(way(), "AAA");
-}
-
-// The service has the message, but its answer does not come in time: the same records are posted once more,
-// which the session takes for an attack. The service answers each message at most once.
-TEST_F(Proxied, EndsTheSessionWhenAMessageArrivesTwice)
-{
-    std::atomic<int> answered{0};
-    link_.options.answer = [&](const std::string &message) {
-        if (answered++ == 0)
-            for (int i = 0; i < 2000 && !log_capture::contains("curl_rc:28"); i++)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return message;
-    };
-    link_.start();
-    configure("pacurl", "AD");
-    ASSERT_EQ(connect(SHORT_TIMEOUT_MS), ATLS_OK);
-    EXPECT_EQ(link_.exchange("once"), ATLS_BAD_RESPONSE);
-    EXPECT_EQ(link_.exchange("later"), ATLS_INVALID_INPUT);
-    EXPECT_EQ(answered, 1);
-    EXPECT_EQ(way(), "A");
-    EXPECT_TRUE(connect() == ATLS_OK && echoes("on a new session"));
 }
 
 } // namespace

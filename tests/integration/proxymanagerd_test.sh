@@ -40,13 +40,11 @@ started|(true,)|ask Interface.checkServicestarted
 off|(('off', '', '', 'n', '', ''),)|ask Interface.getProxyconfig
 wrong arguments|1|ask Interface.updateProxyconfig 1 2>&1 | grep -c -i invalid
 manual|(0,)|ask Interface.updateProxyconfig Manual p:1 '' true u 'secret word'
-for any URL|(['manual', 'p:1'],)|ask Interface.getProxyurl 'not even a URL'
 refused|(1,)(2,)(3,)(4,)|refusals
 unchanged|(('manual', 'p:1', '', 'y', 'u', 'secret word'),)|ask Interface.getProxyconfig
 an event|()|ask Debug.emitStateEvent 7
 the name has an owner|69|status_of "$build/proxymanagerd"
 wrong proxy|64|status_of "$build/proxymanagerd" --manual p
-no password file|64|status_of "$build/proxymanagerd" --user u --password-file /nowhere
 TABLE
 stop proxy-manager
 wait_until signals grep -q 'int32 0' "$work/signals"
@@ -75,7 +73,6 @@ get|mode: manualproxy: p:2PAC URL: option flag: nouser name: vpassword: set|ctl 
 JSON|{"mode":"manual","proxyUrl":"p:2","pacUrl":null,"optionFlag":false,"userName":"v","passwordSet":true}|ctl get --json | tr -d ' '
 of the user's|http://a/: manual p:2 (user name v)|ctl url http://a/
 refused|4 1|echo "$(status_of ctl set manual p:1 --user "$(printf %02000d 0)") $(grep -c 'refused the configuration (result 4)' "$work/err")"
-a name like a scheme|proxy: http:1|ctl set manual http:1 && ctl get | sed -n 2p
 password without user|64|status_of ctl set manual p:1 --password-stdin
 no port|64|status_of ctl url http://a/ http://a:x/
 a script|http://a/: pacurl PROXY a:80; DIRECThttps://b:1/c: pacurl DIRECT|ctl set pac "file://$work/a.pac"; ctl url http://a/ https://b:1/c

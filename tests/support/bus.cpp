@@ -20,10 +20,10 @@ void PrivateBus::start(const std::string &rules)
                       "</listen><auth>EXTERNAL</auth><policy context='default'><allow user='*'/>"
                       "<allow send_destination='*'/><allow receive_sender='*'/><allow own='*'/></policy>" +
                       rules + "</busconfig>");
-    daemon_ = std::make_unique<Program>(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog",
-                                                                 "--print-address", "--config-file=" + file});
-    if (!daemon_->wait_for("\n"))
-        throw std::runtime_error("no dbus-daemon: " + daemon_->err());
+    daemon = std::make_unique<Program>(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog",
+                                                                "--print-address", "--config-file=" + file});
+    if (!daemon->wait_for("\n"))
+        throw std::runtime_error("no dbus-daemon: " + daemon->err());
 }
 
 std::unique_ptr<Program> start_manager(std::vector<std::string> options)

@@ -34,8 +34,6 @@ class Program
 public:
     explicit Program(std::vector<std::string> command);
     ~Program() { end(SIGTERM); }
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
 
     // Waits until the standard output, or the standard error, holds the text.
     bool wait_for(const std::string &text) const;
