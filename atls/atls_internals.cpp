@@ -638,8 +638,15 @@ int init_al_ssl(atls_handle **handle)
         return unwind(ATLS_SETUP_FAILED);
     }
     tlsplat_destroy_sec_ctx(sec_ctx);
+    sec_ctx = nullptr;
     SSL_set_bio(ssl, read_bio, write_bio);
+    ERR_clear_error();
     SSL_set_connect_state(ssl);
+    if (ERR_peek_error() !=
+        0) { // since OpenSSL 3.2 it may lack memory; an engine without it crashes when it is used
+        syslog(LOG_ERR, "%s: Failed to create ATLS SSL object", __func__);
+        return unwind(ATLS_SETUP_FAILED);
+    }
     // Session tickets in front of an answer are read over; record buffers, 33 KB, are held only while in use.
     SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY | SSL_MODE_RELEASE_BUFFERS);
     syslog(LOG_DEBUG, "%s: Application layer initialized!", __func__);
