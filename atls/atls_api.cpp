@@ -287,6 +287,7 @@ void drop_rest_of_earlier_answer(const Post &post)
     const int dropped = drop_plaintext(ssl);
     if (dropped > 0)
         syslog(LOG_ERR, "%s: [%d] bytes behind the end of the last answer dropped", EXCHANGE, dropped);
+    give_back_bio_room(post.read_bio);
 }
 
 // Reads one answer from the engine: it ends with the first read that is not full.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -23,6 +24,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "bio_room.h"
 #include "device_key.h"
 #include "error_queue.h"
 #include "fips.h"
@@ -638,8 +640,15 @@ int init_al_ssl(atls_handle **handle)
         return unwind(ATLS_SETUP_FAILED);
     }
     tlsplat_destroy_sec_ctx(sec_ctx);
+    sec_ctx = nullptr;
     SSL_set_bio(ssl, read_bio, write_bio);
+    ERR_clear_error();
     SSL_set_connect_state(ssl);
+    if (ERR_peek_error() !=
+        0) { // since OpenSSL 3.2 it may lack memory; an engine without it crashes when it is used
+        syslog(LOG_ERR, "%s: Failed to create ATLS SSL object", __func__);
+        return unwind(ATLS_SETUP_FAILED);
+    }
     // Session tickets in front of an answer are read over; record buffers, 33 KB, are held only while in use.
     SSL_set_mode(ssl, SSL_MODE_AUTO_RETRY | SSL_MODE_RELEASE_BUFFERS);
     syslog(LOG_DEBUG, "%s: Application layer initialized!", __func__);
@@ -689,8 +698,7 @@ bool copy_bytes(char *to, const char *from, size_t count)
 
 } // namespace
 
-GrowingBlock::GrowingBlock(char *data, size_t size)
-    : data_(data), size_(data ? size : 0), room_(room_for(size_))
+GrowingBlock::GrowingBlock(char *data, size_t size) : data_(data), size_(data ? size : 0), room_(size_)
 {
 }
 
@@ -1219,8 +1227,8 @@ void set_clock_unless_set(const char *header)
 
 int feed_engine(Post &post)
 {
-    const int size = static_cast<int>(post.body.size);
-    if (BIO_write(post.read_bio, post.body.data, size) < size) {
+    const auto size = static_cast<int>(std::min(post.body.size, size_t{INT_MAX}));
+    if (post.body.size > INT_MAX || BIO_write(post.read_bio, post.body.data, size) < size) {
         syslog(LOG_ERR, "%s: Failed to read flight response of size=>[%d]", HANDSHAKE, size);
         return ATLS_HANDSHAKE_FAILED;
     }
@@ -1263,7 +1271,10 @@ int atls_handshake(atls_handle *handle)
     int result = prepare_handshake(state);
     while (result == ATLS_OK && !continue_handshake(state))
         result = exchange_flights(state);
-    if (result != ATLS_OK)
+    if (result == ATLS_OK) {
+        give_back_bio_room(state.post.read_bio); // a long chain of certificates took it
+        give_back_bio_room(state.post.write_bio);
+    } else
         atls_handshake_cleanup(handle, &state.post.body, &state.post.header);
     if (result != ATLS_INVALID_INPUT) // the engine has not been touched
         leave_reason(state);

@@ -91,7 +91,7 @@ class GrowingBlock
 {
 public:
     GrowingBlock() = default;
-    // Takes over a block that another of this class, of the same size, has released.
+    // Takes over a block of at least this size. What it may have beyond is not known.
     GrowingBlock(char *data, size_t size);
     ~GrowingBlock();
     GrowingBlock(const GrowingBlock &) = delete;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <utility>
 
 #include <openssl/crypto.h>
 #include <pthread.h>
@@ -16,15 +17,16 @@ namespace exit_gate
 {
 
 inline std::atomic<bool> closed{false};
-inline std::atomic<int> threads_inside{0};
-inline thread_local int depth = 0; // of this thread's calls, one within the other
+inline std::atomic<int> threads_inside{0}; // by calls that began before
+inline thread_local bool counted = false;  // this thread among them
+inline thread_local int depth = 0;         // of this thread's calls, one within the other
 
 // Waits a second at most: a thread that waits for the network that long will hardly wake up in the rest of the time.
 inline void close_and_wait()
 {
     using namespace std::chrono_literals;
     closed = true;
-    const int own = depth > 0 ? 1 : 0; // the thread that ends the program may be inside, too
+    const int own = counted ? 1 : 0; // the thread that ends the program may be inside, too
     for (auto waited = 0ms; waited < 1s && threads_inside > own; waited += 1ms)
         std::this_thread::sleep_for(1ms);
 }
@@ -32,7 +34,7 @@ inline void close_and_wait()
 inline void register_handlers()
 {
     (void)OPENSSL_atexit(close_and_wait);
-    (void)pthread_atfork(nullptr, nullptr, [] { threads_inside = depth > 0 ? 1 : 0; });
+    (void)pthread_atfork(nullptr, nullptr, [] { threads_inside = counted ? 1 : 0; });
 }
 
 } // namespace exit_gate
@@ -47,12 +49,14 @@ public:
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &former_state_);
         static pthread_once_t once = PTHREAD_ONCE_INIT;
         pthread_once(&once, exit_gate::register_handlers);
-        if (exit_gate::depth++ == 0)
+        if (exit_gate::depth++ == 0 && !exit_gate::closed) {
+            exit_gate::counted = true;
             exit_gate::threads_inside++;
+        }
     }
     ~LibraryCall() noexcept(false)
     {
-        if (--exit_gate::depth == 0)
+        if (--exit_gate::depth == 0 && std::exchange(exit_gate::counted, false))
             exit_gate::threads_inside--;
         pthread_setcancelstate(former_state_, nullptr);
     }

@@ -43,7 +43,7 @@
  * file.
  *
  * The program's own: the connection's socket is closed on exec. A SIGPIPE and a SIGXFSZ (file size limit) of
- * the library's writes do not reach the program.
+ * the library's writes do not reach the program, but for what syslog itself writes under LOG_PERROR.
  */
 #ifndef ATLS_H
 #define ATLS_H

@@ -212,10 +212,9 @@ TEST(Arguments, AreChecked)
 // libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
 TEST(Handshake, NeedsNoStandardStreams)
 {
-    testing::FLAGS_gtest_death_test_style = "threadsafe"; // a fork would copy locks of the service's threads
     test::Link link;
-    link.start();
     const auto connects = [&](bool numbers_are_taken) {
+        link.start(); // not before the fork, which would copy locks of the service's threads
         for (int stream = 0; stream < 3; stream++)
             close(stream);
         for (int stream = 0; stream < 3 && numbers_are_taken; stream++)

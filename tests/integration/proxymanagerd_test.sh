@@ -65,7 +65,7 @@ function FindProxyForURL(url, host) {
 SCRIPT
 echo "{" >"$work/bad.pac"
 echo "secret word" >"$work/password"
-start_proxy_manager --state-file "$state" --manual p:1 --user u --password-file "$work/password" --script-limit 2
+start_proxy_manager --state-file "$state" --manual p:1 --user u --password-file "$work/password" --script-limit 5
 check_rows <<'TABLE'
 begins as told|(('manual', 'p:1', '', 'n', 'u', 'secret word'),)|ask Interface.getProxyconfig
 set||ctl set manual p:2 --user v --password-stdin <<<secret

@@ -50,6 +50,7 @@ std::atomic<long> connect_status{0};
 
 // Points that the library passes, and the one that is to fail.
 thread_local bool inside = false;
+thread_local bool inside_libcurl = false; // not all of its versions bear it that OpenSSL lacks memory
 std::atomic<bool> armed{false};
 std::atomic<int> passed{0};
 std::atomic<int> failing_point{0};
@@ -130,6 +131,11 @@ void set_inside(bool is_inside)
     inside = is_inside;
 }
 
+bool openssl_fails()
+{
+    return !inside_libcurl && fails("BUF_MEM_grow");
+}
+
 bool fails(const char *point)
 {
     if (!inside || !armed || ++passed != failing_point)
@@ -151,13 +157,6 @@ std::string log_of(int priority)
 
 using interpose::fails;
 
-// Every post finds that the peer has closed the connection, as old versions of libcurl and OpenSSL tell it.
-static CURL *broken(CURL *curl)
-{
-    raise(SIGPIPE);
-    return curl;
-}
-
 // ---- Calls of the objects under test, which the linker's option --wrap leads here
 
 // Result, what it is on failure, name, parameters, arguments.
@@ -174,7 +173,6 @@ ALLOCATORS(__wrap_, __real_, !fails(point))
 POINT(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
 POINT(int, -1, socketpair, (int domain, int type, int protocol, int *pair), (domain, type, protocol, pair))
 POINT(CURL *, nullptr, curl_easy_init, (), ())
-POINT(CURLcode, CURLE_COULDNT_CONNECT, curl_easy_perform, (CURL * curl), (broken(curl)))
 POINT(curl_slist *, nullptr, curl_slist_append, (curl_slist * list, const char *text), (list, text))
 POINT(BIO *, nullptr, BIO_new, (const BIO_METHOD *method), (method))
 POINT(int, -1, BIO_read, (BIO * bio, void *data, int length), (bio, data, length))
@@ -206,6 +204,7 @@ extern "C" {
 
 CURLcode __real_curl_easy_setopt(CURL *curl, CURLoption option, ...);
 CURLcode __real_curl_easy_getinfo(CURL *curl, CURLINFO info, ...);
+CURLcode __real_curl_easy_perform(CURL *curl);
 int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*function)(void *),
                           void *argument);
 
@@ -260,6 +259,18 @@ CURLcode __wrap_curl_easy_getinfo(CURL *curl, CURLINFO info, ...)
         return CURLE_OK;
     }
     return fails("curl_easy_getinfo") ? CURLE_UNKNOWN_OPTION : __real_curl_easy_getinfo(curl, info, value);
+}
+
+// Every post finds that the peer has closed the connection, as old versions of libcurl and OpenSSL tell it.
+CURLcode __wrap_curl_easy_perform(CURL *curl)
+{
+    if (fails("curl_easy_perform"))
+        return CURLE_COULDNT_CONNECT;
+    raise(SIGPIPE);
+    inside_libcurl = true;
+    const CURLcode result = __real_curl_easy_perform(curl);
+    inside_libcurl = false;
+    return result;
 }
 
 // The threads that the library starts pass its points, too.

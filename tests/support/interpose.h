@@ -35,6 +35,7 @@ void arm(int nth);             // the nth point from now fails; none with 0
 int disarm();                  // how many points were passed since then
 std::string failed();          // the point that failed; "" when none did
 bool fails(const char *point); // passes a point
+bool openssl_fails();          // passes the point of a request by OpenSSL on its own behalf
 
 std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
 

@@ -24,7 +24,7 @@ __attribute__((section(".preinit_array"), used)) void (*const count_bios)() = []
     const auto allocate = [](size_t size, const char *file, int) {
         const bool for_bio =
             file && (strstr(file, "buffer.c") || strstr(file, "bio_room.h")); // newer ones do not tell
-        return for_bio && interpose::fails("BUF_MEM_grow") ? nullptr : __real_malloc(size);
+        return for_bio && interpose::openssl_fails() ? nullptr : __real_malloc(size);
     };
     if (CRYPTO_set_mem_functions(allocate, nullptr, nullptr) != 1)
         abort();
