@@ -222,8 +222,8 @@ TEST_F(RunningClient, FailsAllCallsWhenTheBusIsLost)
     bus.kill();
     for (auto &caller : callers)
         EXPECT_EQ(caller.get(), "0");
-    EXPECT_FALSE(check_service_started());
     EXPECT_LT(secondsSince(start), 15);
+    EXPECT_FALSE(check_service_started());
     const std::clock_t cpu = std::clock();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     EXPECT_LT(std::clock() - cpu, CLOCKS_PER_SEC / 10) << "the thread is idle";

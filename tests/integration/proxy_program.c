@@ -84,9 +84,16 @@ static void *use_client(void *unused)
     return unused;
 }
 
-static void start_user(void)
+static void *clean_up_without_end(void *unused)
 {
-    assert(pthread_create(&(pthread_t){0}, NULL, use_client, NULL) == 0);
+    for (;;)
+        cleanup_proxy_manager_client();
+    return unused;
+}
+
+static void start_thread(void *(*function)(void *))
+{
+    assert(pthread_create(&(pthread_t){0}, NULL, function, NULL) == 0);
 }
 
 /* In the child everything is neutral, and the parent does not notice. */
@@ -110,7 +117,7 @@ static void run_fork(void)
     sem_wait(&events);
     assert(get_proxy_url("http://a/").mode == 2);
     assert(cleanup_proxy_manager_client() == 1);
-    start_user(); /* whoever holds the library's lock when a child is forked is not in the child */
+    start_thread(clean_up_without_end); /* whoever has the lock when a child is forked is not in the child */
     for (int i = 0; i < 60; i++) {
         const pid_t other = fork();
         if (other == 0) {
@@ -125,7 +132,7 @@ static void run_fork(void)
 static void end_slowly(void)
 {
     static char text[200000];
-    start_user();
+    start_thread(use_client);
     setvbuf(stdout, text, _IOFBF, sizeof text);
     printf("%*s", (int)sizeof text - 1, "");
 }
