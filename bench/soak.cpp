@@ -33,8 +33,8 @@ using Operation = std::function<int()>;
 
 constexpr unsigned HOSTS = 80; // more than the client's cache holds
 constexpr double LONGEST_MESSAGE = 200000;
-constexpr auto WARM_UP = 20s;              // fills what is allocated once
-constexpr auto TABLE_EVERY = 30s;          // the dump files are removed as often
+constexpr auto WARM_UP = 20s;     // fills what is allocated once; a shorter run tells nothing of memory
+constexpr auto TABLE_EVERY = 30s; // the dump files are removed as often
 constexpr unsigned PATIENCE_SECONDS = 240; // no call may take longer
 
 // What the process holds, how much more of it there may be at the end, and at most how much more dbus-c++ keeps for ever
@@ -70,7 +70,7 @@ public:
 
     bool run(Clock::duration time)
     {
-        everything_for(WARM_UP);
+        everything_for(std::min<Clock::duration>(time, WARM_UP));
         before_ = footprint();
         closed_connections_ = 0;
         everything_for(time);
@@ -81,7 +81,7 @@ public:
             printf("longest %.6f s\n", longest_.at(kind));
         }
         printf("wrong answers and undefined results: %d\n", faults_.load());
-        return print_table() && faults_ == 0;
+        return (print_table() || time < WARM_UP) && faults_ == 0;
     }
 
 private:
@@ -174,12 +174,15 @@ private:
         const bool manual = mode == PROXY_MODE_MANUAL;
         std::string proxy = manual ? a_.address() : "", user = manual ? "device" : "";
         std::string pac = mode == PROXY_MODE_PACURL ? folder_.path("pac1") : "";
+        const std::string words = manual                      ? "manual " + proxy + " --user " + user
+                                  : mode == PROXY_MODE_PACURL ? "pac " + pac
+                                                              : proxyMode2Str(mode);
         if (number % 2 == 0)
             shared("configure", {0}, [&] {
                 return update_proxy_config({mode, proxy.data(), pac.data(), false, user.data(), user.data()});
             });
-        else if (ask("updateProxyconfig", {proxyMode2Str(mode), proxy, pac, "false", user, user}) != "(0,)")
-            fault("wrong answer to gdbus");
+        else if (Program({"sh", "-c", "exec \"$0\" set " + words, PROXYMANAGERCTL}).end() != 0)
+            fault("wrong answer to proxymanagerctl");
         shared("service started?", {1}, check_service_started); // the answer comes behind the signals
         shared("configured (its mode)", {mode}, [] {
             ProxyManagerConfig config = get_http_proxy_config();

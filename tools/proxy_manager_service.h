@@ -1,6 +1,5 @@
 // The stand-in proxy manager service on a D-Bus bus: modes off, manual, PAC and WPAD, with the methods and
-// signals that data/com.halvo.ProxyManagerServiceInterface.xml describes. A library, so that the program
-// proxymanagerd and the tests run the same service.
+// signals that data/com.halvo.ProxyManagerServiceInterface.xml describes.
 #ifndef TOOLS_PROXY_MANAGER_SERVICE_H
 #define TOOLS_PROXY_MANAGER_SERVICE_H
 

@@ -43,30 +43,23 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
         }
         atls_handle_cleanup(&link_.handle);
     }
-    ASSERT_EQ(link_.connect(), ATLS_OK);
-    for (const size_t size :
-         {100, 16383, 16384, 16385, 32768, 1048577, 3000000}) { // full records cannot be read
-        link_.reply = size;
-        const bool readable = size % 16384 != 0;
-        EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
-        EXPECT_TRUE(link_.body() == (readable ? test::pattern(size) : "")) << size;
-    }
-}
-
-TEST_P(Connection, NeedsTheLeastPostsAndOneTcpConnection)
-{
-    link_.start();
+    // The least posts, on one TCP connection.
+    link_.posted.clear();
+    const size_t sessions = link_.service->session_count();
     ASSERT_EQ(link_.connect(), ATLS_OK);
     EXPECT_EQ(link_.posted.size(), tls13() ? 1u : 2u);
-    for (int i = 0; i < 3; i++) {
-        ASSERT_EQ(link_.exchange("hello"), ATLS_OK);
+    EXPECT_EQ(interpose::log_of(LOG_ERR), "");
+    for (const size_t size : {100, 16383, 16384, 16385, 32768, 1048577, 3000000}) {
+        link_.reply = size;
+        const bool readable = size % 16384 != 0; // full records cannot be read
+        EXPECT_EQ(link_.exchange("x"), readable ? ATLS_OK : ATLS_BAD_RESPONSE) << size;
+        EXPECT_TRUE(link_.body() == (readable ? test::pattern(size) : "")) << size;
         long connects = -1;
         curl_easy_getinfo(link_.handle->curl, CURLINFO_NUM_CONNECTS, &connects);
         EXPECT_EQ(connects, 0);
     }
-    EXPECT_EQ(link_.service->session_count(), 1u) << "the cookie led to the session each time";
+    EXPECT_EQ(link_.service->session_count(), sessions + 1) << "the cookie led to the session each time";
     EXPECT_STREQ(link_.answer.tracking_id, "track");
-    EXPECT_EQ(interpose::log_of(LOG_ERR), "");
     EXPECT_EQ(link_.connect(), ATLS_INVALID_INPUT) << "connected already";
     EXPECT_EQ(link_.exchange("still connected"), ATLS_OK);
 }
@@ -281,19 +274,18 @@ TEST(Handshake, SetsTheClockUnlessItIsSet)
         reply.headers.emplace("Date", "Wed, 18 Nov 2037 10:20:30 GMT");
     };
     link.start();
-    const auto settings = [&](bool settable) {
+    const std::tuple<std::string, bool, size_t> cases[] = {
+        {"", false, 2}, {"", true, 1}, {"http", true, 0}, {"ntp", true, 0}, {"user", true, 0}};
+    for (const auto &[setter, settable, settings] : cases) {
+        const std::string marker = "/tmp/.stime-by-" + (setter.empty() ? "http" : setter);
+        if (!setter.empty())
+            test::write_file(marker, "");
         interpose::reset(0, 0, settable);
         EXPECT_EQ(link.connect(), ATLS_OK);
+        EXPECT_EQ(interpose::kept().clock_settings.size(), settings) << marker;
+        EXPECT_EQ(log_capture::contains("Looking up Date"), setter.empty()) << marker;
+        EXPECT_EQ(unlink(marker.c_str()) == 0, settable) << marker;
         atls_handle_cleanup(&link.handle);
-        return interpose::kept().clock_settings.size();
-    };
-    EXPECT_EQ(settings(false), 2u);
-    EXPECT_EQ(settings(true), 1u) << "the marker is there in the second cycle";
-    for (const char *marker : {"/tmp/.stime-by-http", "/tmp/.stime-by-ntp", "/tmp/.stime-by-user"}) {
-        test::write_file(marker, "");
-        EXPECT_EQ(settings(true), 0u) << marker;
-        EXPECT_FALSE(log_capture::contains("Looking up Date"));
-        unlink(marker);
     }
 }
 

@@ -6,23 +6,11 @@ work=$(mktemp -d)
 device=$build/examples/device # compiled into the example of a platform layer
 . "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work" "$device"' EXIT
-trap 'echo "failed: $BASH_COMMAND" >&2' ERR
-unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
+. "$source/tests/support/checks.sh"
 
 post() {
     # shellcheck disable=SC2086
     ${LAUNCHER:-} "$build/atls-post" "$@"
-}
-
-passed=0
-check() { # check WHAT EXPECTED ACTUAL
-    [ "$2" = "$3" ] || { printf 'FAILED: %s\nexpected: %s\nactual:   %s\n' "$1" "$2" "$3" >&2; exit 1; }
-    passed=$((passed + 1))
-}
-status_of() { # runs a command, prints its exit status; what it writes is in $work/out and $work/err
-    local status=0
-    "$@" >"$work/out" 2>"$work/err" </dev/null || status=$?
-    echo "$status"
 }
 
 # Exactly the documented symbols, each of them defined.
@@ -90,11 +78,12 @@ check "the explanation" "x
 check "nothing but the explanation" "" "$(grep -v -e '^  ' -e "^atls-post: $url" "$work/err" || true)"
 check "no words of a peer in the explanation" "" \
     "$(status_of post --explain --log debug -n 2 "$url" "x connect with http proxy:evil" >"$work/status"; grep '^  .*evil' "$work/err" || true)"
-check "no proxy manager" "  proxies offered none: the proxy manager cannot be reached" \
-    "$(DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none status_of post --explain "$url" x >"$work/status"; grep offered "$work/err")"
+for missing in service bus; do
+    if [ $missing = service ]; then stop proxy-manager; else stop bus; fi
+    check "no $missing" "0 x  proxies offered none: the proxy manager cannot be reached" \
+        "$(status_of post --explain "$url" x) $(cat "$work/out"; grep offered "$work/err")"
+done
 check "explained failure" "3   carried by      nothing" "$(status_of post --explain https://127.0.0.1:1/ x) $(grep carried "$work/err")"
-stop proxy-manager
-stop bus
 
 # Wrong usage: status 64 and one line; the library's own results otherwise.
 while IFS='|' read -r expected arguments; do
@@ -126,20 +115,22 @@ connections() { # runs a command; prints its status, its output's bytes and how 
     : >"$work/service.log"
     echo "$(status_of "$@") $(wc -c <"$work/out") $(grep -c established "$work/service.log")"
 }
-run_stripping_front() { # run_stripping_front PORT: no answer that passes it is marked
+run_front() { # run_front PORT: a real one with HTTP/2, which takes the mark from the answers of one folder
     printf '%s\n' "user root; daemon off; pid $work/pid; error_log $work/front-error; events {}" "http { access_log off;" \
         "$(for kind in client_body proxy fastcgi uwsgi scgi; do echo "${kind}_temp_path $work/front-$kind;"; done)" \
-        "server { listen 127.0.0.1:$1 ssl; ssl_certificate $work/service/front-cert.pem;" \
+        "client_max_body_size 8m; server { listen 127.0.0.1:$1 ssl http2; ssl_certificate $work/service/front-cert.pem;" \
         "ssl_certificate_key $work/service/front-key.pem;" \
-        "location / { proxy_pass $service_url; proxy_hide_header Content-Type; } } }" >"$work/front.conf"
+        "location / { proxy_pass $service_url; } location /unmarked {" \
+        "proxy_pass $service_url; proxy_hide_header Content-Type; } } }" >"$work/front.conf"
     exec /usr/sbin/nginx -e "$work/front-error" -c "$work/front.conf"
 }
 start_service --max-fragment 512 --key-updates
-start_on_free_port front run_stripping_front PORT
+start_on_free_port front run_front PORT
 check "whole answers" "0 1022 1" "$(connections post -n 2 "$service_url/" "@"<(head -c 511 "$work/big"))"
 check "answers in short records" "4 0 2" "$(connections post -n 2 "$service_url/" "@"<(head -c 600 "$work/big"))"
 check "the cause" 2 "$(grep -c 'several short TLS records' "$work/err")"
-check "unmarked answers" "0 2" "$(connections post --explain -n 2 "https://127.0.0.1:$port/" x | cut -d ' ' -f 1,3)"
+check "over HTTP/2" "x Server: nginx" "$(post -i "https://127.0.0.1:$port/" x | tr -d '\r' | sed -n 's/^\(Server: nginx\).*/\1/p; $p' | sort -r | xargs)"
+check "unmarked answers" "0 2" "$(connections post --explain -n 2 "https://127.0.0.1:$port/unmarked" x | cut -d ' ' -f 1,3)"
 check "told" 1 "$(grep -c '^  connected anew  1 time,' "$work/err")"
 stop front
 stop service

@@ -29,45 +29,43 @@ TEST_F(ProxyTest, AThousandLivesLeaveNothingBehind)
 {
     log_capture::record(false);
     ScriptedService service;
-    const auto count = [] { return std::pair(count_in("/proc/self/fd"), count_in("/proc/self/task")); };
-    auto counted = count();
+    long files = 0, threads = 0;
     size_t heap = 0;
     for (int cycle = 0; cycle < 1000; cycle++) {
         if (cycle == 20) {
-            counted = count();
+            files = count_in("/proc/self/fd");
+            threads = count_in("/proc/self/task");
             heap = heap_in_use();
         }
         std::vector<std::thread> creators; // at once, of one client
-        for (int i = 0; i < (cycle % 50 == 30 ? 8 : 0); i++)
+        for (int i = 0; i < (cycle % 50 == 30 ? 8 : 1); i++)
             creators.emplace_back([] { EXPECT_EQ(create_proxy_manager_client(), 1); });
         for (std::thread &creator : creators)
             creator.join();
-        ASSERT_EQ(create_proxy_manager_client(), 1);
-        if (cycle % 2 == 0) {
-            ASSERT_EQ(toText(get_proxy_url("http://a/")), USUAL_ANSWER);
-        }
+        EXPECT_TRUE(cycle % 2 == 0 || toText(get_proxy_url("http://a/")) == USUAL_ANSWER);
         ASSERT_EQ(cleanup_proxy_manager_client(), 1);
     }
-    EXPECT_EQ(count().first, counted.first);
-    EXPECT_LE(count().second, counted.second); // idle threads of GLib end by themselves
+    EXPECT_EQ(count_in("/proc/self/fd"), files);
+    EXPECT_LE(count_in("/proc/self/task"), threads); // idle threads of GLib end by themselves
     EXPECT_LT(heap_in_use(), heap + size_t{980} * 2000);
 }
 
-TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
+TEST_F(RunningClient, AKeptConnectionServesTheNextClientAlone)
 {
-    auto service = std::make_unique<ScriptedService>();
-    ASSERT_EQ(create_proxy_manager_client(), 1);
-    set_proxy_manager_event_cb(0, Events::callback);
+    const auto hears = [&](int type) {
+        ASSERT_EQ(create_proxy_manager_client(), 1);
+        set_proxy_manager_event_cb(0, Events::callback);
+        service->emitState(type);
+        EXPECT_EQ(Events::take(1), std::vector<int>{type});
+    };
+    hears(1);
     const std::string name = dbus_conn->unique_name();
     EXPECT_EQ(cleanup_without_conn(), 1);
     service->emit("ProxyMgrStateEvent", "(1,)", name); // for nobody
     service->emit("notifyProxyConfigupdated", "('off', '', '', '')", name);
     service->sync(); // the bus has passed it on by now
-    ASSERT_EQ(create_proxy_manager_client(), 1);
+    hears(2);
     EXPECT_EQ(dbus_conn->unique_name(), name);
-    set_proxy_manager_event_cb(0, Events::callback);
-    service->emitState(2);
-    EXPECT_EQ(Events::take(1), std::vector<int>{2});
     EXPECT_EQ(configText().substr(0, 1), "2") << "of the service, not of the former client";
 
     // A failed create keeps the connection as well; one that is dead by then is replaced.
@@ -82,10 +80,7 @@ TEST_F(ProxyTest, AKeptConnectionServesTheNextClientAlone)
     bus.kill();
     bus.start();
     service = std::make_unique<ScriptedService>();
-    ASSERT_EQ(create_proxy_manager_client(), 1);
-    set_proxy_manager_event_cb(0, Events::callback);
-    service->emitState(3);
-    EXPECT_EQ(Events::take(1), std::vector<int>{3});
+    hears(3);
     EXPECT_EQ(cleanup_proxy_manager_client(), 1);
     EXPECT_EQ(dbus_conn, nullptr);
 }
@@ -100,12 +95,10 @@ TEST_F(ProxyTest, AProgramMayBringItsOwnConnection)
         EXPECT_EQ(create_proxy_manager_client(), 1);
         EXPECT_EQ(dbus_conn, nullptr);
         set_proxy_manager_event_cb(0, Events::callback);
-        std::thread loop([] { dbusLoopFunc(nullptr); });
-        for (int i = 0; i < 20; i++) {
-            service.emitState(i);
-            EXPECT_TRUE(check_service_started());
-            EXPECT_EQ(Events::take(1), std::vector<int>{i});
-        }
+        std::thread loop(dbusLoopFunc, nullptr);
+        service.emitState(round);
+        EXPECT_TRUE(check_service_started());
+        EXPECT_EQ(Events::take(1), std::vector<int>{round});
         dbus_dispatcher.leave(); // to the compiler this is leave() of the base class
         loop.join();
         EXPECT_EQ(cleanup_without_conn(), 1);
@@ -130,15 +123,14 @@ TEST_F(ProxyTest, ProcessesEndWell)
     ScriptedService service;
     std::atomic<bool> stop{false};
     std::thread sender([&] {
-        while (!stop)
-            service.emitState(9);
+        for (; !stop; service.emitState(9)) {
+        }
     });
     for (int i = 0; i < 25; i++) {
         EXPECT_EQ(outcome("exit"), "");
         EXPECT_EQ(outcome("exit-in-callback"), "");
     }
-    Program busy({PROXY_PROGRAM, "exit-in-use"});
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    Program busy({"bash", "-o", "pipefail", "-c", "\"$0\" exit-in-use | (sleep 0.5; cat)", PROXY_PROGRAM});
     EXPECT_EQ(busy.end(), 0) << busy.err();
     EXPECT_EQ(outcome("fork"), "");
     EXPECT_EQ(outcome("exec"), "0\n1\n2\n3\n") << "ls has the standard ones and the folder";

@@ -50,9 +50,8 @@ static void on_event(ProxyMgrEventType type)
     (void)type;
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, NULL, &blocked);
-    assert(!sigismember(&blocked, SIGSEGV) && !sigismember(&blocked, SIGBUS));
-    assert(!sigismember(&blocked, SIGFPE) && !sigismember(&blocked, SIGILL) &&
-           sigismember(&blocked, SIGTERM));
+    for (const char *fault = (char[]){SIGSEGV, SIGBUS, SIGFPE, SIGILL, 0}; *fault; fault++)
+        assert(!sigismember(&blocked, *fault) && sigismember(&blocked, SIGTERM));
     sem_post(&events);
 }
 
@@ -73,6 +72,18 @@ static void on_event_exit(ProxyMgrEventType type)
     exit(0);
 }
 
+/* Calls of all kinds, also while the process is ending. */
+static void *use_client(void *unused)
+{
+    for (;;) {
+        create_proxy_manager_client();
+        check_service_started();
+        get_proxy_url("http://b/");
+        cleanup_proxy_manager_client();
+    }
+    return unused;
+}
+
 static void *clean_up_without_end(void *unused)
 {
     for (;;)
@@ -80,19 +91,9 @@ static void *clean_up_without_end(void *unused)
     return unused;
 }
 
-/* Whoever holds the library's lock when a child is forked is not in the child. */
-static void run_forks(void)
+static void start_thread(void *(*function)(void *))
 {
-    pthread_t other;
-    assert(pthread_create(&other, NULL, clean_up_without_end, NULL) == 0);
-    for (int i = 0; i < 60; i++) {
-        const pid_t child = fork();
-        if (child == 0) {
-            alarm(20);
-            _exit(cleanup_proxy_manager_client());
-        }
-        wait_for_child(child);
-    }
+    assert(pthread_create(&(pthread_t){0}, NULL, function, NULL) == 0);
 }
 
 /* In the child everything is neutral, and the parent does not notice. */
@@ -116,31 +117,24 @@ static void run_fork(void)
     sem_wait(&events);
     assert(get_proxy_url("http://a/").mode == 2);
     assert(cleanup_proxy_manager_client() == 1);
-    run_forks();
-}
-
-/* Calls of all kinds, begun when the process is about to end. */
-static void *use_client(void *unused)
-{
-    usleep(100000);
-    for (;;) {
-        create_proxy_manager_client();
-        check_service_started();
-        get_proxy_url("http://b/");
-        cleanup_proxy_manager_client();
+    start_thread(clean_up_without_end); /* whoever has the lock when a child is forked is not in the child */
+    for (int i = 0; i < 60; i++) {
+        const pid_t other = fork();
+        if (other == 0) {
+            alarm(20);
+            _exit(cleanup_proxy_manager_client());
+        }
+        wait_for_child(other);
     }
-    return unused;
 }
 
 /* The end of the process waits for whoever reads this, when all that the library does at the end is done. */
 static void end_slowly(void)
 {
     static char text[200000];
-    pthread_t user;
-    assert(pthread_create(&user, NULL, use_client, NULL) == 0);
+    start_thread(use_client);
     setvbuf(stdout, text, _IOFBF, sizeof text);
-    for (size_t i = 0; i < sizeof text - 1; i++)
-        putchar(' ');
+    printf("%*s", (int)sizeof text - 1, "");
 }
 
 /* The program closes all that it does not know, and opens files under the same numbers. */
@@ -201,10 +195,12 @@ int main(int argc, char **argv)
         setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
     }
     assert(create_proxy_manager_client() == 1);
-    set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_event_exit : on_event);
+    set_proxy_manager_event_cb(0, on_event);
     get_proxy_url("http://a/");
-    if (strcmp(what, "exit-in-callback") == 0)
+    if (strcmp(what, "exit-in-callback") == 0) {
+        set_proxy_manager_event_cb(0, on_event_exit);
         pause();
+    }
     if (strcmp(what, "fork") == 0)
         run_fork();
     if (strcmp(what, "closing") == 0)

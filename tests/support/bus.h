@@ -15,24 +15,17 @@ constexpr const char *SERVICE_INTERFACE = "com.halvo.ProxyManagerServiceInterfac
 
 // A dbus-daemon on a socket that is the same for the whole life of the process, since libdbus reads its
 // address once. DBUS_SYSTEM_BUS_ADDRESS names it, for the programs that are started as well.
-class PrivateBus
-{
-public:
+struct PrivateBus {
     // Everything is allowed; rules are added to the configuration of the bus.
     explicit PrivateBus(const std::string &rules = "") { start(rules); }
     void start(const std::string &rules = "");
-    void kill() { daemon_->end(SIGKILL); }
+    void kill() { daemon->end(SIGKILL); }
 
-private:
-    std::unique_ptr<Program> daemon_;
+    std::unique_ptr<Program> daemon;
 };
 
-// The stand-in proxy manager, which is on the bus.
+// The stand-in proxy manager, which is on the bus when it is returned.
 std::unique_ptr<Program> start_manager(std::vector<std::string> options = {});
-
-// Calls "interface.member", or a member of the service's own interface, with gdbus: the answer as it writes
-// it, or the error.
-std::string ask(const std::string &member, const std::vector<std::string> &arguments = {});
 
 } // namespace test
 

@@ -2,6 +2,7 @@
 
 #include "bus_peer.h"
 
+#include <memory>
 #include <stdexcept>
 
 namespace test
@@ -13,14 +14,6 @@ namespace
 GVariant *parse(const std::string &text) // the caller's next call owns it
 {
     return g_variant_new_parsed(text.c_str());
-}
-
-std::string print(GVariant *arguments)
-{
-    char *const text = arguments ? g_variant_print(arguments, FALSE) : g_strdup("()");
-    std::string printed = text;
-    g_free(text);
-    return printed;
 }
 
 template <typename Object>
@@ -48,8 +41,8 @@ BusPeer::~BusPeer()
     g_dbus_connection_remove_filter(connection_, filter_);
     g_dbus_connection_close_sync(connection_, nullptr, nullptr); // on the thread that runs the filter
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (GDBusMessage *call : held_)
-        g_object_unref(call);
+    for (GDBusMessage *reply : held_)
+        g_object_unref(reply);
     g_object_unref(connection_);
 }
 
@@ -65,24 +58,28 @@ GDBusMessage *BusPeer::filter(GDBusConnection *, GDBusMessage *message, gboolean
 void BusPeer::handle(GDBusMessage *call)
 {
     const std::string member = g_dbus_message_get_member(call);
+    GVariant *const arguments = g_dbus_message_get_body(call);
+    const std::unique_ptr<char, void (*)(void *)> text(
+        arguments ? g_variant_print(arguments, FALSE) : g_strdup("()"), g_free);
     const std::lock_guard<std::mutex> lock(mutex_);
     calls_[member]++;
-    lastArguments_ = print(g_dbus_message_get_body(call));
+    lastArguments_ = text.get();
     const Answer &answer = answers_[member];
-    const std::string text = answer ? answer(lastArguments_) : "";
-    if (!answer || !text.empty())
-        reply(call, text);
+    if (answer)
+        held_.push_back(g_dbus_message_new_method_reply(call));
     else
-        held_.push_back(G_DBUS_MESSAGE(g_object_ref(call)));
+        send(g_dbus_message_new_method_error_literal(call, "org.freedesktop.DBus.Error.UnknownMethod", ""),
+             "");
+    const std::string reply = answer ? answer(lastArguments_) : "";
+    if (!reply.empty()) {
+        send(held_.back(), reply);
+        held_.pop_back();
+    }
     changed_.notify_all();
 }
 
-void BusPeer::reply(GDBusMessage *call, const std::string &arguments)
+void BusPeer::send(GDBusMessage *reply, const std::string &arguments)
 {
-    GDBusMessage *reply =
-        arguments.empty()
-            ? g_dbus_message_new_method_error_literal(call, "org.freedesktop.DBus.Error.UnknownMethod", "")
-            : g_dbus_message_new_method_reply(call);
     if (!arguments.empty())
         g_dbus_message_set_body(reply, parse(arguments));
     g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
@@ -95,30 +92,18 @@ void BusPeer::script(const std::string &member, Answer answer)
     answers_[member] = std::move(answer);
 }
 
-void BusPeer::answer(const std::string &member, const std::string &reply)
-{
-    script(member, [reply](const std::string &) { return reply; });
-}
-
 void BusPeer::answerHeld(const std::string &arguments)
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (GDBusMessage *call : std::exchange(held_, {})) {
-        reply(call, arguments);
-        g_object_unref(call);
-    }
+    for (GDBusMessage *reply : std::exchange(held_, {}))
+        send(reply, arguments);
 }
 
-void BusPeer::waitForCalls(const std::string &member, int count)
+int BusPeer::calls(const std::string &member, int atLeast)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!changed_.wait_for(lock, std::chrono::seconds(30), [&] { return calls_[member] >= count; }))
+    if (!changed_.wait_for(lock, std::chrono::seconds(30), [&] { return calls_[member] >= atLeast; }))
         throw std::runtime_error("not called: " + member);
-}
-
-int BusPeer::calls(const std::string &member)
-{
-    const std::lock_guard<std::mutex> lock(mutex_);
     return calls_[member];
 }
 

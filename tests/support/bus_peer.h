@@ -27,12 +27,15 @@ public:
     // answerHeld, and members without a script are answered with an error.
     using Answer = std::function<std::string(const std::string &arguments)>;
     void script(const std::string &member, Answer answer);
-    void answer(const std::string &member, const std::string &reply);
+    void answer(const std::string &member, const std::string &reply)
+    {
+        script(member, [reply](const std::string &) { return reply; });
+    }
     void hold(const std::string &member) { answer(member, ""); }
     void answerHeld(const std::string &reply);
 
-    int calls(const std::string &member);
-    void waitForCalls(const std::string &member, int count); // since the peer was made
+    // Waits for so many calls since the peer was made, and tells how many there were.
+    int calls(const std::string &member, int atLeast = 0);
     std::string lastArguments();
 
     void emit(const std::string &member, const std::string &arguments = "()",
@@ -46,7 +49,7 @@ public:
 private:
     static GDBusMessage *filter(GDBusConnection *, GDBusMessage *message, gboolean incoming, void *peer);
     void handle(GDBusMessage *call);
-    void reply(GDBusMessage *call, const std::string &arguments);
+    void send(GDBusMessage *reply, const std::string &arguments);
 
     GDBusConnection *connection_;
     guint filter_;
@@ -55,7 +58,7 @@ private:
     std::map<std::string, Answer> answers_;
     std::map<std::string, int> calls_;
     std::string lastArguments_;
-    std::vector<GDBusMessage *> held_;
+    std::vector<GDBusMessage *> held_; // their replies
 };
 
 // The service in mode pacurl, answering each URL with one proxy and DIRECT.

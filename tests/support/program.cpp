@@ -2,17 +2,20 @@
 
 #include "program.h"
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
+#include <thread>
 
 #include <fcntl.h>
 #include <malloc.h>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/prctl.h>
+#include <spawn.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -24,17 +27,15 @@ namespace
 {
 
 // Longer than anything takes, sanitizers and valgrind included.
-constexpr int PATIENCE_MS = 30000;
-
-[[noreturn]] void become(char **command, const Descriptor &out, const Descriptor &err)
+bool eventually(const std::function<bool()> &condition)
 {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(out.get(), STDOUT_FILENO);
-    dup2(err.get(), STDERR_FILENO);
-    for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; descriptor++)
-        fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-    execvp(command[0], command);
-    _exit(127);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
 }
 
 } // namespace
@@ -89,48 +90,35 @@ std::string identity(const std::string &name)
 }
 
 Program::Program(std::vector<std::string> command)
+    : out_(memfd_create("output", MFD_CLOEXEC)), err_(memfd_create("error", MFD_CLOEXEC))
 {
+    command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
     std::vector<char *> arguments;
     for (auto &argument : command)
         arguments.push_back(argument.data());
     arguments.push_back(nullptr);
-    int ends[2][2];
-    if (pipe2(ends[0], O_CLOEXEC) != 0 || pipe2(ends[1], O_CLOEXEC) != 0)
-        throw std::runtime_error("no pipe");
-    out_.pipe = Descriptor(ends[0][0]);
-    err_.pipe = Descriptor(ends[1][0]);
-    const Descriptor out(ends[0][1]), err(ends[1][1]);
-    pid_ = fork();
-    if (pid_ == 0)
-        become(arguments.data(), out, err);
-    if (pid_ < 0)
-        throw std::runtime_error("cannot start " + command[0]);
+    for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; descriptor++)
+        fcntl(descriptor, F_SETFD, FD_CLOEXEC); // whoever opened it
+    posix_spawn_file_actions_t streams;
+    posix_spawn_file_actions_init(&streams);
+    posix_spawn_file_actions_adddup2(&streams, out_.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&streams, err_.get(), STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&streams, STDIN_FILENO, "/dev/null", O_RDONLY,
+                                     0); // last: its number may be in use
+    const int error = posix_spawnp(&pid_, arguments[0], &streams, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&streams);
+    if (error)
+        throw std::system_error(error, std::generic_category(), "setpriv");
 }
 
-// Takes what the next event brings; false at the end of the output, or when nothing happens for too long.
-bool Program::pump()
+std::string Program::content(const Descriptor &file)
 {
-    pollfd watched[] = {{out_.pipe.get(), POLLIN, 0}, {err_.pipe.get(), POLLIN, 0}};
-    if ((!out_.pipe && !err_.pipe) || poll(watched, 2, PATIENCE_MS) <= 0)
-        return false;
-    for (const auto &[output, events] : {std::pair(&out_, watched[0].revents), {&err_, watched[1].revents}}) {
-        char buffer[4096];
-        const ssize_t count = events ? read(output->pipe.get(), buffer, sizeof(buffer)) : -1;
-        if (count > 0)
-            output->text.append(buffer, static_cast<size_t>(count));
-        if (count == 0)
-            output->pipe = Descriptor();
-    }
-    return true;
+    return read_file("/proc/self/fd/" + std::to_string(file.get()));
 }
 
-bool Program::wait_for(const Output &output, const std::string &text)
+bool Program::wait_for(const std::string &text) const
 {
-    while (output.text.find(text) == std::string::npos) {
-        if (!pump())
-            return false;
-    }
-    return true;
+    return eventually([&] { return (out() + err()).find(text) != std::string::npos; });
 }
 
 int Program::end(int signal)
@@ -139,12 +127,12 @@ int Program::end(int signal)
         return -1;
     if (signal)
         kill(pid_, signal);
-    while (pump()) {
-    }
-    if (out_.pipe || err_.pipe)
-        kill(pid_, SIGKILL); // it has had its time
     int status = 0;
-    waitpid(std::exchange(pid_, -1), &status, 0);
+    if (!eventually([&] { return waitpid(pid_, &status, WNOHANG) != 0; })) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 

@@ -34,28 +34,19 @@ class Program
 public:
     explicit Program(std::vector<std::string> command);
     ~Program() { end(SIGTERM); }
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
 
-    // Waits until the standard output (or the standard error) holds the text.
-    bool wait_for(const std::string &text) { return wait_for(out_, text); }
-    bool wait_for_error(const std::string &text) { return wait_for(err_, text); }
+    // Waits until the standard output, or the standard error, holds the text.
+    bool wait_for(const std::string &text) const;
     // Sends a signal, if one is given, and waits for the end: the exit status, or minus the signal that ended
     // it.
     int end(int signal = 0);
-    const std::string &out() const { return out_.text; }
-    const std::string &err() const { return err_.text; }
+    std::string out() const { return content(out_); }
+    std::string err() const { return content(err_); }
 
 private:
-    struct Output {
-        Descriptor pipe;
-        std::string text;
-    };
-    bool wait_for(const Output &output, const std::string &text);
-    bool pump();
-
+    static std::string content(const Descriptor &file); // whose own position is where the child writes
+    Descriptor out_, err_;                              // files in memory
     pid_t pid_ = -1;
-    Output out_, err_;
 };
 
 // A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.

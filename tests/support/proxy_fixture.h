@@ -46,24 +46,15 @@ private:
     static inline std::vector<int> told;
 };
 
-class ProxyTest : public testing::Test
-{
-protected:
+struct ProxyTest : testing::Test {
     ProxyTest() { log_capture::record(); }
-    ~ProxyTest() override
-    {
-        cleanup_proxy_manager_client();
-        Events::take(0);
-    }
+    ~ProxyTest() override { cleanup_proxy_manager_client(), Events::take(0); }
 
     PrivateBus bus;
 };
 
-class RunningClient : public ProxyTest
-{
-protected:
+struct RunningClient : ProxyTest {
     RunningClient() { EXPECT_EQ(create_proxy_manager_client(), 1); }
-
     // Sends a signal, and waits until the client has handled all that the service has sent so far.
     void emit(const std::string &member, const std::string &arguments = "()")
     {
