@@ -218,7 +218,7 @@ CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)
         else if (option == CURLOPT_URL || option == CURLOPT_PROXY || option == CURLOPT_PROXYUSERNAME ||
                  option == CURLOPT_PROXYPASSWORD)
             text = value ? static_cast<const char *>(value) : "NULL";
-        state.options.emplace_back(option, text);
+        state.options[option] = text;
         const bool replaced = option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0;
         return replaced ? reinterpret_cast<void *>(state.timeout_ms) // NOLINT(performance-no-int-to-ptr)
                         : value;

@@ -4,8 +4,8 @@
 #define TESTS_INTERPOSE_H
 
 #include <ctime>
+#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <curl/curl.h>
@@ -14,8 +14,7 @@ namespace interpose
 {
 
 struct State {
-    std::vector<std::pair<CURLoption, std::string>>
-        options;                 // set on request objects; number or text, "" for others
+    std::map<CURLoption, std::string> options; // set on request objects; number or text, "" for others
     long timeout_ms = 0;         // what request objects get in place of the client's time-out; 0: the same
     time_t now = 0;              // what time() says; 0: the real time
     bool clock_settable = false; // whether stime() succeeds; it never sets the clock

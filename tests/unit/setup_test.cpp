@@ -52,11 +52,12 @@ protected:
         handle_->port = port;
         interpose::reset();
     }
-    std::vector<std::string> headers() const
+    // The request's header lines, each with a bar behind it.
+    std::string headers() const
     {
-        std::vector<std::string> lines;
+        std::string lines;
         for (const curl_slist *line = handle_->header_opts; line; line = line->next)
-            lines.push_back(line->data);
+            lines += line->data + std::string("|");
         return lines;
     }
 
@@ -64,27 +65,27 @@ protected:
     atls_handle *&handle_ = device_.handle;
 };
 
-TEST_F(Setup, SetsOptionsAndHeadersInOrder)
+TEST_F(Setup, PreparesTheRequest)
 {
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
     handle_->proxyUrlList = static_cast<char **>(calloc(1, WORD));
     ASSERT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_OK);
-    const Options expected = {{CURLOPT_VERBOSE, "1"},
-                              {CURLOPT_ERRORBUFFER, ""},
-                              {CURLOPT_URL, "https://host.example:8443/atls"},
-                              {CURLOPT_SSL_VERIFYPEER, "0"},
-                              {CURLOPT_SSL_VERIFYHOST, "0"},
-                              {CURLOPT_TIMEOUT_MS, "30000"},
-                              {CURLOPT_HTTPHEADER, ""},
-                              {CURLOPT_HTTP_VERSION, "2"},
-                              {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"},
-                              {CURLOPT_NOSIGNAL, "1"},
-                              {CURLOPT_OPENSOCKETFUNCTION, ""}};
-    EXPECT_EQ(interpose::kept().options, expected);
-    EXPECT_EQ(headers(), (std::vector<std::string>{"Content-Type: application/octet-stream",
-                                                   "User-Agent: Halvo-Desktop/desktop-1.0",
-                                                   "TrackingID: track", "Accept:", "Expect:"}));
     EXPECT_TRUE(!handle_->proxyUrlList && handle_->proxyUrlCount == 0);
+    Options options = interpose::kept().options;
+    EXPECT_EQ(options[CURLOPT_URL], "https://host.example:8443/atls");
+    EXPECT_EQ(options[CURLOPT_TIMEOUT_MS], "30000");
+    EXPECT_EQ(options[CURLOPT_SUPPRESS_CONNECT_HEADERS] + options[CURLOPT_NOSIGNAL], "11");
+    EXPECT_EQ(headers(), "Content-Type: application/octet-stream|User-Agent: Halvo-Desktop/desktop-1.0|"
+                         "TrackingID: track|Accept:|Expect:|");
+
+    for (const char *line : {"cookie: kept", "Set-Cookie: kept"})
+        handle_->header_opts = curl_slist_append(handle_->header_opts, line);
+    const std::string others = headers();
+    for (const std::string &cookies :
+         {std::string("old=1"), std::string(2000, 'c'), std::string("n=1;m=2")}) {
+        EXPECT_EQ(atls_set_cookies(&handle_, cookies.c_str()), ATLS_OK);
+        EXPECT_EQ(headers(), others + "Cookie: " + cookies.substr(0, 1015) + "|");
+    }
 }
 
 TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
@@ -92,11 +93,11 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     name_server(std::string(511, 'h'));
     const std::string path = "/" + std::string(2000, 's');
     ASSERT_EQ(init_tl_curl(&handle_, path.c_str(), path.c_str()), ATLS_OK);
-    EXPECT_EQ(interpose::kept().options[2].second,
+    EXPECT_EQ(interpose::kept().options[CURLOPT_URL],
               ("https://" + std::string(511, 'h') + ":8443" + path).substr(0, 1023));
-    EXPECT_EQ(headers()[2], ("TrackingID: " + path).substr(0, 1023));
-    atls_handle_cleanup(&handle_);
-    for (const auto &[host, port] : {std::pair("h", 0), {"h", -1}, {"h", 65536}, {"", 443}}) {
+    EXPECT_NE(headers().find("|TrackingID: " + path.substr(0, 1011) + "|"), std::string::npos);
+    for (const auto &[host, port] : {std::pair("h", 0), {"h", 65536}, {"", 443}}) {
+        atls_handle_cleanup(&handle_);
         name_server(host, port);
         EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT) << port;
         EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
@@ -218,8 +219,10 @@ TEST_F(Setup, ChoosesProxies)
         proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
         get_proxy_url("");
 
-        Options options = interpose::kept().options;
-        options.erase(options.begin(), options.begin() + 11); // those of the transport
+        Options options;
+        for (const auto &option : interpose::kept().options)
+            if (with_user(0, "").count(option.first))
+                options.insert(option);
         EXPECT_EQ(options, expected.options);
         std::vector<Text> list;
         for (int i = 0; i < handle_->proxyUrlCount; i++)
@@ -235,54 +238,24 @@ TEST_F(Setup, ChoosesProxies)
     }
 }
 
-// Whatever is refused, the reason is logged, and the handle has the whole list of proxies or none.
-TEST_F(Setup, UnwindsEveryFailure)
-{
-    proxy_double::set(answer_of_script({"PROXY a:1", "PROXY b:1"}));
-    for (int nth = 2;; nth++) { // the first is the check of the port
-        atls_handle_cleanup(&handle_);
-        name_server("host.example");
-        interpose::arm(nth);
-        interpose::set_inside(true);
-        int result = init_tl_curl(&handle_, "/", "track");
-        const bool transport = result == ATLS_OK;
-        result = transport ? init_al_ssl(&handle_) : result;
-        interpose::set_inside(false);
-        if (interpose::disarm() < nth)
-            break;
-        SCOPED_TRACE(interpose::failed() + std::to_string(nth));
-        const char *const *list = handle_->proxyUrlList;
-        EXPECT_TRUE(list ? handle_->proxyUrlCount == 2 && list[0] && list[1] : handle_->proxyUrlCount == 0);
-        if (result == ATLS_OK)
-            continue;
-        EXPECT_TRUE(result == ATLS_SETUP_FAILED && !handle_->curl && !handle_->header_opts && !handle_->ssl);
-        const std::string errors = interpose::log_of(LOG_ERR);
-        EXPECT_EQ(errors.find("init_tl_curl: ") == 0, !transport) << errors;
-        EXPECT_EQ(errors.find("init_al_ssl: ") != std::string::npos, transport) << errors;
-        EXPECT_EQ(errors.find("\nCurl error [48] maps to") != std::string::npos,
-                  interpose::failed() == "curl_easy_setopt");
-    }
-}
-
 // The text is built once per process: each case runs in a copy of this one, before any other test has run, which the
 // suite's name sees to.
 TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
 {
     const std::string digits = "0123456789012345678901234567890123456789";
-    const std::vector<std::array<std::string, 3>> cases = {
+    const std::string cases[][3] = {
         {"Model", "fw-1.2.3.loads.tail.loads", "Halvo-Model/fw-1.2.3"},
-        {"M", digits, "Halvo-M/0123456789012345678901234567890"},
-        {"0123456789abcdefghijklmno", digits, "Halvo-0123456789abcdefghi/012345678901234567890"},
+        {"M", digits, "Halvo-M/" + digits.substr(0, 31)},
+        {digits, digits, "Halvo-" + digits.substr(0, 19) + "/" + digits.substr(0, 21)},
         {"", "", "Halvo-unknown/unknown"}};
     for (const auto &[model, load, expected] : cases) {
-        const auto is_built = [&, &model = model, &load = load, &expected = expected] {
-            const test::Folder folder;
-            setenv("ATLS_PLATFORM_DIR", folder.root.c_str(), 1);
-            test::write_file(folder.path("device-model"), model);
-            test::write_file(folder.path("load-id"), load);
-            const std::string built = atls_get_user_agent();
-            test::write_file(folder.path("device-model"), "Other");
-            return built == expected && built == atls_get_user_agent();
+        const test::Device device;
+        test::write_file(device.folder.path("device-model"), model);
+        test::write_file(device.folder.path("load-id"), load);
+        const auto is_built = [&, &text = expected] {
+            const bool built = atls_get_user_agent() == text;
+            test::write_file(device.folder.path("device-model"), "Other");
+            return built && atls_get_user_agent() == text;
         };
         EXPECT_EXIT(_exit(is_built() ? 0 : 1), testing::ExitedWithCode(0), "") << expected;
     }
@@ -295,6 +268,8 @@ TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
 
 const char *const NO_MIC = "atls_add_mic_to_ctx: Failed Fetch the MIC\n";
 const char *const BAD_MIC = "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n";
+const char *const WEAK_MIC =
+    "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error [";
 const char *const NO_KEY = "atls_add_mic_to_ctx: Failed Fetch the PKEY\n";
 const char *const BAD_KEY = "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n";
 const char *const WRONG_KEY =
@@ -307,18 +282,15 @@ TEST(Identity, IsChecked)
     const std::pair<const char *, std::string> cases[] = {
         {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
         {"rm $D/device-cert.der", NO_MIC},
-        {": >$D/device-cert.der", NO_MIC},
         {"head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
-        {"rm $D/device-cert.der; mkdir $D/device-cert.der", NO_MIC},
-        {"head -c 4096 /dev/zero >$D/device-cert.der", BAD_MIC},
         {"cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
         {"head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
+        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem -outform DER -out "
+         "$D/device-cert.der",
+         WEAK_MIC},
         {"rm $D/device-key.der", NO_KEY},
-        {"head -c 4097 /dev/zero >$D/device-key.der", NO_KEY},
         {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        {NEW_EC_KEY TO_KEY, BAD_KEY},
         {NEW_EC_KEY "| " TO_PKCS8, BAD_KEY},
-        {NEW_KEY "| openssl rsa " TO_KEY, WRONG_KEY},
         {NEW_KEY TO_KEY, WRONG_KEY},
         {TO_PKCS8 " -in ca/unit-key.pem", ""},
     };
@@ -359,38 +331,27 @@ size_t count_in_memory(pid_t process, const std::vector<std::string> &pieces)
     return found;
 }
 
+// A copy of this process, which alone has read the files of the key, looks for it in this one.
 TEST(Identity, LeavesNoKeyInMemory)
 {
     test::Device device;
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t user = fork(); // of a process that has not read the key
-    if (user == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // also when the test ends early
-        const std::string key = " -in " + test::identity("ca/unit-key.pem") + " -outform DER -out " +
-                                device.folder.path("device-key.der");
-        for (const char *encode : {"openssl pkey -traditional", "openssl pkcs8 -topk8 -nocrypt"}) {
-            test::run(encode + key);
-            const int result = init_al_ssl(&device.handle);
-            atls_handle_cleanup(&device.handle);
-            (void)!write(ready[1], &result, sizeof result);
+    const std::string file = device.folder.path("device-key.der");
+    for (const char *encode : {"openssl pkey -traditional", "openssl pkcs8 -topk8 -nocrypt"}) {
+        test::run(encode + (" -in " + test::identity("ca/unit-key.pem")) + " -outform DER -out " + file);
+        EXPECT_EQ(init_al_ssl(&device.handle), ATLS_OK);
+        atls_handle_cleanup(&device.handle);
+    }
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // where only parents may look
+    const auto is_gone = [&] {
+        const std::string key = test::read_file(file);
+        std::vector<std::string> pieces;
+        for (size_t i = 300; i + 16 < key.size(); i += 64) { // behind the public numbers
+            pieces.push_back(key.substr(i, 16));
+            pieces.emplace_back(pieces.back().rbegin(), pieces.back().rend());
         }
-        pause();
-    }
-    close(ready[1]);
-    for (int i = 0, result = -1; i < 2; i++)
-        EXPECT_TRUE(read(ready[0], &result, sizeof result) == sizeof result && result == ATLS_OK);
-    const std::string key = test::read_file(device.folder.path("device-key.der"));
-    std::vector<std::string> pieces;
-    for (size_t i = 300; i + 16 < key.size(); i += 64) { // behind the public numbers
-        pieces.push_back(key.substr(i, 16));
-        pieces.emplace_back(pieces.back().rbegin(), pieces.back().rend());
-    }
-    EXPECT_EQ(count_in_memory(user, pieces), 0u);
-    EXPECT_NE(count_in_memory(getpid(), pieces), 0u);
-    kill(user, SIGKILL);
-    waitpid(user, nullptr, 0);
-    close(ready[0]);
+        return count_in_memory(getppid(), pieces) == 0 && count_in_memory(getpid(), pieces) > 0;
+    };
+    EXPECT_EXIT(_exit(is_gone() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 } // namespace
