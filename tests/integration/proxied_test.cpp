@@ -131,7 +131,7 @@ TEST_F(Proxied, FollowsTheScript)
     for (const auto &[names, result, way_taken, failures] : cases) {
         SCOPED_TRACE(names);
         use_script(names);
-        interpose::set_connect_status(names[0] == 'R' ? 403 : 0);
+        interpose::connect_status = names[0] == 'R' ? 403 : 0;
         EXPECT_EQ(connect(names.find('S') == std::string::npos ? 0 : SHORT_TIMEOUT_MS), result);
         std::string expected; // of the log
         for (size_t i = 1; i <= failures.size(); i++) {

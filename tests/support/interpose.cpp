@@ -10,17 +10,12 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
 #include <new>
 #include <utility>
 
-#include <openssl/bio.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <pthread.h>
 
 #include "safec.h"
@@ -45,24 +40,19 @@ Shared &shared()
     return *object;
 }
 
-std::atomic<bool> fips_mode{false};
-std::atomic<long> connect_status{0};
-
 // Points that the library passes, and the one that is to fail.
-thread_local bool inside = false;
-std::atomic<bool> armed{false};
 std::atomic<int> passed{0};
 std::atomic<int> failing_point{0};
-std::atomic<const char *> failed_point{nullptr};
+std::atomic<const char *> failed_point{""};
 
 // Runs a step on the kept state, under its lock, and outside the library.
 template <typename Step>
 auto with_state(Step step)
 {
-    const bool was_inside = std::exchange(inside, false);
+    const bool was_inside = std::exchange(interpose::inside, false);
     const std::lock_guard<std::mutex> lock(shared().mutex);
     auto result = step(shared().state);
-    inside = was_inside;
+    interpose::inside = was_inside;
     return result;
 }
 
@@ -71,18 +61,12 @@ struct Start {
     void *argument;
 };
 
-void *run_inside(void *data)
-{
-    const Start start = *static_cast<Start *>(data);
-    free(data);
-    inside = true;
-    return start.function(start.argument);
-}
-
 } // namespace
 
 namespace interpose
 {
+
+thread_local bool inside = false;
 
 State kept()
 {
@@ -95,44 +79,27 @@ void reset(long timeout_ms, time_t now, bool clock_settable)
     with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}}; });
 }
 
-void set_fips(bool on)
-{
-    fips_mode = on;
-}
-
-void set_connect_status(long status)
-{
-    connect_status = status;
-}
-
 void arm(int nth)
 {
     passed = 0;
     failing_point = nth;
-    failed_point = nullptr;
-    armed = true;
+    failed_point = "";
 }
 
 int disarm()
 {
-    armed = false;
+    failing_point = 0;
     return passed;
 }
 
 std::string failed()
 {
-    const char *name = failed_point;
-    return name ? name : "";
-}
-
-void set_inside(bool is_inside)
-{
-    inside = is_inside;
+    return failed_point.load();
 }
 
 bool fails(const char *point)
 {
-    if (!inside || !armed || ++passed != failing_point)
+    if (!inside || ++passed != failing_point)
         return false;
     failed_point = point;
     return true;
@@ -232,8 +199,8 @@ CURLcode __wrap_curl_easy_getinfo(CURL *curl, CURLINFO info, ...)
     va_start(arguments, info);
     void *value = va_arg(arguments, void *);
     va_end(arguments);
-    if (info == CURLINFO_HTTP_CONNECTCODE && connect_status != 0) {
-        *static_cast<long *>(value) = connect_status;
+    if (info == CURLINFO_HTTP_CONNECTCODE && interpose::connect_status != 0) {
+        *static_cast<long *>(value) = interpose::connect_status;
         return CURLE_OK;
     }
     return fails("curl_easy_getinfo") ? CURLE_UNKNOWN_OPTION : __real_curl_easy_getinfo(curl, info, value);
@@ -247,6 +214,12 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
         return EAGAIN;
     auto *start = static_cast<Start *>(__real_malloc(sizeof(Start)));
     *start = {function, argument};
+    const auto run_inside = [](void *data) {
+        const Start given = *static_cast<Start *>(data);
+        free(data);
+        interpose::inside = true;
+        return given.function(given.argument);
+    };
     return __real_pthread_create(thread, attributes, run_inside, start);
 }
 
@@ -258,7 +231,7 @@ int EVP_default_properties_is_fips_enabled(OSSL_LIB_CTX *)
 int FIPS_mode(void)
 #endif
 {
-    return fips_mode;
+    return interpose::fips_mode;
 }
 
 time_t time(time_t *out) noexcept

@@ -1,5 +1,5 @@
-// Handles, transport set-up and engine set-up: layout, options in order, proxies, unwinding, faults of the
-// device's identity.
+// Transport set-up and engine set-up: the request, proxies, signals, the end of the program, faults of the device's
+// identity.
 
 #include "link.h"
 #include "log_capture.h"
@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <thread>
@@ -26,12 +25,6 @@
 namespace
 {
 
-// Programs are compiled against this layout.
-constexpr size_t WORD = sizeof(void *);
-static_assert(offsetof(atls_handle, port) == 512 && offsetof(atls_handle, proxyUrlList) == 512 + WORD);
-static_assert(offsetof(atls_handle, curl) == 512 + 3 * WORD && sizeof(atls_handle) == 512 + 6 * WORD);
-static_assert(offsetof(atls_resp, tracking_id) == 5 * WORD && sizeof(atls_resp) == 6 * WORD);
-
 using proxy_double::Answer;
 using proxy_double::Text;
 using Options = decltype(interpose::State::options);
@@ -42,7 +35,7 @@ protected:
     Setup() { name_server("host.example"); }
     ~Setup() override
     {
-        interpose::set_fips(false);
+        interpose::fips_mode = false;
         proxy_double::set(Answer{});
     }
 
@@ -67,8 +60,15 @@ protected:
 
 TEST_F(Setup, PreparesTheRequest)
 {
+    interpose::arm(2); // behind curl_easy_init
+    interpose::inside = true;
+    EXPECT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_SETUP_FAILED);
+    interpose::inside = false;
+    interpose::disarm();
+    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed();
+
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
-    handle_->proxyUrlList = static_cast<char **>(calloc(1, WORD));
+    handle_->proxyUrlList = static_cast<char **>(calloc(1, sizeof(char *)));
     ASSERT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_OK);
     EXPECT_TRUE(!handle_->proxyUrlList && handle_->proxyUrlCount == 0);
     Options options = interpose::kept().options;
@@ -160,81 +160,60 @@ TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
     EXPECT_EXIT(_exit(is_waited_for() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
-const std::string LONG_NAME(300, 'x');
-const std::string DIRECT = "setProxyParams Direct connect without http proxy\n\n";
-const Options NO_PROXY = {{CURLOPT_PROXY, "NULL"}};
-
 Answer answer_of_script(const std::vector<Text> &entries)
 {
     return {PROXY_MODE_PACURL, entries, "user", "secret"};
 }
 
-Options with_user(unsigned long methods, const char *password)
-{
-    return {{CURLOPT_PROXY, "p:3128"},
-            {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(methods))},
-            {CURLOPT_PROXYUSERNAME, "user"},
-            {CURLOPT_PROXYPASSWORD, password}};
-}
-
 // What reaches the request object, the handle and the log of an answer of the proxy manager.
 TEST_F(Setup, ChoosesProxies)
 {
+    const auto auth = [](unsigned long methods) { return std::to_string(static_cast<long>(methods)); };
+    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n", name(300, 'x');
     const struct {
         std::optional<Answer> answer;
-        Options options; // set after those of the transport
-        std::vector<Text> list;
-        std::string notices = {}, errors = {};
+        std::string options; // the proxy and what it is told: methods, user, password
+        std::string list, log;
         bool fips = false;
     } cases[] = {
-        {std::nullopt, {}, {}, "", "setProxyParams: create_proxy_manager_client fail!\n"},
-        {Answer{}, {}, {}, "setProxyParams Exit since http proxy mode is off\n\n"},
-        {answer_of_script({}), {}, {}, "", "setProxyParams Fail to found any available proxy url\n"},
-        {answer_of_script({"PROXY p1:80", "DIRECT"}), {{CURLOPT_PROXY, "p1:80"}}, {"p1:80", "DIRECT"}},
-        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, NO_PROXY, {"DIRECT", "p2:80"}, DIRECT},
-        {answer_of_script(
-             {"PROXY", {}, "PROXY ", "PROXY " + LONG_NAME, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
-         NO_PROXY,
-         {{}, {}, "", LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
-         DIRECT},
-        {answer_of_script({"PROXY x-DIRECT:1"}), NO_PROXY, {"x-DIRECT:1"}, DIRECT},
-        {answer_of_script({"direct:1"}), {{CURLOPT_PROXY, "direct:1"}}, {"direct:1"}},
-        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, {{CURLOPT_PROXY, "PROXY p:1"}}, {"p:1"}},
-        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, with_user(CURLAUTH_ANY, "NULL"), {"p:3128"}},
+        {std::nullopt, "   ", "", "<3> setProxyParams: create_proxy_manager_client fail!\n"},
+        {Answer{}, "   ", "", "<5> setProxyParams Exit since http proxy mode is off\n"},
+        {answer_of_script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
+        {answer_of_script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
+         "<7> setProxyParams ProxyUrlList[0] = PROXY p1:80\n"},
+        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, "NULL   ", "DIRECT|p2:80|", direct},
+        {answer_of_script({"PROXY", {}, "PROXY ", "PROXY " + name, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
+         "NULL   ", "NULL|NULL||" + name + "|socks:1|ROXY|proxy p:1||", direct},
+        {answer_of_script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
+        {answer_of_script({"direct:1"}), "direct:1   ", "direct:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, "PROXY p:1   ", "p:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
+         "p:3128|", ""},
         {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
-         with_user(CURLAUTH_ANY & ~CURLAUTH_DIGEST, "secret"),
-         {"p:3128"},
-         "",
-         "",
-         true},
-        {Answer{4, {"PROXY p:1"}, {}, {}}, {}, {"p:1"}},
+         "p:3128 " + auth(CURLAUTH_ANY & ~CURLAUTH_DIGEST) + " user secret", "p:3128|", "", true},
+        {Answer{4, {"PROXY p:1"}, {}, {}}, "   ", "p:1|", ""},
     };
     for (const auto &expected : cases) {
         SCOPED_TRACE(&expected - cases);
         atls_handle_cleanup(&handle_);
         name_server("host.example");
-        interpose::set_fips(expected.fips);
+        interpose::fips_mode = expected.fips;
         proxy_double::set(expected.answer);
         ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
         proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
         get_proxy_url("");
 
-        Options options;
-        for (const auto &option : interpose::kept().options)
-            if (with_user(0, "").count(option.first))
-                options.insert(option);
-        EXPECT_EQ(options, expected.options);
-        std::vector<Text> list;
+        Options set = interpose::kept().options;
+        EXPECT_EQ(set[CURLOPT_PROXY] + " " + set[CURLOPT_PROXYAUTH] + " " + set[CURLOPT_PROXYUSERNAME] + " " +
+                      set[CURLOPT_PROXYPASSWORD],
+                  expected.options);
+        std::string list;
         for (int i = 0; i < handle_->proxyUrlCount; i++)
-            list.push_back(handle_->proxyUrlList[i] ? Text(handle_->proxyUrlList[i]) : std::nullopt);
+            list += std::string(handle_->proxyUrlList[i] ? handle_->proxyUrlList[i] : "NULL") + "|";
         EXPECT_EQ(list, expected.list);
-        EXPECT_EQ(handle_->proxyUrlList != nullptr, !expected.list.empty());
-        EXPECT_EQ(interpose::log_of(LOG_NOTICE),
-                  "enter setProxyParams pRequestUrl:https://host.example:8443/atls\n\n" + expected.notices +
-                      "init_tl_curl: Transport layer initialized!");
-        EXPECT_EQ(interpose::log_of(LOG_ERR), expected.errors);
-        EXPECT_EQ(log_capture::contains("setProxyParams ProxyUrlList[0] = "),
-                  !list.empty() && expected.answer->entries[0]);
+        EXPECT_EQ(handle_->proxyUrlList == nullptr, list.empty());
+        EXPECT_TRUE(log_capture::contains(expected.log));
+        EXPECT_EQ(interpose::log_of(LOG_ERR).empty(), expected.log.find("<3>") != 0);
     }
 }
 
