@@ -240,8 +240,6 @@ TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
     }
 }
 
-#define NEW_KEY "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 "
-#define NEW_EC_KEY "openssl ecparam -name prime256v1 -genkey -noout "
 #define TO_KEY "-outform DER -out $D/device-key.der"
 #define TO_PKCS8 "openssl pkcs8 -topk8 -nocrypt " TO_KEY
 
@@ -256,8 +254,7 @@ const char *const WRONG_KEY =
 
 TEST(Identity, IsChecked)
 {
-    // A command in the folder of the identity, D being the device's; the first error, "" when all is well. A text
-    // that ends in ".." is followed by the error of OpenSSL.
+    // A command in the folder of the identity, D being the device's; the first error, "" when all is well.
     const std::pair<const char *, std::string> cases[] = {
         {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
         {"rm $D/device-cert.der", NO_MIC},
@@ -269,8 +266,8 @@ TEST(Identity, IsChecked)
          WEAK_MIC},
         {"rm $D/device-key.der", NO_KEY},
         {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        {NEW_EC_KEY "| " TO_PKCS8, BAD_KEY},
-        {NEW_KEY TO_KEY, WRONG_KEY},
+        {"openssl ecparam -name prime256v1 -genkey -noout | " TO_PKCS8, BAD_KEY},
+        {"openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 " TO_KEY, WRONG_KEY},
         {TO_PKCS8 " -in ca/unit-key.pem", ""},
     };
     for (const auto &[make, message] : cases) {
@@ -285,7 +282,6 @@ TEST(Identity, IsChecked)
         const std::string errors = interpose::log_of(LOG_ERR);
         EXPECT_EQ(errors.find(message), 0u) << errors;
         EXPECT_EQ(errors.find("bad length"), std::string::npos) << errors;
-        EXPECT_EQ(errors.find("ssl error") != std::string::npos, message.find("..") != std::string::npos);
         EXPECT_EQ(log_capture::contains("init_al_ssl: Failed to add fake cert/key into SSL CTX"),
                   message.find("atls_add_mic") == 0);
     }
