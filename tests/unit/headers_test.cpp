@@ -1,6 +1,7 @@
-// Response capture and the readers of response headers.
+// What is kept of responses and answers: response capture, the readers of response headers, the cache by host.
 
 #include "link.h"
+#include "lruproxyurlcache.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -103,6 +104,37 @@ TEST(Clock, MovesForwardOnlyAndLeavesAMarker)
     setenv("TZ", "UTC", 1);
     tzset();
     interpose::reset();
+}
+
+// In a cache of three each step sets a key to its own place in the line; those behind a ? are read, and ! clears it.
+TEST(Cache, ForgetsTheLeastRecentlyUsed)
+{
+    static std::string released;
+    const std::string cases[][3] = {{"abc", "abc", ""},       {"abcd", "bcd", "0"},   {"abc?ad", "cad", "1"},
+                                    {"abcad", "cad", "1"},    {"abc?xd", "bcd", "0"}, {"aba!", "", "21"},
+                                    {"ab!cdef", "def", "013"}};
+    for (const auto &[steps, left, gone] : cases) {
+        released.clear();
+        LRUProxyURLCache<char> cache(
+            3, [](char &value, void *) { released += value; }, nullptr);
+        for (size_t i = 0; i < steps.size(); i++) {
+            char value = '0';
+            if (steps[i] == '!') {
+                cache.clearCache();
+            } else if (steps[i] != '?') {
+                cache.set({steps[i]}, static_cast<char>('0' + i));
+            } else {
+                const char key = steps[++i];
+                EXPECT_EQ(cache.get({key}, value) ? steps[static_cast<size_t>(value - '0')] : 'x', key);
+            }
+        }
+        std::string order;
+        for (const ProxyURLCacheNode *node = cache.tail; node; node = node->prev)
+            order += node->key;
+        EXPECT_EQ(order, left) << steps;
+        EXPECT_EQ(released, gone) << steps;
+        EXPECT_TRUE(cache.nodeMap.size() == left.size() && cache.valueMap.size() == left.size());
+    }
 }
 
 } // namespace
