@@ -4,6 +4,7 @@
 
 #include "allocation.h"
 #include "log_capture.h"
+#include "platform.h"
 
 #include <atomic>
 #include <cerrno>
@@ -153,7 +154,14 @@ POINT(CURL *, nullptr, curl_easy_init, (), ())
 POINT(CURLcode, CURLE_COULDNT_CONNECT, curl_easy_perform, (CURL * curl), (broken(curl)))
 POINT(curl_slist *, nullptr, curl_slist_append, (curl_slist * list, const char *text), (list, text))
 POINT(BIO *, nullptr, BIO_new, (const BIO_METHOD *method), (method))
+POINT(int, -1, BIO_read, (BIO * bio, void *data, int length), (bio, data, length))
 POINT(SSL *, nullptr, SSL_new, (SSL_CTX * context), (context))
+POINT(BIO *, nullptr, SSL_get_rbio, (const SSL *ssl), (ssl))
+POINT(BIO *, nullptr, SSL_get_wbio, (const SSL *ssl), (ssl))
+POINT(int, 0, SSL_CTX_check_private_key, (const SSL_CTX *context), (context))
+POINT(int, 1, tlsplat_api_init, (), ())
+POINT(int, 1, tlsplat_create_sec_ctx, (tlsplat_sec_ctx * context), (context))
+POINT(tlsplat_pvt_ctx *, nullptr, tlsplat_get_ssl_ctx, (tlsplat_sec_ctx context), (context))
 
 extern "C" {
 
