@@ -299,7 +299,8 @@ size_t count_in_memory(pid_t process, const std::vector<std::string> &pieces)
         if (strncmp(end, " rw", 3) != 0 || size > 256 << 20) // so large is the sanitizers' own
             continue;
         std::string bytes(size, '\0');
-        memory.seekg(static_cast<std::streamoff>(from)).read(&bytes[0], static_cast<std::streamsize>(size));
+        memory.seekg(static_cast<std::streamoff>(from))
+            .read(bytes.data(), static_cast<std::streamsize>(size));
         for (const std::string &piece : pieces)
             found += bytes.find(piece) != std::string::npos;
     }
