@@ -18,6 +18,7 @@ static std::map<CURLoption, void *> options;
 static std::istream *script;
 static SSL *server;
 static std::string sent; // by the server
+static size_t answered;  // how much of it has been handed out
 static long status_code;
 
 static bool deliver(std::string bytes, CURLoption target)
@@ -73,8 +74,12 @@ static void check_answer(int result, const atls_resp &answer)
     if (result != ATLS_OK)
         return;
     REQUIRE(answer.body[answer.body_len] == '\0' && answer.header[answer.header_len] == '\0');
-    REQUIRE(!strstr(answer.header, "Content-Type: application/octet-stream") ||
-            sent.find(std::string(answer.body, answer.body_len)) != std::string::npos);
+    if (!strstr(answer.header, "Content-Type: application/octet-stream"))
+        return;
+    // Nothing but what the service sent is ever read, and in that order.
+    answered = sent.find(std::string(answer.body, answer.body_len), answered);
+    REQUIRE(answered != std::string::npos);
+    answered += answer.body_len;
 }
 
 // The version, 2 or 3, the allocation or option that fails, a blank, and responses to a handshake and to messages.
@@ -85,6 +90,7 @@ void run(std::istream &input)
     server = peer.get();
     script = &input;
     sent.clear();
+    answered = 0;
     options.clear();
     atls_handle *handle = create_atls_handle();
     strcpy(handle->hostname, "host");

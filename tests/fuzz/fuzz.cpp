@@ -51,9 +51,9 @@ int main(int count, char **names)
 {
     for (int i = 1; i < count; i++) {
         fprintf(stderr, "%s\n", names[i]); // the last one is the culprit
-        std::ifstream input(names[i], std::ios::binary);
-        run(input);
-        calls_left = 0;
+        std::ifstream file(names[i], std::ios::binary);
+        const std::string input(std::istreambuf_iterator<char>(file), {});
+        LLVMFuzzerTestOneInput(input.data(), input.size());
     }
     return count > 1 ? 0 : 1;
 }

@@ -122,7 +122,7 @@ run_front() { # run_front PORT: a real one with HTTP/2, which takes the mark fro
         "ssl_certificate_key $work/service/front-key.pem;" \
         "location / { proxy_pass $service_url; } location /unmarked {" \
         "proxy_pass $service_url; proxy_hide_header Content-Type; } } }" >"$work/front.conf"
-    exec /usr/sbin/nginx -e "$work/front-error" -c "$work/front.conf"
+    exec /usr/sbin/nginx -c "$work/front.conf"
 }
 start_service --max-fragment 512 --key-updates
 start_on_free_port front run_front PORT

@@ -116,7 +116,7 @@ TEST_F(Proxied, FollowsTheConfiguration)
     for (const auto &[mode, names, user, password, result, way_taken, failures] : cases) {
         SCOPED_TRACE(mode + ' ' + names + ' ' + password);
         configure(mode, names, user, password);
-        interpose::set_connect_status(names[0] == 'R' ? 403 : 0);
+        interpose::connect_status = names[0] == 'R' ? 403 : 0;
         EXPECT_EQ(connect(names.find('S') == std::string::npos ? 0 : SHORT_TIMEOUT_MS), result);
         const std::string expected = fail_over(names, failures);
         const std::string notices = interpose::log_of(LOG_NOTICE) + "\n";

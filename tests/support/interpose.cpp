@@ -11,16 +11,12 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
 #include <utility>
 
-#include <openssl/bio.h>
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 #include <openssl/ssl.h>
-#include <openssl/x509.h>
 #include <pthread.h>
 
 #include "safec.h"
@@ -45,25 +41,20 @@ Shared &shared()
     return *object;
 }
 
-std::atomic<bool> fips_mode{false};
-std::atomic<long> connect_status{0};
-
 // Points that the library passes, and the one that is to fail.
-thread_local bool inside = false;
 thread_local bool inside_libcurl = false; // not all of its versions bear it that OpenSSL lacks memory
-std::atomic<bool> armed{false};
 std::atomic<int> passed{0};
 std::atomic<int> failing_point{0};
-std::atomic<const char *> failed_point{nullptr};
+std::atomic<const char *> failed_point{""};
 
 // Runs a step on the kept state, under its lock, and outside the library.
 template <typename Step>
 auto with_state(Step step)
 {
-    const bool was_inside = std::exchange(inside, false);
+    const bool was_inside = std::exchange(interpose::inside, false);
     const std::lock_guard<std::mutex> lock(shared().mutex);
     auto result = step(shared().state);
-    inside = was_inside;
+    interpose::inside = was_inside;
     return result;
 }
 
@@ -72,18 +63,12 @@ struct Start {
     void *argument;
 };
 
-void *run_inside(void *data)
-{
-    const Start start = *static_cast<Start *>(data);
-    free(data);
-    inside = true;
-    return start.function(start.argument);
-}
-
 } // namespace
 
 namespace interpose
 {
+
+thread_local bool inside = false;
 
 State kept()
 {
@@ -96,39 +81,22 @@ void reset(long timeout_ms, time_t now, bool clock_settable)
     with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}}; });
 }
 
-void set_fips(bool on)
-{
-    fips_mode = on;
-}
-
-void set_connect_status(long status)
-{
-    connect_status = status;
-}
-
 void arm(int nth)
 {
     passed = 0;
     failing_point = nth;
-    failed_point = nullptr;
-    armed = true;
+    failed_point = "";
 }
 
 int disarm()
 {
-    armed = false;
+    failing_point = 0;
     return passed;
 }
 
 std::string failed()
 {
-    const char *name = failed_point;
-    return name ? name : "";
-}
-
-void set_inside(bool is_inside)
-{
-    inside = is_inside;
+    return failed_point.load();
 }
 
 bool openssl_fails()
@@ -138,7 +106,7 @@ bool openssl_fails()
 
 bool fails(const char *point)
 {
-    if (!inside || !armed || ++passed != failing_point)
+    if (!inside || ++passed != failing_point)
         return false;
     failed_point = point;
     return true;
@@ -170,35 +138,28 @@ using interpose::fails;
     }
 
 ALLOCATORS(__wrap_, __real_, !fails(point))
+
+// Memory for the library's own C++: dbus-c++, which cannot do without, does not come here. The names are those for a
+// size_t of 64 and of 32 bits.
+extern "C" void *__wrap__Znwm(size_t size)
+{
+    return fails("operator new") ? throw std::bad_alloc() : operator new(size, std::nothrow);
+}
+extern "C" void *__wrap__Znwj(size_t size) __attribute__((alias("__wrap__Znwm")));
+
 POINT(FILE *, nullptr, fopen, (const char *path, const char *mode), (path, mode))
 POINT(int, -1, socketpair, (int domain, int type, int protocol, int *pair), (domain, type, protocol, pair))
 POINT(CURL *, nullptr, curl_easy_init, (), ())
 POINT(curl_slist *, nullptr, curl_slist_append, (curl_slist * list, const char *text), (list, text))
 POINT(BIO *, nullptr, BIO_new, (const BIO_METHOD *method), (method))
 POINT(int, -1, BIO_read, (BIO * bio, void *data, int length), (bio, data, length))
-POINT(int, -1, BIO_write, (BIO * bio, const void *data, int length), (bio, data, length))
 POINT(SSL *, nullptr, SSL_new, (SSL_CTX * context), (context))
-POINT(int, -1, SSL_read, (SSL * ssl, void *data, int length), (ssl, data, length))
-POINT(int, -1, SSL_write, (SSL * ssl, const void *data, int length), (ssl, data, length))
 POINT(BIO *, nullptr, SSL_get_rbio, (const SSL *ssl), (ssl))
 POINT(BIO *, nullptr, SSL_get_wbio, (const SSL *ssl), (ssl))
-POINT(X509 *, nullptr, d2i_X509, (X509 * *out, const unsigned char **in, long length), (out, in, length))
-POINT(EVP_PKEY *, nullptr, d2i_PrivateKey, (int type, EVP_PKEY **out, const unsigned char **in, long length),
-      (type, out, in, length))
-POINT(int, 0, SSL_CTX_use_certificate, (SSL_CTX * context, X509 *certificate), (context, certificate))
-POINT(int, 0, SSL_CTX_use_PrivateKey, (SSL_CTX * context, EVP_PKEY *key), (context, key))
 POINT(int, 0, SSL_CTX_check_private_key, (const SSL_CTX *context), (context))
 POINT(int, 1, tlsplat_api_init, (), ())
 POINT(int, 1, tlsplat_create_sec_ctx, (tlsplat_sec_ctx * context), (context))
-POINT(int, 1, tlsplat_setopt_sec_ctx, (tlsplat_sec_ctx context, int option, int value),
-      (context, option, value))
 POINT(tlsplat_pvt_ctx *, nullptr, tlsplat_get_ssl_ctx, (tlsplat_sec_ctx context), (context))
-POINT(int, 1, secstore_init_ssl_lib, (), ())
-POINT(int, 1, secstore_get_device_cert, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, buffer, length))
-POINT(int, 1, secstore_get_private_key, (int selector, unsigned char *buffer, uint32_t *length),
-      (selector, buffer, length))
-POINT(int, 0, netutil_check_port, (int port), (port))
 
 extern "C" {
 
@@ -217,15 +178,6 @@ errno_t __wrap__memcpy_s_chk(void *to, size_t room, const void *from, size_t cou
     return 0;
 }
 
-errno_t __wrap__strcasestr_s_chk(char *, size_t, const char *, size_t, char **found, size_t, size_t)
-{
-    *found = nullptr;
-    return ESLEMAX;
-}
-
-errno_t __wrap__strstr_s_chk(char *, size_t, const char *, size_t, char **, size_t, size_t)
-    __attribute__((alias("__wrap__strcasestr_s_chk")));
-
 // Every option that the client sets takes one word, a number or a pointer.
 CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)
 {
@@ -240,7 +192,7 @@ CURLcode __wrap_curl_easy_setopt(CURL *curl, CURLoption option, ...)
         else if (option == CURLOPT_URL || option == CURLOPT_PROXY || option == CURLOPT_PROXYUSERNAME ||
                  option == CURLOPT_PROXYPASSWORD)
             text = value ? static_cast<const char *>(value) : "NULL";
-        state.options.emplace_back(option, text);
+        state.options[option] = text;
         const bool replaced = option == CURLOPT_TIMEOUT_MS && state.timeout_ms != 0;
         return replaced ? reinterpret_cast<void *>(state.timeout_ms) // NOLINT(performance-no-int-to-ptr)
                         : value;
@@ -254,8 +206,8 @@ CURLcode __wrap_curl_easy_getinfo(CURL *curl, CURLINFO info, ...)
     va_start(arguments, info);
     void *value = va_arg(arguments, void *);
     va_end(arguments);
-    if (info == CURLINFO_HTTP_CONNECTCODE && connect_status != 0) {
-        *static_cast<long *>(value) = connect_status;
+    if (info == CURLINFO_HTTP_CONNECTCODE && interpose::connect_status != 0) {
+        *static_cast<long *>(value) = interpose::connect_status;
         return CURLE_OK;
     }
     return fails("curl_easy_getinfo") ? CURLE_UNKNOWN_OPTION : __real_curl_easy_getinfo(curl, info, value);
@@ -281,6 +233,12 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
         return EAGAIN;
     auto *start = static_cast<Start *>(__real_malloc(sizeof(Start)));
     *start = {function, argument};
+    const auto run_inside = [](void *data) {
+        const Start given = *static_cast<Start *>(data);
+        free(data);
+        interpose::inside = true;
+        return given.function(given.argument);
+    };
     return __real_pthread_create(thread, attributes, run_inside, start);
 }
 
@@ -292,7 +250,7 @@ int EVP_default_properties_is_fips_enabled(OSSL_LIB_CTX *)
 int FIPS_mode(void)
 #endif
 {
-    return fips_mode;
+    return interpose::fips_mode;
 }
 
 time_t time(time_t *out) noexcept

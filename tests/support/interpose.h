@@ -3,9 +3,10 @@
 #ifndef TESTS_INTERPOSE_H
 #define TESTS_INTERPOSE_H
 
+#include <atomic>
 #include <ctime>
+#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <curl/curl.h>
@@ -14,8 +15,7 @@ namespace interpose
 {
 
 struct State {
-    std::vector<std::pair<CURLoption, std::string>>
-        options;                 // set on request objects; number or text, "" for others
+    std::map<CURLoption, std::string> options; // set on request objects; number or text, "" for others
     long timeout_ms = 0;         // what request objects get in place of the client's time-out; 0: the same
     time_t now = 0;              // what time() says; 0: the real time
     bool clock_settable = false; // whether stime() succeeds; it never sets the clock
@@ -24,13 +24,13 @@ struct State {
 
 State kept(); // a copy of what is kept since reset()
 void reset(long timeout_ms = 0, time_t now = 0,
-           bool clock_settable = false); // forgets it; puts these in force
-void set_fips(bool on);                  // what the question for the FIPS mode is answered
-void set_connect_status(long status);    // what a proxy is said to have answered CONNECT; 0: what it did
+           bool clock_settable = false);    // forgets it; puts these in force
+inline std::atomic<bool> fips_mode{false};  // what the question for it is answered
+inline std::atomic<long> connect_status{0}; // what a proxy is said to have answered CONNECT; 0: what it did
 
 // Points are the calls, and the requests for memory, that can fail. Only those on a thread that is inside the
-// library count: between set_inside() calls, and on threads that the library starts.
-void set_inside(bool inside);
+// library count, which the threads that the library starts are.
+extern thread_local bool inside;
 void arm(int nth);             // the nth point from now fails; none with 0
 int disarm();                  // how many points were passed since then
 std::string failed();          // the point that failed; "" when none did

@@ -1,12 +1,13 @@
 // Runs whole uses of the library again and again, each time with the next request for memory or the next call
 // that can fail refused: nothing may crash, leak or give a wrong answer, and the library must work afterwards.
-// TORTURE_STRIDE=N takes every Nth point only.
+// TORTURE_STRIDE=N takes every Nth point only behind those of the set-up.
 
 #include "bus_peer.h"
 #include "link.h"
 #include "log_capture.h"
 #include "proxymanager.h"
 
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 
@@ -34,20 +35,30 @@ __attribute__((section(".preinit_array"), used)) void (*const count_bios)() = []
 template <typename Call>
 auto in_library(Call call)
 {
-    interpose::set_inside(true);
+    interpose::inside = true;
     const auto result = call();
-    interpose::set_inside(false);
+    interpose::inside = false;
     return result;
 }
 
+// A list of proxies is there as a whole or not at all, but for entries that the proxy manager client had no memory for.
+bool is_whole(const atls_handle &handle)
+{
+    char **const list = handle.proxyUrlList;
+    if (!list)
+        return handle.proxyUrlCount == 0;
+    return interpose::failed() == "calloc" || !std::count(list, list + handle.proxyUrlCount, nullptr);
+}
+
 // A scenario does its work and reports what no fault excuses; its value is whether everything succeeded.
+// None of the first points is left out.
 template <typename Scenario>
-void torture(Scenario scenario)
+void torture(Scenario scenario, int first = 0)
 {
     const char *value = getenv("TORTURE_STRIDE");
     const int stride = value ? static_cast<int>(strtol(value, nullptr, 10)) : 10;
     int failed = 0;
-    for (int nth = 1;; nth += stride) {
+    for (int nth = 1;; nth += nth < first ? 1 : stride) {
         log_capture::record(false);
         interpose::arm(nth);
         scenario();
@@ -74,6 +85,7 @@ bool connect_and_post(int port)
         in_library([&] { return atls_connect(&handle, "127.0.0.1", nullptr, port, "/atls", "track"); });
     EXPECT_NE(result, ATLS_NO_COOKIE);
     EXPECT_TRUE(result == ATLS_OK || (!handle->curl && !handle->ssl && !handle->header_opts)) << result;
+    EXPECT_TRUE(is_whole(*handle));
     atls_resp answer = {};
     bool complete = result == ATLS_OK;
     std::string message(40000, '\0');           // all at one address
@@ -104,11 +116,13 @@ TEST(Torture, Connection)
     for (const int version : {TLS1_2_VERSION, TLS1_3_VERSION}) {
         Link link(version);
         link.start();
-        torture([&] {
+        const auto scenario = [&] {
             const bool complete = connect_and_post(link.service->port());
             in_library(cleanup_proxy_manager_client);
             return complete;
-        });
+        };
+        // Every step of the set-up, which is the same in both, is unwound in another way.
+        torture(scenario, version == TLS1_2_VERSION ? 160 : 0);
     }
 }
 
@@ -120,9 +134,9 @@ bool use_proxy_manager(ScriptedService &service)
     for (int host = 0; host < 52; host++) {
         const std::string url = "https://host" + std::to_string(host) + "/";
         // Most hosts only fill the cache, as they do in the other tests.
-        interpose::set_inside(host == 0 || host > 49);
+        interpose::inside = host == 0 || host > 49;
         const ProxyUrlInformation answer = get_proxy_url(url.c_str());
-        interpose::set_inside(false);
+        interpose::inside = false;
         const char *last = answer.proxyUrlCount == 2 ? answer.proxyUrlList[1] : nullptr;
         complete = complete && last && strcmp(last, "DIRECT") == 0;
     }

@@ -1,6 +1,7 @@
-// Response capture and the readers of response headers.
+// What is kept of responses and answers: response capture, the readers of response headers, the cache by host.
 
 #include "link.h"
+#include "lruproxyurlcache.h"
 
 #include <cstdlib>
 #include <filesystem>
@@ -51,37 +52,6 @@ TEST(Cookies, AreCollected)
     }
 }
 
-// A handle with these request header lines.
-struct Request {
-    explicit Request(std::initializer_list<const char *> lines)
-    {
-        handle->curl = curl_easy_init();
-        for (const char *line : lines)
-            handle->header_opts = curl_slist_append(handle->header_opts, line);
-        curl_easy_setopt(handle->curl, CURLOPT_HTTPHEADER, handle->header_opts);
-        interpose::reset();
-    }
-    ~Request() { free_atls_handle(handle); }
-    std::string headers() const
-    {
-        std::string text;
-        for (const curl_slist *line = handle->header_opts; line; line = line->next)
-            text += std::string(line->data) + "|";
-        return text;
-    }
-    atls_handle *handle = create_atls_handle();
-};
-
-TEST(RequestCookies, ReplaceTheOneCookieLine)
-{
-    Request request{"A: 1", "cookie: kept", "Set-Cookie: kept", "Cookie: old=1", "B: 2"};
-    const std::string kept = "A: 1|cookie: kept|Set-Cookie: kept|B: 2|Cookie: ";
-    EXPECT_EQ(atls_set_cookies(&request.handle, "n=1;m=2"), ATLS_OK);
-    EXPECT_EQ(request.headers(), kept + "n=1;m=2|");
-    EXPECT_EQ(atls_set_cookies(&request.handle, std::string(2000, 'c').c_str()), ATLS_OK);
-    EXPECT_EQ(request.headers(), kept + std::string(1015, 'c') + "|");
-}
-
 TEST(TrackingId, IsRead)
 {
     const std::string longest(64, 'i');
@@ -107,40 +77,67 @@ TEST(Clock, MovesForwardOnlyAndLeavesAMarker)
     const char *marker = "/tmp/.stime-by-http";
     const std::string date = "Wed, 18 Nov 2026 10:20:30 GMT\r\nX: y\r\n";
     const time_t read_as_local = 1794997230 - 7200; // the zone of the header is not applied
+    const std::vector<time_t> once{read_as_local}, never;
+    // Past 2038, where the device's clock goes so far.
+    const std::vector<time_t> late(sizeof(time_t) / 8, static_cast<time_t>(INT64_C(2552379630) - 7200));
     const struct {
         std::string header;
         int behind; // the device's clock, by seconds
-        bool settable, set;
-    } cases[] = {{"Date: " + date, 1, true, true},
-                 {"Date: " + date, 1, false, true}, // tried
-                 {"Date: " + date, 0, true, false},
-                 {"X: y\r\n", 1, true, false},
-                 {"Date: ", 1, true, false},
-                 {"Date: \r\r", 1, true, false},
-                 {"Date: tomorrow\r\n", 1, true, false},
-                 {"Date: " + std::string(500, '9') + "\r\n", 1, true, false},
-                 {"Date: " + std::string(110, ' ') + date, 1, true, false}}; // cut before the year
-    setenv("TZ", "XYZ-2", 1);                                                // two hours ahead of UTC
+        bool settable;
+        std::vector<time_t> set;
+    } cases[] = {{"Date: " + date, 1, true, once},
+                 {"Date: " + date, 1, false, once}, // tried
+                 {"Date: " + date, 0, true, never},
+                 {"X: y\r\n", 1, true, never},
+                 {"Date: \r\r", 1, true, never},
+                 {"Date: tomorrow\r\n", 1, true, never},
+                 {"Date: " + std::string(110, ' ') + date, 1, true, never}, // cut before the year
+                 {"Date: Fri, 18 Nov 2050 10:20:30 GMT\r\n", 1, true, late}};
+    setenv("TZ", "XYZ-2", 1); // two hours ahead of UTC
     tzset();
-    for (const auto &wanted : cases) {
+    for (const auto &[header, behind, settable, set] : cases) {
         std::filesystem::remove(marker);
-        interpose::reset(0, read_as_local - wanted.behind, wanted.settable);
-        atls_set_date_by_http_header(wanted.header.c_str());
-        EXPECT_EQ(interpose::kept().clock_settings, std::vector<time_t>(wanted.set ? 1 : 0, read_as_local))
-            << wanted.header;
-        EXPECT_EQ(test::read_file(marker), wanted.set && wanted.settable
-                                               ? "synced: tm_zone=XYZ ctime=Wed Nov 18 10:20:30 2026\n"
+        interpose::reset(0, read_as_local - behind, settable);
+        atls_set_date_by_http_header(header.c_str());
+        EXPECT_EQ(interpose::kept().clock_settings, set) << header;
+        EXPECT_EQ(test::read_file(marker), settable && !set.empty()
+                                               ? std::string("synced: tm_zone=XYZ ctime=") + ctime(set.data())
                                                : "");
     }
     setenv("TZ", "UTC", 1);
     tzset();
-    // Past 2038, where the device's clock goes so far.
-    interpose::reset(0, read_as_local, true);
-    std::filesystem::remove(marker);
-    atls_set_date_by_http_header("Date: Fri, 18 Nov 2050 10:20:30 GMT\r\n");
-    const std::vector<time_t> settable(sizeof(time_t) / 8, static_cast<time_t>(INT64_C(2552379630)));
-    EXPECT_EQ(interpose::kept().clock_settings, settable);
     interpose::reset();
+}
+
+// In a cache of three each step sets a key to its own place in the line; those behind a ? are read, and ! clears it.
+TEST(Cache, ForgetsTheLeastRecentlyUsed)
+{
+    static std::string released;
+    const std::string cases[][3] = {{"abc", "abc", ""},       {"abcd", "bcd", "0"},   {"abc?ad", "cad", "1"},
+                                    {"abcad", "cad", "1"},    {"abc?xd", "bcd", "0"}, {"aba!", "", "21"},
+                                    {"ab!cdef", "def", "013"}};
+    for (const auto &[steps, left, gone] : cases) {
+        released.clear();
+        LRUProxyURLCache<char> cache(
+            3, [](char &value, void *) { released += value; }, nullptr);
+        for (size_t i = 0; i < steps.size(); i++) {
+            char value = '0';
+            if (steps[i] == '!') {
+                cache.clearCache();
+            } else if (steps[i] != '?') {
+                cache.set({steps[i]}, static_cast<char>('0' + i));
+            } else {
+                const char key = steps[++i];
+                EXPECT_EQ(cache.get({key}, value) ? steps[static_cast<size_t>(value - '0')] : 'x', key);
+            }
+        }
+        std::string order;
+        for (const ProxyURLCacheNode *node = cache.tail; node; node = node->prev)
+            order += node->key;
+        EXPECT_EQ(order, left) << steps;
+        EXPECT_EQ(released, gone) << steps;
+        EXPECT_TRUE(cache.nodeMap.size() == left.size() && cache.valueMap.size() == left.size());
+    }
 }
 
 } // namespace

@@ -1,5 +1,5 @@
-// Handles, transport set-up and engine set-up: layout, options in order, proxies, unwinding, faults of the
-// device's identity.
+// Transport set-up and engine set-up: the request, proxies, signals, the end of the program, faults of the device's
+// identity.
 
 #include "link.h"
 #include "log_capture.h"
@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <thread>
@@ -26,12 +25,6 @@
 namespace
 {
 
-// Programs are compiled against this layout.
-constexpr size_t WORD = sizeof(void *);
-static_assert(offsetof(atls_handle, port) == 512 && offsetof(atls_handle, proxyUrlList) == 512 + WORD);
-static_assert(offsetof(atls_handle, curl) == 512 + 3 * WORD && sizeof(atls_handle) == 512 + 6 * WORD);
-static_assert(offsetof(atls_resp, tracking_id) == 5 * WORD && sizeof(atls_resp) == 6 * WORD);
-
 using proxy_double::Answer;
 using proxy_double::Text;
 using Options = decltype(interpose::State::options);
@@ -42,7 +35,7 @@ protected:
     Setup() { name_server("host.example"); }
     ~Setup() override
     {
-        interpose::set_fips(false);
+        interpose::fips_mode = false;
         proxy_double::set(Answer{});
     }
 
@@ -52,11 +45,12 @@ protected:
         handle_->port = port;
         interpose::reset();
     }
-    std::vector<std::string> headers() const
+    // The request's header lines, each with a bar behind it.
+    std::string headers() const
     {
-        std::vector<std::string> lines;
+        std::string lines;
         for (const curl_slist *line = handle_->header_opts; line; line = line->next)
-            lines.push_back(line->data);
+            lines += line->data + std::string("|");
         return lines;
     }
 
@@ -64,27 +58,34 @@ protected:
     atls_handle *&handle_ = device_.handle;
 };
 
-TEST_F(Setup, SetsOptionsAndHeadersInOrder)
+TEST_F(Setup, PreparesTheRequest)
 {
+    interpose::arm(2); // behind curl_easy_init
+    interpose::inside = true;
+    EXPECT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_SETUP_FAILED);
+    interpose::inside = false;
+    interpose::disarm();
+    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed();
+
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
-    handle_->proxyUrlList = static_cast<char **>(calloc(1, WORD));
+    handle_->proxyUrlList = static_cast<char **>(calloc(1, sizeof(char *)));
     ASSERT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_OK);
-    const Options expected = {{CURLOPT_VERBOSE, "1"},
-                              {CURLOPT_ERRORBUFFER, ""},
-                              {CURLOPT_URL, "https://host.example:8443/atls"},
-                              {CURLOPT_SSL_VERIFYPEER, "0"},
-                              {CURLOPT_SSL_VERIFYHOST, "0"},
-                              {CURLOPT_TIMEOUT_MS, "30000"},
-                              {CURLOPT_HTTPHEADER, ""},
-                              {CURLOPT_HTTP_VERSION, "2"},
-                              {CURLOPT_SUPPRESS_CONNECT_HEADERS, "1"},
-                              {CURLOPT_NOSIGNAL, "1"},
-                              {CURLOPT_OPENSOCKETFUNCTION, ""}};
-    EXPECT_EQ(interpose::kept().options, expected);
-    EXPECT_EQ(headers(), (std::vector<std::string>{"Content-Type: application/octet-stream",
-                                                   "User-Agent: Halvo-Desktop/desktop-1.0",
-                                                   "TrackingID: track", "Accept:", "Expect:"}));
     EXPECT_TRUE(!handle_->proxyUrlList && handle_->proxyUrlCount == 0);
+    Options options = interpose::kept().options;
+    EXPECT_EQ(options[CURLOPT_URL], "https://host.example:8443/atls");
+    EXPECT_EQ(options[CURLOPT_TIMEOUT_MS], "30000");
+    EXPECT_EQ(options[CURLOPT_SUPPRESS_CONNECT_HEADERS] + options[CURLOPT_NOSIGNAL], "11");
+    EXPECT_EQ(headers(), "Content-Type: application/octet-stream|User-Agent: Halvo-Desktop/desktop-1.0|"
+                         "TrackingID: track|Accept:|Expect:|");
+
+    for (const char *line : {"cookie: kept", "Set-Cookie: kept"})
+        handle_->header_opts = curl_slist_append(handle_->header_opts, line);
+    const std::string others = headers();
+    for (const std::string &cookies :
+         {std::string("old=1"), std::string(2000, 'c'), std::string("n=1;m=2")}) {
+        EXPECT_EQ(atls_set_cookies(&handle_, cookies.c_str()), ATLS_OK);
+        EXPECT_EQ(headers(), others + "Cookie: " + cookies.substr(0, 1015) + "|");
+    }
 }
 
 TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
@@ -92,11 +93,11 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     name_server(std::string(511, 'h'));
     const std::string path = "/" + std::string(2000, 's');
     ASSERT_EQ(init_tl_curl(&handle_, path.c_str(), path.c_str()), ATLS_OK);
-    EXPECT_EQ(interpose::kept().options[2].second,
+    EXPECT_EQ(interpose::kept().options[CURLOPT_URL],
               ("https://" + std::string(511, 'h') + ":8443" + path).substr(0, 1023));
-    EXPECT_EQ(headers()[2], ("TrackingID: " + path).substr(0, 1023));
-    atls_handle_cleanup(&handle_);
-    for (const auto &[host, port] : {std::pair("h", 0), {"h", -1}, {"h", 65536}, {"", 443}}) {
+    EXPECT_NE(headers().find("|TrackingID: " + path.substr(0, 1011) + "|"), std::string::npos);
+    for (const auto &[host, port] : {std::pair("h", 0), {"h", 65536}, {"", 443}}) {
+        atls_handle_cleanup(&handle_);
         name_server(host, port);
         EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT) << port;
         EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
@@ -159,108 +160,60 @@ TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
     EXPECT_EXIT(_exit(is_waited_for() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
-const std::string LONG_NAME(300, 'x');
-const std::string DIRECT = "setProxyParams Direct connect without http proxy\n\n";
-const Options NO_PROXY = {{CURLOPT_PROXY, "NULL"}};
-
 Answer answer_of_script(const std::vector<Text> &entries)
 {
     return {PROXY_MODE_PACURL, entries, "user", "secret"};
 }
 
-Options with_user(unsigned long methods, const char *password)
-{
-    return {{CURLOPT_PROXY, "p:3128"},
-            {CURLOPT_PROXYAUTH, std::to_string(static_cast<long>(methods))},
-            {CURLOPT_PROXYUSERNAME, "user"},
-            {CURLOPT_PROXYPASSWORD, password}};
-}
-
 // What reaches the request object, the handle and the log of an answer of the proxy manager.
 TEST_F(Setup, ChoosesProxies)
 {
+    const auto auth = [](unsigned long methods) { return std::to_string(static_cast<long>(methods)); };
+    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n", name(300, 'x');
     const struct {
         std::optional<Answer> answer;
-        Options options; // set after those of the transport
-        std::vector<Text> list;
-        std::string notices = {}, errors = {};
+        std::string options; // the proxy and what it is told: methods, user, password
+        std::string list, log;
         bool fips = false;
     } cases[] = {
-        {std::nullopt, {}, {}, "", "setProxyParams: create_proxy_manager_client fail!\n"},
-        {Answer{}, {}, {}, "setProxyParams Exit since http proxy mode is off\n\n"},
-        {answer_of_script({}), {}, {}, "", "setProxyParams Fail to found any available proxy url\n"},
-        {answer_of_script({"PROXY p1:80", "DIRECT"}), {{CURLOPT_PROXY, "p1:80"}}, {"p1:80", "DIRECT"}},
-        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, NO_PROXY, {"DIRECT", "p2:80"}, DIRECT},
-        {answer_of_script(
-             {"PROXY", {}, "PROXY ", "PROXY " + LONG_NAME, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
-         NO_PROXY,
-         {{}, {}, "", LONG_NAME, "socks:1", "ROXY", "proxy p:1", ""},
-         DIRECT},
-        {answer_of_script({"PROXY x-DIRECT:1"}), NO_PROXY, {"x-DIRECT:1"}, DIRECT},
-        {answer_of_script({"direct:1"}), {{CURLOPT_PROXY, "direct:1"}}, {"direct:1"}},
-        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, {{CURLOPT_PROXY, "PROXY p:1"}}, {"p:1"}},
-        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, with_user(CURLAUTH_ANY, "NULL"), {"p:3128"}},
+        {std::nullopt, "   ", "", "<3> setProxyParams: create_proxy_manager_client fail!\n"},
+        {Answer{}, "   ", "", "<5> setProxyParams Exit since http proxy mode is off\n"},
+        {answer_of_script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
+        {answer_of_script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
+         "<7> setProxyParams ProxyUrlList[0] = PROXY p1:80\n"},
+        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, "NULL   ", "DIRECT|p2:80|", direct},
+        {answer_of_script({"PROXY", {}, "PROXY ", "PROXY " + name, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
+         "NULL   ", "NULL|NULL||" + name + "|socks:1|ROXY|proxy p:1||", direct},
+        {answer_of_script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
+        {answer_of_script({"direct:1"}), "direct:1   ", "direct:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, "PROXY p:1   ", "p:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
+         "p:3128|", ""},
         {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
-         with_user(CURLAUTH_ANY & ~CURLAUTH_DIGEST, "secret"),
-         {"p:3128"},
-         "",
-         "",
-         true},
-        {Answer{4, {"PROXY p:1"}, {}, {}}, {}, {"p:1"}},
+         "p:3128 " + auth(CURLAUTH_ANY & ~CURLAUTH_DIGEST) + " user secret", "p:3128|", "", true},
+        {Answer{4, {"PROXY p:1"}, {}, {}}, "   ", "p:1|", ""},
     };
     for (const auto &expected : cases) {
         SCOPED_TRACE(&expected - cases);
         atls_handle_cleanup(&handle_);
         name_server("host.example");
-        interpose::set_fips(expected.fips);
+        interpose::fips_mode = expected.fips;
         proxy_double::set(expected.answer);
         ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
         proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
         get_proxy_url("");
 
-        Options options = interpose::kept().options;
-        options.erase(options.begin(), options.begin() + 11); // those of the transport
-        EXPECT_EQ(options, expected.options);
-        std::vector<Text> list;
+        Options set = interpose::kept().options;
+        EXPECT_EQ(set[CURLOPT_PROXY] + " " + set[CURLOPT_PROXYAUTH] + " " + set[CURLOPT_PROXYUSERNAME] + " " +
+                      set[CURLOPT_PROXYPASSWORD],
+                  expected.options);
+        std::string list;
         for (int i = 0; i < handle_->proxyUrlCount; i++)
-            list.push_back(handle_->proxyUrlList[i] ? Text(handle_->proxyUrlList[i]) : std::nullopt);
+            list += std::string(handle_->proxyUrlList[i] ? handle_->proxyUrlList[i] : "NULL") + "|";
         EXPECT_EQ(list, expected.list);
-        EXPECT_EQ(handle_->proxyUrlList != nullptr, !expected.list.empty());
-        EXPECT_EQ(interpose::log_of(LOG_NOTICE),
-                  "enter setProxyParams pRequestUrl:https://host.example:8443/atls\n\n" + expected.notices +
-                      "init_tl_curl: Transport layer initialized!");
-        EXPECT_EQ(interpose::log_of(LOG_ERR), expected.errors);
-        EXPECT_EQ(log_capture::contains("setProxyParams ProxyUrlList[0] = "),
-                  !list.empty() && expected.answer->entries[0]);
-    }
-}
-
-// Whatever is refused, the reason is logged, and the handle has the whole list of proxies or none.
-TEST_F(Setup, UnwindsEveryFailure)
-{
-    proxy_double::set(answer_of_script({"PROXY a:1", "PROXY b:1"}));
-    for (int nth = 2;; nth++) { // the first is the check of the port
-        atls_handle_cleanup(&handle_);
-        name_server("host.example");
-        interpose::arm(nth);
-        interpose::set_inside(true);
-        int result = init_tl_curl(&handle_, "/", "track");
-        const bool transport = result == ATLS_OK;
-        result = transport ? init_al_ssl(&handle_) : result;
-        interpose::set_inside(false);
-        if (interpose::disarm() < nth)
-            break;
-        SCOPED_TRACE(interpose::failed() + std::to_string(nth));
-        const char *const *list = handle_->proxyUrlList;
-        EXPECT_TRUE(list ? handle_->proxyUrlCount == 2 && list[0] && list[1] : handle_->proxyUrlCount == 0);
-        if (result == ATLS_OK)
-            continue;
-        EXPECT_TRUE(result == ATLS_SETUP_FAILED && !handle_->curl && !handle_->header_opts && !handle_->ssl);
-        const std::string errors = interpose::log_of(LOG_ERR);
-        EXPECT_EQ(errors.find("init_tl_curl: ") == 0, !transport) << errors;
-        EXPECT_EQ(errors.find("init_al_ssl: ") != std::string::npos, transport) << errors;
-        EXPECT_EQ(errors.find("\nCurl error [48] maps to") != std::string::npos,
-                  interpose::failed() == "curl_easy_setopt");
+        EXPECT_EQ(handle_->proxyUrlList == nullptr, list.empty());
+        EXPECT_TRUE(log_capture::contains(expected.log));
+        EXPECT_EQ(interpose::log_of(LOG_ERR).empty(), expected.log.find("<3>") != 0);
     }
 }
 
@@ -269,32 +222,31 @@ TEST_F(Setup, UnwindsEveryFailure)
 TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
 {
     const std::string digits = "0123456789012345678901234567890123456789";
-    const std::vector<std::array<std::string, 3>> cases = {
+    const std::string cases[][3] = {
         {"Model", "fw-1.2.3.loads.tail.loads", "Halvo-Model/fw-1.2.3"},
-        {"M", digits, "Halvo-M/0123456789012345678901234567890"},
-        {"0123456789abcdefghijklmno", digits, "Halvo-0123456789abcdefghi/012345678901234567890"},
+        {"M", digits, "Halvo-M/" + digits.substr(0, 31)},
+        {digits, digits, "Halvo-" + digits.substr(0, 19) + "/" + digits.substr(0, 21)},
         {"", "", "Halvo-unknown/unknown"}};
     for (const auto &[model, load, expected] : cases) {
-        const auto is_built = [&, &model = model, &load = load, &expected = expected] {
-            const test::Folder folder;
-            setenv("ATLS_PLATFORM_DIR", folder.root.c_str(), 1);
-            test::write_file(folder.path("device-model"), model);
-            test::write_file(folder.path("load-id"), load);
-            const std::string built = atls_get_user_agent();
-            test::write_file(folder.path("device-model"), "Other");
-            return built == expected && built == atls_get_user_agent();
+        const test::Device device;
+        test::write_file(device.folder.path("device-model"), model);
+        test::write_file(device.folder.path("load-id"), load);
+        const auto is_built = [&, &text = expected] {
+            const bool built = atls_get_user_agent() == text;
+            test::write_file(device.folder.path("device-model"), "Other");
+            return built && atls_get_user_agent() == text;
         };
         EXPECT_EXIT(_exit(is_built() ? 0 : 1), testing::ExitedWithCode(0), "") << expected;
     }
 }
 
-#define NEW_KEY "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 "
-#define NEW_EC_KEY "openssl ecparam -name prime256v1 -genkey -noout "
 #define TO_KEY "-outform DER -out $D/device-key.der"
 #define TO_PKCS8 "openssl pkcs8 -topk8 -nocrypt " TO_KEY
 
 const char *const NO_MIC = "atls_add_mic_to_ctx: Failed Fetch the MIC\n";
 const char *const BAD_MIC = "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n";
+const char *const WEAK_MIC =
+    "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error [";
 const char *const NO_KEY = "atls_add_mic_to_ctx: Failed Fetch the PKEY\n";
 const char *const BAD_KEY = "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n";
 const char *const WRONG_KEY =
@@ -302,24 +254,20 @@ const char *const WRONG_KEY =
 
 TEST(Identity, IsChecked)
 {
-    // A command in the folder of the identity, D being the device's; the first error, "" when all is well. A text
-    // that ends in ".." is followed by the error of OpenSSL.
+    // A command in the folder of the identity, D being the device's; the first error, "" when all is well.
     const std::pair<const char *, std::string> cases[] = {
         {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
         {"rm $D/device-cert.der", NO_MIC},
-        {": >$D/device-cert.der", NO_MIC},
         {"head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
-        {"rm $D/device-cert.der; mkdir $D/device-cert.der", NO_MIC},
-        {"head -c 4096 /dev/zero >$D/device-cert.der", BAD_MIC},
         {"cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
         {"head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
+        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem -outform DER -out "
+         "$D/device-cert.der",
+         WEAK_MIC},
         {"rm $D/device-key.der", NO_KEY},
-        {"head -c 4097 /dev/zero >$D/device-key.der", NO_KEY},
         {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        {NEW_EC_KEY TO_KEY, BAD_KEY},
-        {NEW_EC_KEY "| " TO_PKCS8, BAD_KEY},
-        {NEW_KEY "| openssl rsa " TO_KEY, WRONG_KEY},
-        {NEW_KEY TO_KEY, WRONG_KEY},
+        {"openssl ecparam -name prime256v1 -genkey -noout | " TO_PKCS8, BAD_KEY},
+        {"openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 " TO_KEY, WRONG_KEY},
         {TO_PKCS8 " -in ca/unit-key.pem", ""},
     };
     for (const auto &[make, message] : cases) {
@@ -334,7 +282,6 @@ TEST(Identity, IsChecked)
         const std::string errors = interpose::log_of(LOG_ERR);
         EXPECT_EQ(errors.find(message), 0u) << errors;
         EXPECT_EQ(errors.find("bad length"), std::string::npos) << errors;
-        EXPECT_EQ(errors.find("ssl error") != std::string::npos, message.find("..") != std::string::npos);
         EXPECT_EQ(log_capture::contains("init_al_ssl: Failed to add fake cert/key into SSL CTX"),
                   message.find("atls_add_mic") == 0);
     }
@@ -352,45 +299,35 @@ size_t count_in_memory(pid_t process, const std::vector<std::string> &pieces)
         if (strncmp(end, " rw", 3) != 0 || size > 256 << 20) // so large is the sanitizers' own
             continue;
         std::string bytes(size, '\0');
-        memory.seekg(static_cast<std::streamoff>(from)).read(&bytes[0], static_cast<std::streamsize>(size));
+        memory.seekg(static_cast<std::streamoff>(from))
+            .read(bytes.data(), static_cast<std::streamsize>(size));
         for (const std::string &piece : pieces)
             found += bytes.find(piece) != std::string::npos;
     }
     return found;
 }
 
+// A copy of this process, which alone has read the files of the key, looks for it in this one.
 TEST(Identity, LeavesNoKeyInMemory)
 {
     test::Device device;
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t user = fork(); // of a process that has not read the key
-    if (user == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL); // also when the test ends early
-        const std::string key = " -in " + test::identity("ca/unit-key.pem") + " -outform DER -out " +
-                                device.folder.path("device-key.der");
-        for (const char *encode : {"openssl pkey -traditional", "openssl pkcs8 -topk8 -nocrypt"}) {
-            test::run(encode + key);
-            const int result = init_al_ssl(&device.handle);
-            atls_handle_cleanup(&device.handle);
-            (void)!write(ready[1], &result, sizeof result);
+    const std::string file = device.folder.path("device-key.der");
+    for (const char *encode : {"openssl pkey -traditional", "openssl pkcs8 -topk8 -nocrypt"}) {
+        test::run(encode + (" -in " + test::identity("ca/unit-key.pem")) + " -outform DER -out " + file);
+        EXPECT_EQ(init_al_ssl(&device.handle), ATLS_OK);
+        atls_handle_cleanup(&device.handle);
+    }
+    prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY); // where only parents may look
+    const auto is_gone = [&] {
+        const std::string key = test::read_file(file);
+        std::vector<std::string> pieces;
+        for (size_t i = 300; i + 16 < key.size(); i += 64) { // behind the public numbers
+            pieces.push_back(key.substr(i, 16));
+            pieces.emplace_back(pieces.back().rbegin(), pieces.back().rend());
         }
-        pause();
-    }
-    close(ready[1]);
-    for (int i = 0, result = -1; i < 2; i++)
-        EXPECT_TRUE(read(ready[0], &result, sizeof result) == sizeof result && result == ATLS_OK);
-    const std::string key = test::read_file(device.folder.path("device-key.der"));
-    std::vector<std::string> pieces;
-    for (size_t i = 300; i + 16 < key.size(); i += 64) { // behind the public numbers
-        pieces.push_back(key.substr(i, 16));
-        pieces.emplace_back(pieces.back().rbegin(), pieces.back().rend());
-    }
-    EXPECT_EQ(count_in_memory(user, pieces), 0u);
-    EXPECT_NE(count_in_memory(getpid(), pieces), 0u);
-    kill(user, SIGKILL);
-    waitpid(user, nullptr, 0);
-    close(ready[0]);
+        return count_in_memory(getppid(), pieces) == 0 && count_in_memory(getpid(), pieces) > 0;
+    };
+    EXPECT_EXIT(_exit(is_gone() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
 } // namespace
