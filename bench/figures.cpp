@@ -2,7 +2,7 @@
 // line.
 
 #include "allocation.h"
-#include "bus_peer.h"
+#include "bus.h"
 #include "clients.h"
 #include "proxymanager.h"
 

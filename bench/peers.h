@@ -19,7 +19,7 @@ struct Peers {
     explicit Peers(const std::string &option = "") : services({SERVICES, test::identity(""), option})
     {
         setenv("ATLS_PLATFORM_DIR", test::identity("device").c_str(), 1);
-        require(services.wait_for("\n"), "services " + services.err());
+        require(services.wait_for("\n"), "services " + services.out());
         std::istringstream(services.out()) >> tls12 >> tls13 >> echo;
         require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
         std::cerr.rdbuf(std::cout.rdbuf()); // errors are told there

@@ -3,7 +3,7 @@
 // usage: bench-services FOLDER proxies|""      (made by scripts/make-identity; whether to be the proxy manager, too)
 
 #include "atls_service.h"
-#include "bus_peer.h"
+#include "bus.h"
 
 #include <iostream>
 

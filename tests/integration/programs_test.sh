@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
 # The built library and programs, used from outside. usage: programs_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
-source=$1 build=$2
-work=$(mktemp -d)
+# shellcheck source=tests/support/checks.sh
+. "$(dirname "$0")/../support/checks.sh"
 device=$build/examples/device # compiled into the example of a platform layer
-. "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work" "$device"' EXIT
-. "$source/tests/support/checks.sh"
 
 post() {
     # shellcheck disable=SC2086

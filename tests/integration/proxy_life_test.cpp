@@ -20,7 +20,7 @@ std::string outcome(const char *what)
 {
     Program program({PROXY_PROGRAM, what});
     const int status = program.end();
-    return program.out() + (status == 0 ? "" : program.err() + std::to_string(status));
+    return program.out() + (status == 0 ? "" : std::to_string(status));
 }
 
 } // namespace
@@ -112,10 +112,10 @@ TEST_F(ProxyTest, LeavesTheProgramsDescriptorsAlone)
     Program daemon({PROXY_PROGRAM, "daemon"});
     EXPECT_TRUE(daemon.wait_for("no service"));
     ScriptedService service;
-    EXPECT_EQ(daemon.end(), 0) << daemon.err();
+    EXPECT_EQ(daemon.end(), 0) << daemon.out();
     EXPECT_EQ(outcome("closing"), "");
     Program limited({"sh", "-c", "ulimit -Sn 4; exec \"$0\" limit", PROXY_PROGRAM});
-    EXPECT_EQ(limited.end(), 0) << limited.err();
+    EXPECT_EQ(limited.end(), 0) << limited.out();
 }
 
 TEST_F(ProxyTest, ProcessesEndWell)
@@ -131,7 +131,7 @@ TEST_F(ProxyTest, ProcessesEndWell)
         EXPECT_EQ(outcome("exit-in-callback"), "");
     }
     Program busy({"bash", "-o", "pipefail", "-c", "\"$0\" exit-in-use | (sleep 0.5; cat)", PROXY_PROGRAM});
-    EXPECT_EQ(busy.end(), 0) << busy.err();
+    EXPECT_EQ(busy.end(), 0) << busy.out();
     EXPECT_EQ(outcome("fork"), "");
     EXPECT_EQ(outcome("exec"), "0\n1\n2\n3\n") << "ls has the standard ones and the folder";
     stop = true;

@@ -8,7 +8,6 @@
 #include <functional>
 #include <iterator>
 #include <stdexcept>
-#include <system_error>
 #include <thread>
 
 #include <fcntl.h>
@@ -78,7 +77,7 @@ void run(const std::string &command)
 {
     Program shell({"sh", "-c", command});
     if (shell.end() != 0)
-        throw std::runtime_error("failed: " + command + "\n" + shell.err());
+        throw std::runtime_error("failed: " + command + "\n" + shell.out());
 }
 
 std::string identity(const std::string &name)
@@ -89,36 +88,29 @@ std::string identity(const std::string &name)
     return folder.path(name);
 }
 
-Program::Program(std::vector<std::string> command)
-    : out_(memfd_create("output", MFD_CLOEXEC)), err_(memfd_create("error", MFD_CLOEXEC))
+Program::Program(std::vector<std::string> command) : output_(memfd_create("output", MFD_CLOEXEC))
 {
-    command.insert(command.begin(), {"setpriv", "--pdeathsig", "KILL"});
+    const std::string file = "/proc/$PPID/fd/" + std::to_string(output_.get());
+    const std::string start = "exec setpriv --pdeathsig KILL \"$@\" </dev/null >" + file + " 2>&1";
+    command.insert(command.begin(), {"sh", "-c", start, "sh"});
     std::vector<char *> arguments;
     for (auto &argument : command)
         arguments.push_back(argument.data());
     arguments.push_back(nullptr);
     for (int descriptor = STDERR_FILENO + 1; descriptor < 1024; descriptor++)
         fcntl(descriptor, F_SETFD, FD_CLOEXEC); // whoever opened it
-    posix_spawn_file_actions_t streams;
-    posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_adddup2(&streams, out_.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&streams, err_.get(), STDERR_FILENO);
-    posix_spawn_file_actions_addopen(&streams, STDIN_FILENO, "/dev/null", O_RDONLY,
-                                     0); // last: its number may be in use
-    const int error = posix_spawnp(&pid_, arguments[0], &streams, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&streams);
-    if (error)
-        throw std::system_error(error, std::generic_category(), "setpriv");
+    if (posix_spawnp(&pid_, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0)
+        throw std::runtime_error("no shell");
 }
 
-std::string Program::content(const Descriptor &file)
+std::string Program::out() const
 {
-    return read_file("/proc/self/fd/" + std::to_string(file.get()));
+    return read_file("/proc/self/fd/" + std::to_string(output_.get()));
 }
 
 bool Program::wait_for(const std::string &text) const
 {
-    return eventually([&] { return (out() + err()).find(text) != std::string::npos; });
+    return eventually([&] { return out().find(text) != std::string::npos; });
 }
 
 int Program::end(int signal)
@@ -146,28 +138,15 @@ size_t heap_in_use()
     return static_cast<size_t>(heap.uordblks) + static_cast<size_t>(heap.hblkhd);
 }
 
-Listener::Listener() : fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+Listener::Listener() : socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     socklen_t length = sizeof address;
-    if (bind(fd, generic, length) != 0 || listen(fd, 8) != 0 || getsockname(fd, generic, &length) != 0)
+    if (bind(socket.get(), generic, length) != 0 || listen(socket.get(), 8) != 0 ||
+        getsockname(socket.get(), generic, &length) != 0)
         throw std::runtime_error("no port to listen on");
     port = ntohs(address.sin_port);
-}
-
-void Listener::close()
-{
-    if (fd >= 0)
-        ::close(fd);
-    fd = -1;
-}
-
-Daemon::Daemon(const std::string &command, int port) : Program({"sh", "-c", "exec " + command})
-{
-    run("timeout 30 bash -c 'until : </dev/tcp/127.0.0.1/" + std::to_string(port) + "; do sleep 0.01; done'");
 }
 
 } // namespace test

@@ -27,40 +27,29 @@ long count_in(const std::string &folder);      // entries
 size_t heap_in_use();                          // bytes of this process
 std::string identity(const std::string &name); // a file that scripts/make-identity made for this program
 
-// A child process with its output and no descriptor of the test's. It does not survive its object, nor the
-// test program.
+// A child process without descriptors of the test's. It does not survive its object, nor the test program.
 class Program
 {
 public:
     explicit Program(std::vector<std::string> command);
     ~Program() { end(SIGTERM); }
 
-    // Waits until the standard output, or the standard error, holds the text.
-    bool wait_for(const std::string &text) const;
+    std::string out() const;                      // and its errors
+    bool wait_for(const std::string &text) const; // in the output
     // Sends a signal, if one is given, and waits for the end: the exit status, or minus the signal that ended
     // it.
     int end(int signal = 0);
-    std::string out() const { return content(out_); }
-    std::string err() const { return content(err_); }
 
 private:
-    static std::string content(const Descriptor &file); // whose own position is where the child writes
-    Descriptor out_, err_;                              // files in memory
+    Descriptor output_; // a file in memory
     pid_t pid_ = -1;
 };
 
 // A listening socket on loopback. Nothing accepts: a peer that connects waits for ever.
 struct Listener {
     Listener();
-    ~Listener() { close(); }
-    void close(); // the port is dead from now on
-    int fd;
+    const Descriptor socket;
     int port;
-};
-
-// A program whose port answers when the constructor returns.
-struct Daemon : Program {
-    Daemon(const std::string &command, int port);
 };
 
 } // namespace test

@@ -4,7 +4,7 @@
 
 #include "program.h"
 
-#include <memory>
+#include <optional>
 
 namespace test
 {
@@ -15,17 +15,17 @@ class Proxy
 public:
     explicit Proxy(const std::string &settings = "")
     {
-        port_.close();
-        folder_.write("conf", "Port " + std::to_string(port_.port) + "\nListen 127.0.0.1\nLogFile \"" +
-                                  folder_.path("log") + "\"\n" + settings);
+        folder_.write("conf", "Port " + port_ + "\nListen 127.0.0.1\nLogFile \"" + folder_.path("log") +
+                                  "\"\n" + settings);
         start();
     }
     void start()
     {
-        daemon_ = std::make_unique<Daemon>("tinyproxy -d -c " + folder_.path("conf"), port_.port);
+        daemon_.emplace(std::vector<std::string>{"tinyproxy", "-d", "-c", folder_.path("conf")});
+        run("timeout 30 bash -c 'until : </dev/tcp/127.0.0.1/" + port_ + "; do sleep 0.01; done'");
     }
     int die() { return daemon_->end(SIGKILL); }
-    std::string address() const { return "127.0.0.1:" + std::to_string(port_.port); }
+    std::string address() const { return "127.0.0.1:" + port_; }
     // How many requests for a connection came since it was asked last.
     int requests()
     {
@@ -39,8 +39,8 @@ public:
 
 private:
     Folder folder_;
-    Listener port_;
-    std::unique_ptr<Daemon> daemon_;
+    const std::string port_ = std::to_string(Listener().port);
+    std::optional<Program> daemon_;
     size_t seen_ = 0;
 };
 

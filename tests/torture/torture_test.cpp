@@ -2,7 +2,7 @@
 // that can fail refused: nothing may crash, leak or give a wrong answer, and the library must work afterwards.
 // TORTURE_STRIDE=N takes every Nth point only behind those of the set-up.
 
-#include "bus_peer.h"
+#include "bus.h"
 #include "link.h"
 #include "log_capture.h"
 #include "proxymanager.h"
