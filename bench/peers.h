@@ -16,10 +16,9 @@ inline void require(bool rule, const std::string &what)
 
 struct Peers {
     // The option is one of bench-services. The standard error, where libcurl's trace goes, becomes /dev/null.
-    explicit Peers(const std::string &option = "") : services({SERVICES, test::identity(""), option})
+    explicit Peers(const std::string &option = "") : services({SERVICES, test::identity(""), option}, "\n")
     {
         setenv("ATLS_PLATFORM_DIR", test::identity("device").c_str(), 1);
-        require(services.wait_for("\n"), "services " + services.out());
         std::istringstream(services.out()) >> tls12 >> tls13 >> echo;
         require(freopen("/dev/null", "w", stderr) != nullptr, "/dev/null");
         std::cerr.rdbuf(std::cout.rdbuf()); // errors are told there

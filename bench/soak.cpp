@@ -17,6 +17,7 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <random>
 #include <set>
 #include <shared_mutex>
@@ -60,8 +61,9 @@ public:
     Soak()
     {
         const auto write = [&](const std::string &name, const std::string &way) {
-            folder_.write(name, "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'PROXY " +
-                                    way + "' : 'PROXY ' + host + ':80;DIRECT'; }");
+            write_file(folder_.path(name),
+                       "function FindProxyForURL(url, host) { return host == '127.0.0.1' ? 'PROXY " + way +
+                           "' : 'PROXY ' + host + ':80;DIRECT'; }");
         };
         write("pac0", a_.address() + ";PROXY " + b_.address());
         write("pac1", "127.0.0.1:1;PROXY " + b_.address() + ";DIRECT");
@@ -166,7 +168,7 @@ private:
             fault("wrong answer: " + host + ", mode " + std::to_string(proxies.mode) + ": " + entries);
         return proxies.mode;
     }
-    void bring_manager() { manager_ = start_manager(manager_options_); }
+    void bring_manager() { manager_.emplace(manager_command_, "serving as"); }
     // Changes the configuration, from here or from another process. The client must know of it afterwards.
     void configure(unsigned number)
     {
@@ -275,13 +277,13 @@ private:
     }
 
     const Folder folder_;
-    const std::vector<std::string> manager_options_{"--pac",         folder_.path("pac0"),
-                                                    "--wpad-script", folder_.path("pac1"),
-                                                    "--state-file",  folder_.path("state")};
+    const std::vector<std::string> manager_command_{
+        PROXYMANAGERD,        "--pac",        folder_.path("pac0"), "--wpad-script",
+        folder_.path("pac1"), "--state-file", folder_.path("state")};
     Peers peers_;
     PrivateBus bus_;
     Proxy a_{"LogLevel Critical\n"}, b_{"LogLevel Critical\n"};
-    std::unique_ptr<Program> manager_;
+    std::optional<Program> manager_;
     std::mutex turnstile_;
     std::shared_mutex renewal_;
     std::atomic<bool> stop_{false};

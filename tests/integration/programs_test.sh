@@ -23,10 +23,8 @@ check "the README shows the example" "" "$(sed -n '/^```c$/,/^```$/{/^```/d;p}' 
 
 # A device's own platform layer is used when it stands in the library path, its stime included. The right to set the
 # clock is given up first, in case it is not.
-check "replaced platform" "stime of the platform called: 1" \
-    "$(LD_LIBRARY_PATH=$build/tests/double setpriv --bounding-set=-sys_time --inh-caps=-sys_time \
-        "$build/tests/platform-caller" 2>"$work/err")"
-check "nothing said by the loader" "" "$(cat "$work/err")"
+check "replaced platform" "stime of the platform called: 1" "$(LD_LIBRARY_PATH=$build/tests/double \
+    setpriv --bounding-set=-sys_time --inh-caps=-sys_time "$build/tests/platform-caller" 2>&1)"
 
 "$source/scripts/make-identity" "$work"
 export ATLS_PLATFORM_DIR=$work/device
@@ -88,13 +86,11 @@ while IFS='|' read -r expected arguments; do
     eval "set -- $arguments"
     check "atls-post $arguments" "$expected 1" "$(status_of post "$@") $(wc -l <"$work/err")"
 done <<TABLE
-64|
 64|http://127.0.0.1/ x
 64|https://host:80x/ x
 64|$url @/no/such/file
 64|--tracking-id $'a\\r\\nb' $url x
 64|-o /no/such/file $url x
-64|--no-such-option $url x
 1|https://127.0.0.1:65536/ x
 3|https://127.0.0.1:1/ x
 TABLE

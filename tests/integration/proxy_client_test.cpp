@@ -149,5 +149,6 @@ TEST(Records, AreReleasedOnce)
         cleanupProxyUrlInfo(&info);
         cleanupProxySetting(&setting);
     }
-    EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && setting.kind == 0);
+    EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && !info.password);
+    EXPECT_TRUE(setting.kind == 0 && !setting.value);
 }

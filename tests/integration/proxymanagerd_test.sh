@@ -79,16 +79,12 @@ a script that never comes|0|status_of ctl set pac "$work/pipe"
 TABLE
 
 # A slow script holds up nobody, and a change ends it. More wait than are asked at once.
-askers=()
-for i in {1..18}; do
-    ask Interface.getProxyurl http://p/ >"$work/asked-$i" &
-    askers+=($!)
-done
+(for _ in {1..18}; do ask Interface.getProxyurl http://p/ & done; wait) >"$work/asked" &
 exec 9>"$work/pipe" # a script is being read now
 check "answers meanwhile" "(true,)" "$(ask Interface.checkServicestarted)"
 check "is changed meanwhile" "(0,)" "$(ask Interface.updateProxyconfig manual p:1 '' false '' '')"
-wait "${askers[@]}"
-check "all who waited" "18 (['manual', 'p:1'],)" "$(sort "$work"/asked-* | uniq -c | sed 's/^ *//')"
+wait $!
+check "all who waited" "18 (['manual', 'p:1'],)" "$(uniq -c "$work/asked" | sed 's/^ *//')"
 
 # The state file is the service's own.
 check "stored" "(0,)" "$(ask Interface.updateProxyconfig manual p:2 /a true 'ué"' secret)"

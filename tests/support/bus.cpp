@@ -1,4 +1,4 @@
-// Starts dbus-daemon, the service on it, and scripted peers.
+// Starts dbus-daemon, and scripted peers on it.
 
 #include "bus.h"
 
@@ -15,24 +15,15 @@ void PrivateBus::start(const std::string &rules)
     const std::string address = "unix:path=" + folder.path("bus");
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
     std::filesystem::remove(folder.path("bus")); // left over when the last one was killed
-    const std::string file = folder.write(
-        "config", "<busconfig><type>system</type><listen>" + address +
-                      "</listen><auth>EXTERNAL</auth><policy context='default'><allow user='*'/>"
-                      "<allow send_destination='*'/><allow receive_sender='*'/><allow own='*'/></policy>" +
-                      rules + "</busconfig>");
-    daemon = std::make_unique<Program>(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog",
-                                                                "--print-address", "--config-file=" + file});
-    if (!daemon->wait_for("\n"))
-        throw std::runtime_error("no dbus-daemon: " + daemon->out());
-}
-
-std::unique_ptr<Program> start_manager(std::vector<std::string> options)
-{
-    options.insert(options.begin(), PROXYMANAGERD);
-    auto manager = std::make_unique<Program>(std::move(options));
-    if (!manager->wait_for("serving as"))
-        throw std::runtime_error("no proxy manager: " + manager->out());
-    return manager;
+    const std::string file =
+        write_file(folder.path("config"),
+                   "<busconfig><type>system</type><listen>" + address +
+                       "</listen><auth>EXTERNAL</auth><policy context='default'><allow user='*'/>"
+                       "<allow send_destination='*'/><allow receive_sender='*'/><allow own='*'/></policy>" +
+                       rules + "</busconfig>");
+    daemon.emplace(std::vector<std::string>{"dbus-daemon", "--nofork", "--nosyslog", "--print-address",
+                                            "--config-file=" + file},
+                   "\n");
 }
 
 BusPeer::BusPeer(const std::string &name)
@@ -51,9 +42,7 @@ BusPeer::~BusPeer()
 {
     g_dbus_connection_remove_filter(connection_, filter_);
     g_dbus_connection_close_sync(connection_, nullptr, nullptr); // on the thread that runs the filter
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (GDBusMessage *reply : held_)
-        g_object_unref(reply);
+    answerHeld("()");                                            // to nobody
     g_object_unref(connection_);
 }
 

@@ -7,8 +7,8 @@
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <memory>
 #include <mutex>
+#include <optional>
 
 #include <gio/gio.h>
 
@@ -27,11 +27,8 @@ struct PrivateBus {
     void start(const std::string &rules = "");
     void kill() { daemon->end(SIGKILL); }
 
-    std::unique_ptr<Program> daemon;
+    std::optional<Program> daemon;
 };
-
-// The stand-in proxy manager, which is on the bus when it is returned.
-std::unique_ptr<Program> start_manager(std::vector<std::string> options = {});
 
 // A peer that can answer wrongly, late, or not at all. It speaks D-Bus through GDBus, to share nothing with the library
 // under test; arguments are GVariant texts, such as "('text', 1, true, ['a', 'b'])".
@@ -40,8 +37,6 @@ class BusPeer
 public:
     explicit BusPeer(const std::string &name = "");
     ~BusPeer();
-    BusPeer(const BusPeer &) = delete;
-    BusPeer &operator=(const BusPeer &) = delete;
 
     // The reply to calls of a member from their arguments, made on GDBus's thread; "" keeps the calls until
     // answerHeld, and members without a script are answered with an error.

@@ -25,16 +25,14 @@ namespace test
 namespace
 {
 
-// Longer than anything takes, sanitizers and valgrind included.
+// Waits longer than anything takes, sanitizers and valgrind included.
 bool eventually(const std::function<bool()> &condition)
 {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
+    bool met;
+    while (!(met = condition()) && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
+    return met;
 }
 
 } // namespace
@@ -51,21 +49,16 @@ Folder::~Folder()
     std::filesystem::remove_all(root, ignored);
 }
 
-std::string Folder::write(const std::string &name, const std::string &bytes) const
-{
-    write_file(path(name), bytes);
-    return path(name);
-}
-
 std::string read_file(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-void write_file(const std::string &path, const std::string &bytes)
+std::string write_file(const std::string &path, const std::string &bytes)
 {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+    return path;
 }
 
 long count_in(const std::string &folder)
@@ -88,7 +81,8 @@ std::string identity(const std::string &name)
     return folder.path(name);
 }
 
-Program::Program(std::vector<std::string> command) : output_(memfd_create("output", MFD_CLOEXEC))
+Program::Program(std::vector<std::string> command, const std::string &ready)
+    : output_(memfd_create("output", MFD_CLOEXEC))
 {
     const std::string file = "/proc/$PPID/fd/" + std::to_string(output_.get());
     const std::string start = "exec setpriv --pdeathsig KILL \"$@\" </dev/null >" + file + " 2>&1";
@@ -101,6 +95,8 @@ Program::Program(std::vector<std::string> command) : output_(memfd_create("outpu
         fcntl(descriptor, F_SETFD, FD_CLOEXEC); // whoever opened it
     if (posix_spawnp(&pid_, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0)
         throw std::runtime_error("no shell");
+    if (!wait_for(ready))
+        throw std::runtime_error("not ready: " + out());
 }
 
 std::string Program::out() const

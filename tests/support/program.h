@@ -16,12 +16,11 @@ struct Folder {
     Folder();
     ~Folder();
     std::string path(const std::string &name) const { return root + "/" + name; }
-    std::string write(const std::string &name, const std::string &bytes) const; // returns the path
     std::string root = "/tmp/atls-test-XXXXXX";
 };
 
 std::string read_file(const std::string &path);
-void write_file(const std::string &path, const std::string &bytes);
+std::string write_file(const std::string &path, const std::string &bytes); // returns the path
 void run(const std::string &command);          // in the shell; throws when it fails
 long count_in(const std::string &folder);      // entries
 size_t heap_in_use();                          // bytes of this process
@@ -31,7 +30,8 @@ std::string identity(const std::string &name); // a file that scripts/make-ident
 class Program
 {
 public:
-    explicit Program(std::vector<std::string> command);
+    // With a text, it waits until the output holds that.
+    explicit Program(std::vector<std::string> command, const std::string &ready = "");
     ~Program() { end(SIGTERM); }
 
     std::string out() const;                      // and its errors

@@ -15,8 +15,8 @@ class Proxy
 public:
     explicit Proxy(const std::string &settings = "")
     {
-        folder_.write("conf", "Port " + port_ + "\nListen 127.0.0.1\nLogFile \"" + folder_.path("log") +
-                                  "\"\n" + settings);
+        write_file(folder_.path("conf"), "Port " + port_ + "\nListen 127.0.0.1\nLogFile \"" +
+                                             folder_.path("log") + "\"\n" + settings);
         start();
     }
     void start()
