@@ -8,7 +8,6 @@
 #include "cli.h"
 #include "client.h"
 #include "peers.h"
-#include "proxy.h"
 #include "proxymanager.h"
 
 #include <atomic>

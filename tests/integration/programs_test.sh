@@ -16,9 +16,10 @@ listed() { sed -n '/global:/,/local:/s/^ *\([A-Za-z0-9_]*\);$/\1/p' "$1" | sort;
 exported() { nm -D --defined-only "$1" | awk '$2 != "A" { sub(/@.*/, "", $3); print $3 }' | sort; }
 check "symbols of libatls.so" "$(listed "$source/libatls.map")" "$(exported "$build/libatls.so")"
 check "symbols of the platform" "$(listed "$source/platform/platform.map")" "$(exported "$build/libatls-platform.so")"
-check "stays loaded, for its thread" 1 "$(readelf -d "$build/libatls.so" | grep -c NODELETE)"
-check "soname" libatls.so.1 "$(objdump -p "$build/libatls.so" | awk '$1 == "SONAME" { print $2 }')"
+check "soname, and stays loaded for its thread" "[libatls.so.1] NODELETE" \
+    "$(readelf -d "$build/libatls.so" | grep -o -e '[[]libatls.so.1[]]' -e NODELETE | xargs)"
 
+# shellcheck disable=SC2016 # Markdown
 check "the README shows the example" "" "$(sed -n '/^```c$/,/^```$/{/^```/d;p}' "$source/README.md" | diff - "$source/examples/post.c")"
 
 # A device's own platform layer is used when it stands in the library path, its stime included. The right to set the
@@ -29,21 +30,20 @@ check "replaced platform" "stime of the platform called: 1" "$(LD_LIBRARY_PATH=$
 "$source/scripts/make-identity" "$work"
 export ATLS_PLATFORM_DIR=$work/device
 start_service
-service_port=${service_url##*:}
 url=$service_url/atls
 
-check "a message" "0 hello " "$(status_of post "$url" hello) $(cat "$work/out" "$work/err") "
-check "from the standard input" piped "$(echo -n piped | post "$url")"
 head -c 300000 /dev/urandom >"$work/big"
 post -n 3 -o "$work/answer" "$url" "@$work/big"
 check "three answers" "$(cat "$work/big" "$work/big" "$work/big" | sha256sum)" "$(sha256sum <"$work/answer")"
-check "the header block" "TrackingID: t-1" \
-    "$(post -i --ip 127.0.0.1 --tracking-id t-1 "https://elsewhere.invalid:$service_port/" x | tr -d '\r' | grep Tr)"
-check "the example" hallo "$("$build/example-post" 127.0.0.1 "$service_port" /atls hallo 2>"$work/err")"
-check "the front end saw no message" "" "$(grep -lr -e hello -e hallo -e piped "$work/seen" || true)"
-check "the log" "atls-post: atls_connect: ATLS connection to 127.0.0.1 established" \
-    "$(status_of post --log notice "$url" x >"$work/status"; grep established "$work/err")"
-check "the trace" 1 "$(status_of post --trace "$url" x >"$work/status"; grep -c '< HTTP/1.1 200 OK' "$work/err" | sed 's/[2-9]/1/')"
+check_rows <<'TABLE'
+a message|0 hello |echo "$(status_of post "$url" hello) $(cat "$work/out" "$work/err") "
+from the standard input|piped|echo -n piped | post "$url"
+the header block|TrackingID: t-1|post -i --ip 127.0.0.1 --tracking-id t-1 "https://elsewhere.invalid:${service_url##*:}/" x | tr -d '\r' | grep Tr
+the example|hallo|"$build/example-post" 127.0.0.1 "${service_url##*:}" /atls hallo 2>"$work/err"
+the front end saw no message||grep -lr -e hello -e hallo -e piped "$work/seen"
+the log|1|status_of post --log notice "$url" x >"$work/status"; grep -c '^atls-post: atls_connect: ATLS connection to 127.0.0.1 established' "$work/err"
+the trace|1|post --trace "$url" x 2>&1 | grep -m 1 -c '< HTTP/1.1 200 OK'
+TABLE
 
 # The example of a device's own platform layer, complete and without anything of the stand-in's.
 install -D -t "$device" "$work/device/truststore.pem"
@@ -58,6 +58,7 @@ cp "$work/device/truststore.pem" "$device"
 head -c 4096 /dev/zero >>"$device/key.pk8"
 check "it truncates no key" 2 "$(status_of device_post)"
 
+# shellcheck disable=SC2119
 start_bus
 start_proxy proxy && echo "function FindProxyForURL() { return 'PROXY 127.0.0.1:1; PROXY 127.0.0.1:$port'; }" >"$work/pac"
 start_proxy_manager --pac "$work/pac"
@@ -82,27 +83,20 @@ done
 check "explained failure" "3   carried by      nothing" "$(status_of post --explain https://127.0.0.1:1/ x) $(grep carried "$work/err")"
 
 # Wrong usage: status 64 and one line; the library's own results otherwise.
-while IFS='|' read -r expected arguments; do
-    eval "set -- $arguments"
-    check "atls-post $arguments" "$expected 1" "$(status_of post "$@") $(wc -l <"$work/err")"
-done <<TABLE
-64|http://127.0.0.1/ x
-64|https://host:80x/ x
-64|$url @/no/such/file
-64|--tracking-id $'a\\r\\nb' $url x
-64|-o /no/such/file $url x
-1|https://127.0.0.1:65536/ x
-3|https://127.0.0.1:1/ x
+refused() { echo "$(status_of post "$@") $(wc -l <"$work/err")"; }
+check_rows <<'TABLE'
+not HTTPS|64 1|refused http://127.0.0.1/ x
+no port|64 1|refused https://host:80x/ x
+no file|64 1|refused "$url" @/no/such/file
+a header of its own|64 1|refused --tracking-id $'a\r\nb' "$url" x
+no folder|64 1|refused -o /no/such/file "$url" x
+not possible|1 1|refused https://127.0.0.1:65536/ x
+not there|3 1|refused https://127.0.0.1:1/ x
+a failed post keeps the file|2 kept|echo kept >"$work/kept"; ATLS_PLATFORM_DIR=/none status_of post -o "$work/kept" "$url" x | tr '\n' ' '; cat "$work/kept"
+an unwritten answer|74|status_of post -o /dev/full "$url" x
+a port in use|69|status_of "$build/atls-server" $(service_certificates) --port "${service_url##*:}"
 TABLE
-echo kept >"$work/answer"
-check "a failed post keeps the file" "2 kept" \
-    "$(export ATLS_PLATFORM_DIR=/none; status_of post -o "$work/answer" "$url" x) $(cat "$work/answer")"
-check "an unwritten answer" 74 "$(status_of post -o /dev/full "$url" x)"
-mapfile -t certificates < <(service_certificates)
-check "a port in use" 69 "$(status_of "$build/atls-server" "${certificates[@]}" --port "$service_port")"
-status=0
-stop service || status=$?
-check "the service ends" 0 "$status"
+stop service || check "the service ends" 0 $?
 
 # A session goes on only behind a whole answer that was encrypted. New keys behind it are no data.
 connections() { # runs a command; prints its status, its output's bytes and how often the service was connected to
@@ -133,4 +127,3 @@ check "nothing but the flights is left in /tmp" "" \
     "$(find /tmp -mindepth 1 -maxdepth 1 -newer "$work/device/device-cert.der" ! -path "$work" ! -name 'atls-test-*' \
         ! -name 'tmp.*' ! -name 'atls_handshake_data_*_[0-9]*')"
 check "no key can be read by others" "" "$(find "$work" -name '*key*' -perm /077)"
-echo "$passed passed, 0 failed"

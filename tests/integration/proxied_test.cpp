@@ -4,7 +4,6 @@
 #include "bus.h"
 #include "link.h"
 #include "log_capture.h"
-#include "proxy.h"
 #include "proxymanager.h"
 
 #include <regex>
@@ -15,8 +14,6 @@ namespace
 {
 
 using namespace test;
-
-constexpr long SHORT_TIMEOUT_MS = 3000; // where something is silent
 
 class Proxied : public testing::Test
 {
@@ -107,10 +104,9 @@ TEST_F(Proxied, FollowsTheConfiguration)
         SCOPED_TRACE(mode + ' ' + names + ' ' + password);
         configure(mode, names, user, password);
         interpose::connect_status = names[0] == 'R' ? 403 : 0;
-        EXPECT_EQ(connect(names[0] == 'S' ? SHORT_TIMEOUT_MS : 0), result);
+        EXPECT_EQ(connect(names[0] == 'S' ? 3000 : 0), result); // ms, since it is silent
         EXPECT_EQ(failures(), failed);
         EXPECT_EQ(log_capture::contains("atls_handshake: Failed to preform post"), result != ATLS_OK);
-        EXPECT_EQ(log_capture::contains("Curl error"), result != ATLS_OK);
         EXPECT_FALSE(log_capture::contains("open-sesame")) << "the password is in the log";
         EXPECT_EQ(link_.handle->proxyUrlCount, result == ATLS_OK ? static_cast<int>(names.size()) : 0);
         EXPECT_TRUE(result != ATLS_OK || (echoes("first") && echoes("second")));

@@ -130,7 +130,8 @@ TEST_F(ProxyTest, ProcessesEndWell)
         EXPECT_EQ(outcome("exit"), "");
         EXPECT_EQ(outcome("exit-in-callback"), "");
     }
-    Program busy({"bash", "-o", "pipefail", "-c", "\"$0\" exit-in-use | (sleep 0.5; cat)", PROXY_PROGRAM});
+    Program busy(
+        {"bash", "-o", "pipefail", "-c", "\"$0\" exit-in-use | (sleep 0.5; cat >/dev/null)", PROXY_PROGRAM});
     EXPECT_EQ(busy.end(), 0) << busy.out();
     EXPECT_EQ(outcome("fork"), "");
     EXPECT_EQ(outcome("exec"), "0\n1\n2\n3\n") << "ls has the standard ones and the folder";

@@ -9,10 +9,8 @@ trap 'stop_all; rm -rf "$work"' EXIT
 unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 trap 'echo "failed: $BASH_COMMAND" >&2' ERR
 
-passed=0
 check() { # check WHAT EXPECTED ACTUAL
     [ "$2" = "$3" ] || { printf 'FAILED: %s\nexpected: %s\nactual:   %s\n' "$1" "$2" "$3" >&2; exit 1; }
-    passed=$((passed + 1))
 }
 check_rows() { # lines of WHAT|EXPECTED|COMMAND, whose output's lines are joined
     local what expected command

@@ -19,7 +19,6 @@ extern DBus::Connection *dbus_conn; // what C++ programs find in the library
 namespace test
 {
 
-using Lines = std::vector<std::string>;
 constexpr const char *USUAL_ANSWER = "2 PROXY p1:80, DIRECT"; // of the scripted service, as toText has it
 
 // Collects the events told to its callback.
@@ -84,7 +83,6 @@ inline std::string configText()
     for (const char *field : {config.proxyUrl, config.pacUrl, config.userName, config.password})
         text += std::string(" ") + (field ? field : "NULL");
     cleanupProxyConfig(&config);
-    cleanupProxyConfig(&config); // of nothing
     return text;
 }
 
