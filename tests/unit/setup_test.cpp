@@ -26,7 +26,6 @@ namespace
 {
 
 using proxy_double::Answer;
-using proxy_double::Text;
 using Options = decltype(interpose::State::options);
 
 class Setup : public testing::Test
@@ -36,7 +35,7 @@ protected:
     ~Setup() override
     {
         interpose::fips_mode = false;
-        proxy_double::set(Answer{});
+        proxy_double::answer = Answer{};
     }
 
     void name_server(const std::string &host, int port = 8443)
@@ -160,16 +159,15 @@ TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
     EXPECT_EXIT(_exit(is_waited_for() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
-Answer answer_of_script(const std::vector<Text> &entries)
-{
-    return {PROXY_MODE_PACURL, entries, "user", "secret"};
-}
-
 // What reaches the request object, the handle and the log of an answer of the proxy manager.
 TEST_F(Setup, ChoosesProxies)
 {
     const auto auth = [](unsigned long methods) { return std::to_string(static_cast<long>(methods)); };
-    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n", name(300, 'x');
+    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n";
+    const std::string name(300, 'x'), long_name = "PROXY " + name;
+    const auto script = [](const std::vector<const char *> &entries) {
+        return Answer{PROXY_MODE_PACURL, entries, "user", "secret"};
+    };
     const struct {
         std::optional<Answer> answer;
         std::string options; // the proxy and what it is told: methods, user, password
@@ -178,31 +176,28 @@ TEST_F(Setup, ChoosesProxies)
     } cases[] = {
         {std::nullopt, "   ", "", "<3> setProxyParams: create_proxy_manager_client fail!\n"},
         {Answer{}, "   ", "", "<5> setProxyParams Exit since http proxy mode is off\n"},
-        {answer_of_script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
-        {answer_of_script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
+        {script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
+        {script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
          "<7> setProxyParams ProxyUrlList[0] = PROXY p1:80\n"},
-        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, "NULL   ", "DIRECT|p2:80|", direct},
-        {answer_of_script({"PROXY", {}, "PROXY ", "PROXY " + name, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
+        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}}, "NULL   ", "DIRECT|p2:80|", direct},
+        {script({"PROXY", nullptr, "PROXY ", long_name.c_str(), "socks:1", "HTTP PROXY", "proxy p:1", ""}),
          "NULL   ", "NULL|NULL||" + name + "|socks:1|ROXY|proxy p:1||", direct},
-        {answer_of_script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
-        {answer_of_script({"direct:1"}), "direct:1   ", "direct:1|", ""},
-        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, "PROXY p:1   ", "p:1|", ""},
-        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
+        {script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
+        {script({"direct:1"}), "direct:1   ", "direct:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, nullptr, "unused"}, "PROXY p:1   ", "p:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user"}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
          "p:3128|", ""},
         {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
          "p:3128 " + auth(CURLAUTH_ANY & ~CURLAUTH_DIGEST) + " user secret", "p:3128|", "", true},
-        {Answer{4, {"PROXY p:1"}, {}, {}}, "   ", "p:1|", ""},
+        {Answer{4, {"PROXY p:1"}}, "   ", "p:1|", ""},
     };
     for (const auto &expected : cases) {
         SCOPED_TRACE(&expected - cases);
         atls_handle_cleanup(&handle_);
         name_server("host.example");
         interpose::fips_mode = expected.fips;
-        proxy_double::set(expected.answer);
+        proxy_double::answer = expected.answer;
         ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
-        proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
-        get_proxy_url("");
-
         Options set = interpose::kept().options;
         EXPECT_EQ(set[CURLOPT_PROXY] + " " + set[CURLOPT_PROXYAUTH] + " " + set[CURLOPT_PROXYUSERNAME] + " " +
                       set[CURLOPT_PROXYPASSWORD],
