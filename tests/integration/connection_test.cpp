@@ -1,7 +1,6 @@
 // Connection and exchange against the reference service: lengths, statuses, refusals, odd answers, files.
 
 #include "link.h"
-#include "log_capture.h"
 
 #include <thread>
 #include <utility>

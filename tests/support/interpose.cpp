@@ -3,7 +3,6 @@
 #include "interpose.h"
 
 #include "allocation.h"
-#include "log_capture.h"
 #include "platform.h"
 
 #include <atomic>
@@ -12,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -57,11 +57,6 @@ auto with_state(Step step)
     interpose::inside = was_inside;
     return result;
 }
-
-struct Start {
-    void *(*function)(void *);
-    void *argument;
-};
 
 } // namespace
 
@@ -110,15 +105,6 @@ bool fails(const char *point)
         return false;
     failed_point = point;
     return true;
-}
-
-std::string log_of(int priority)
-{
-    std::string text;
-    for (const std::string &line : log_capture::lines())
-        if (line[1] == '0' + priority)
-            text += (text.empty() ? "" : "\n") + line.substr(strlen("<3> "));
-    return text;
 }
 
 } // namespace interpose
@@ -231,15 +217,14 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
 {
     if (fails("pthread_create"))
         return EAGAIN;
-    auto *start = static_cast<Start *>(__real_malloc(sizeof(Start)));
-    *start = {function, argument};
+    using Start = std::pair<decltype(function), void *>;
     const auto run_inside = [](void *data) {
-        const Start given = *static_cast<Start *>(data);
-        free(data);
+        const std::unique_ptr<Start> start(static_cast<Start *>(data));
         interpose::inside = true;
-        return given.function(given.argument);
+        return start->first(start->second);
     };
-    return __real_pthread_create(thread, attributes, run_inside, start);
+    return __real_pthread_create(thread, attributes, run_inside,
+                                 new (std::nothrow) Start(function, argument));
 }
 
 // ---- Functions of the C library and of OpenSSL, for everybody

@@ -3,10 +3,11 @@
 #ifndef TESTS_INTERPOSE_H
 #define TESTS_INTERPOSE_H
 
+#include "log_capture.h"
+
 #include <atomic>
 #include <ctime>
 #include <map>
-#include <string>
 #include <vector>
 
 #include <curl/curl.h>
@@ -37,7 +38,7 @@ std::string failed();          // the point that failed; "" when none did
 bool fails(const char *point); // passes a point
 bool openssl_fails();          // passes the point of a request by OpenSSL on its own behalf
 
-std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
+using log_capture::log_of;
 
 } // namespace interpose
 

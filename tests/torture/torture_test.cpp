@@ -4,7 +4,6 @@
 
 #include "bus_peer.h"
 #include "link.h"
-#include "log_capture.h"
 #include "proxymanager.h"
 
 #include <algorithm>

@@ -2,7 +2,6 @@
 // identity.
 
 #include "link.h"
-#include "log_capture.h"
 #include "proxy_double.h"
 
 #include <atomic>
@@ -89,11 +88,10 @@ TEST_F(Setup, PreparesTheRequest)
 
 TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
 {
-    name_server(std::string(511, 'h'));
-    const std::string path = "/" + std::string(2000, 's');
+    const std::string name(511, 'h'), path = "/" + std::string(2000, 's');
+    name_server(name);
     ASSERT_EQ(init_tl_curl(&handle_, path.c_str(), path.c_str()), ATLS_OK);
-    EXPECT_EQ(interpose::kept().options[CURLOPT_URL],
-              ("https://" + std::string(511, 'h') + ":8443" + path).substr(0, 1023));
+    EXPECT_EQ(interpose::kept().options[CURLOPT_URL], ("https://" + name + ":8443" + path).substr(0, 1023));
     EXPECT_NE(headers().find("|TrackingID: " + path.substr(0, 1011) + "|"), std::string::npos);
     for (const auto &[host, port] : {std::pair("h", 0), {"h", 65536}, {"", 443}}) {
         atls_handle_cleanup(&handle_);
@@ -107,17 +105,15 @@ TEST_F(Setup, KeepsTheSignalsOfFailedWritesFromTheProgram)
 {
     name_server("127.0.0.1", 1);
     ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_OK);
-    EXPECT_EXIT(
-        {
-            signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
-            signal(SIGXFSZ, SIG_DFL);
-            const bool failed = post_with_failover("test", handle_) == CURLE_COULDNT_CONNECT;
-            rlimit largest_file = {};
-            setrlimit(RLIMIT_FSIZE, &largest_file);
-            save_posted_handshake_data("flight", 6);
-            _exit(failed ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
+    const auto write = [&] {
+        signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
+        signal(SIGXFSZ, SIG_DFL);
+        const rlimit largest_file = {};
+        setrlimit(RLIMIT_FSIZE, &largest_file);
+        save_posted_handshake_data("flight", 6);
+        _exit(post_with_failover("test", handle_) != CURLE_OK ? 0 : 1);
+    };
+    EXPECT_EXIT(write(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Setup, DumpsInTheChildOfAForkDuringADump)
@@ -235,42 +231,32 @@ TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
     }
 }
 
-#define TO_KEY "-outform DER -out $D/device-key.der"
-#define TO_PKCS8 "openssl pkcs8 -topk8 -nocrypt " TO_KEY
-
-const char *const NO_MIC = "atls_add_mic_to_ctx: Failed Fetch the MIC\n";
-const char *const BAD_MIC = "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n";
-const char *const WEAK_MIC =
-    "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error [";
-const char *const NO_KEY = "atls_add_mic_to_ctx: Failed Fetch the PKEY\n";
-const char *const BAD_KEY = "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n";
-const char *const WRONG_KEY =
-    "atls_add_mic_to_ctx:  SSL_CTX_use_PrivateKey failed..\nlog_ssl_error: ssl error [";
-
 TEST(Identity, IsChecked)
 {
     // A command in the folder of the identity, D being the device's; the first error, "" when all is well.
-    const std::pair<const char *, std::string> cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
-        {"rm $D/device-cert.der", NO_MIC},
-        {"head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
-        {"cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
+        {"rm $D/device-cert.der", "atls_add_mic_to_ctx: Failed Fetch the MIC\n"},
+        {"head -c 4097 /dev/zero >$D/device-cert.der", "atls_add_mic_to_ctx: Failed Fetch the MIC\n"},
+        {"cp ca/unit-cert.pem $D/device-cert.der",
+         "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n"},
         {"head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
-        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem -outform DER -out "
-         "$D/device-cert.der",
-         WEAK_MIC},
-        {"rm $D/device-key.der", NO_KEY},
-        {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        {"openssl ecparam -name prime256v1 -genkey -noout | " TO_PKCS8, BAD_KEY},
-        {"openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 " TO_KEY, WRONG_KEY},
-        {TO_PKCS8 " -in ca/unit-key.pem", ""},
+        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem | openssl x509 "
+         ">$D/device-cert.der",
+         "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error ["},
+        {"rm $D/device-key.der", "atls_add_mic_to_ctx: Failed Fetch the PKEY\n"},
+        {"openssl ecparam -name prime256v1 -genkey -noout | openssl pkcs8 -topk8 -nocrypt >$D/device-key.der",
+         "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n"},
+        {"openssl genpkey -algorithm RSA >$D/device-key.der",
+         "atls_add_mic_to_ctx:  SSL_CTX_use_PrivateKey failed..\nlog_ssl_error: ssl error ["},
+        {"openssl pkcs8 -topk8 -nocrypt -in ca/unit-key.pem >$D/device-key.der", ""},
     };
     for (const auto &[make, message] : cases) {
         SCOPED_TRACE(make);
         test::Device device;
-        test::run("cd " + test::identity("") + " && D=" + device.folder.root + " && (" + make +
+        const std::string as_der = make.find("openssl") == 0 ? " -outform DER" : "";
+        test::run("(cd " + test::identity("") + " && D=" + device.folder.root + " && " + make + as_der +
                   ") 2>/dev/null");
-        interpose::reset();
         ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere", 1); // of other code: not the reason
         EXPECT_EQ(init_al_ssl(&device.handle), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
         EXPECT_EQ(device.handle->ssl == nullptr, !message.empty());
