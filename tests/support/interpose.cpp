@@ -45,7 +45,6 @@ Shared &shared()
 thread_local bool inside_libcurl = false; // not all of its versions bear it that OpenSSL lacks memory
 std::atomic<int> passed{0};
 std::atomic<int> failing_point{0};
-std::atomic<const char *> failed_point{""};
 
 // Runs a step on the kept state, under its lock, and outside the library.
 template <typename Step>
@@ -76,22 +75,13 @@ void reset(long timeout_ms, time_t now, bool clock_settable)
     with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}}; });
 }
 
-void arm(int nth)
+int arm(int nth)
 {
-    passed = 0;
+    if (nth != 0)
+        failed = "";
+    const int count = passed.exchange(0);
     failing_point = nth;
-    failed_point = "";
-}
-
-int disarm()
-{
-    failing_point = 0;
-    return passed;
-}
-
-std::string failed()
-{
-    return failed_point.load();
+    return count;
 }
 
 bool openssl_fails()
@@ -103,7 +93,7 @@ bool fails(const char *point)
 {
     if (!inside || ++passed != failing_point)
         return false;
-    failed_point = point;
+    failed = point;
     return true;
 }
 

@@ -62,8 +62,8 @@ TEST_F(Setup, PreparesTheRequest)
     interpose::inside = true;
     EXPECT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_SETUP_FAILED);
     interpose::inside = false;
-    interpose::disarm();
-    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed();
+    interpose::arm(0);
+    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed;
 
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
     handle_->proxyUrlList = static_cast<char **>(calloc(1, sizeof(char *)));
