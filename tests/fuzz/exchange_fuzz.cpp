@@ -9,15 +9,12 @@
 #include <cstdarg>
 #include <cstring>
 #include <map>
-#include <memory>
 
 #undef curl_easy_setopt
 #undef curl_easy_getinfo
 #ifdef __clang__
 #pragma clang diagnostic ignored "-Wvarargs" // libcurl's own prototype ends in an enumeration and "..."
 #endif
-
-using Engine = std::unique_ptr<SSL, decltype(&SSL_free)>;
 
 static std::map<CURLoption, void *> options;
 static std::istream *script;
@@ -49,11 +46,11 @@ static SSL_CTX *make_context(bool old)
     return ctx;
 }
 
-static Engine make_engine(bool old)
+static SSL *make_engine(bool old)
 {
     static SSL_CTX *const contexts[] = {make_context(false), make_context(true)};
-    Engine engine(SSL_new(contexts[old]), SSL_free);
-    SSL_set_bio(engine.get(), BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+    SSL *engine = SSL_new(contexts[old]);
+    SSL_set_bio(engine, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
     return engine;
 }
 
@@ -167,8 +164,7 @@ static void check_answer(int result, const atls_resp &answer)
 void run(std::istream &input)
 {
     const bool old = input.get() == '2';
-    const Engine peer = make_engine(old);
-    server = peer.get();
+    server = make_engine(old);
     SSL_set_accept_state(server);
     script = &input;
     sent.clear();
@@ -182,7 +178,7 @@ void run(std::istream &input)
     input.get();
     handle->proxyUrlCount = 2;
     handle->proxyUrlList = static_cast<char **>(calloc(2, sizeof(char *)));
-    handle->ssl = make_engine(old).release();
+    handle->ssl = make_engine(old);
     SSL_set_connect_state(handle->ssl);
     int result = atls_handshake(handle);
     REQUIRE((result == ATLS_OK) == (handle->ssl && handle->curl && handle->header_opts));
@@ -196,4 +192,5 @@ void run(std::istream &input)
     }
     cleanup_atls_resp(&answer);
     free_atls_handle(handle);
+    SSL_free(server);
 }

@@ -72,7 +72,6 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
 TEST_P(Connection, TakesOddResponses)
 {
     constexpr int ANY = -1; // the handshake is not tried, or goes on as if nothing were odd
-    const auto status = [](int code) { return [=](Reply &reply) { reply.status = code; }; };
     const auto header = [](const char *replaced, const char *name, const std::string &value) {
         return [=](Reply &reply) {
             reply.headers.erase(replaced);
@@ -90,8 +89,8 @@ TEST_P(Connection, TakesOddResponses)
         bool decrypted;
         int next; // result of the exchange after it
     } cases[] = {
-        {"bad request", status(400), 4, 0, true, 0},
-        {"moved", status(302), 7, 0, true, 0},
+        {"bad request", [](Reply &reply) { reply.status = 400; }, 4, 0, true, 0},
+        {"moved", [](Reply &reply) { reply.status = 302; }, 7, 0, true, 0},
         {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
         {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 3, 4, false, 1},
         {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
@@ -110,8 +109,6 @@ TEST_P(Connection, TakesOddResponses)
         if (wanted.handshake != ANY) {
             link_.tamper = wanted.tamper;
             EXPECT_EQ(link_.connect(), wanted.handshake);
-            EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()),
-                      wanted.name == std::string("garbage") ? SSL_R_WRONG_VERSION_NUMBER : 0);
             EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
                         !*link_.handle->hostname);
             link_.tamper = nullptr;
