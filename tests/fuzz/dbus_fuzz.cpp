@@ -1,12 +1,14 @@
-// D-Bus replies and signals into the client of the proxy manager, whose connection has nobody at its other end.
+// D-Bus replies and signals, and URLs, into the client of the proxy manager, whose connection has nobody at its other end.
 
 #include "fuzz.h"
 
+#include "common.h"
 #include "pollloop.h"
 #include "proxymanagerclientimpl.h"
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <dbus/dbus.h>
 #include <unistd.h>
@@ -81,6 +83,18 @@ static DBus::Connection &connection()
     return *opened;
 }
 
+// The host of a URL, which the answer is kept under, is a part of it.
+static void read_host(const std::string &url)
+{
+    const size_t left = std::exchange(calls_left, 0); // without memory it has none
+    char *host = getHost(url);
+    const size_t scheme = url.find("://"), start = scheme == std::string::npos ? 0 : scheme + 3;
+    REQUIRE(host ? url.compare(start, strlen(host), host) == 0 && (start == 0 || !strchr(host, ':'))
+                 : start == url.size() || url[start] == ':');
+    free(host);
+    calls_left = left;
+}
+
 // All texts of an answer can be read.
 static void read_answer(const ProxyUrlInformation &answer)
 {
@@ -98,6 +112,7 @@ static void converse(ProxyManagerClientImpl &client)
     for (std::string line; std::getline(*script, line); read_answer(answer)) {
         const std::string text = line.substr(std::min<size_t>(line.size(), 1));
         if (line[0] == 'u') {
+            read_host(text);
             answer = client.getProxyUrl(text.c_str());
         } else if (line[0] == 'h') {
             client.AddEventNotifyHandler(static_cast<int>(strtol(text.c_str(), nullptr, 10)),

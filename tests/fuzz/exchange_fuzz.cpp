@@ -1,9 +1,11 @@
 // Scripted HTTP responses into the handshake and into exchanges. Nothing of libcurl transfers anything here.
 
-#include "tls.h"
+#include "fuzz.h"
 
 #include "atls_internals.h"
+#include "inner_session.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstring>
 #include <map>
@@ -20,6 +22,82 @@ static SSL *server;
 static std::string sent; // by the server
 static size_t answered;  // how much of it has been handed out
 static long status_code;
+
+// A context of both ends with a shared key, so that a handshake costs little, for TLS 1.2 if it is old, else 1.3.
+static SSL_CTX *make_context(bool old)
+{
+    constexpr unsigned LENGTH = 16;
+    SSL_CTX *ctx = SSL_CTX_new(TLS_method());
+    SSL_CTX_set_min_proto_version(ctx, old ? TLS1_2_VERSION : TLS1_3_VERSION);
+    SSL_CTX_set_max_proto_version(ctx, old ? TLS1_2_VERSION : TLS1_3_VERSION);
+    SSL_CTX_set_cipher_list(ctx, "PSK-AES128-GCM-SHA256");
+    SSL_CTX_set_ciphersuites(ctx, "TLS_AES_128_GCM_SHA256");
+    SSL_CTX_set_options(ctx, SSL_OP_ALLOW_NO_DHE_KEX);
+    SSL_CTX_set_psk_client_callback(
+        ctx, [](SSL *, const char *, char *name, unsigned size, unsigned char *key, unsigned) {
+            snprintf(name, size, "fuzz");
+            memset(key, 'k', LENGTH);
+            return LENGTH;
+        });
+    SSL_CTX_set_psk_server_callback(ctx, [](SSL *, const char *, unsigned char *key, unsigned) {
+        memset(key, 'k', LENGTH);
+        return LENGTH;
+    });
+    return ctx;
+}
+
+static SSL *make_engine(bool old)
+{
+    static SSL_CTX *const contexts[] = {make_context(false), make_context(true)};
+    SSL *engine = SSL_new(contexts[old]);
+    SSL_set_bio(engine, BIO_new(BIO_s_mem()), BIO_new(BIO_s_mem()));
+    return engine;
+}
+
+// Plain text in which no part of some length occurs twice.
+static void write_pattern(size_t length)
+{
+    const size_t start = sent.size();
+    for (size_t i = start; i < start + length; i++)
+        sent += static_cast<char>(static_cast<uint32_t>(i) * 2654435761U >> 24);
+    if (SSL_write(server, &sent[start], static_cast<int>(length)) <= 0)
+        sent.resize(start);
+}
+
+// Composes a body from commands: what the server writes, and what befalls it on its way.
+//   h       goes on with the handshake        s       what comes next goes in front of the rest
+//   w N     N bytes of plain text and one     u       all so far comes twice
+//   k       another key                       c N     the last N bytes are cut off
+//   q       the end of the session            x N     byte N from the end is changed
+//   "text"  these bytes
+static std::string compose(std::istream &&commands)
+{
+    std::string body;
+    bool in_front = false;
+    for (char command; body.size() < 300000 && commands.get(command);) {
+        const size_t count = number(commands);
+        if (command == 's')
+            in_front = true;
+        else if (command == 'u')
+            body += body;
+        else if (command == 'c')
+            body.resize(body.size() - std::min(body.size(), count));
+        else if (command == 'x' && count < body.size())
+            body[body.size() - 1 - count] ^= 0x55;
+        else if (command == 'w')
+            write_pattern(count + 1);
+        else if (command == 'k')
+            SSL_key_update(server, SSL_KEY_UPDATE_REQUESTED);
+        else if (command == 'q')
+            SSL_shutdown(server);
+        if (command == 'h' || command == 'k')
+            SSL_do_handshake(server);
+        body.insert(in_front ? 0 : body.size(),
+                    command == '"' ? upto(commands, '"') : atls_service::drain(SSL_get_wbio(server)));
+        in_front = command == 's';
+    }
+    return body;
+}
 
 static bool deliver(std::string bytes, CURLoption target)
 {
@@ -51,15 +129,15 @@ CURLcode curl_easy_getinfo(CURL *, CURLINFO info, ...)
 // feed what the body is composed of.
 CURLcode curl_easy_perform(CURL *)
 {
-    const auto length = reinterpret_cast<size_t>(options[CURLOPT_POSTFIELDSIZE]);
-    feed(server, std::string(static_cast<const char *>(options[CURLOPT_POSTFIELDS]), length));
+    const auto length = static_cast<int>(reinterpret_cast<intptr_t>(options[CURLOPT_POSTFIELDSIZE]));
+    BIO_write(SSL_get_rbio(server), options[CURLOPT_POSTFIELDS], length);
     if (script->peek() == '!' && script->get())
         return static_cast<CURLcode>(number(*script) % CURL_LAST);
     status_code = static_cast<long>(number(*script));
     bool taken = true;
     for (std::string line = "-"; taken && !line.empty();)
         taken = deliver((line = upto(*script, '\n')) + "\r\n", CURLOPT_HEADERDATA);
-    const std::string body = compose(server, std::istringstream(upto(*script, '\f')), sent);
+    const std::string body = compose(std::istringstream(upto(*script, '\f')));
     for (size_t start = 0; taken && start < body.size(); start += 3000)
         taken = deliver(body.substr(start, 3000), CURLOPT_WRITEDATA);
     return taken ? CURLE_OK : CURLE_WRITE_ERROR;
@@ -86,8 +164,8 @@ static void check_answer(int result, const atls_resp &answer)
 void run(std::istream &input)
 {
     const bool old = input.get() == '2';
-    const Engine peer = make_engine(true, old);
-    server = peer.get();
+    server = make_engine(old);
+    SSL_set_accept_state(server);
     script = &input;
     sent.clear();
     answered = 0;
@@ -100,7 +178,8 @@ void run(std::istream &input)
     input.get();
     handle->proxyUrlCount = 2;
     handle->proxyUrlList = static_cast<char **>(calloc(2, sizeof(char *)));
-    handle->ssl = make_engine(false, old).release();
+    handle->ssl = make_engine(old);
+    SSL_set_connect_state(handle->ssl);
     int result = atls_handshake(handle);
     REQUIRE((result == ATLS_OK) == (handle->ssl && handle->curl && handle->header_opts));
     atls_resp answer = {};
@@ -113,4 +192,5 @@ void run(std::istream &input)
     }
     cleanup_atls_resp(&answer);
     free_atls_handle(handle);
+    SSL_free(server);
 }

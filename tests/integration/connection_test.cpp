@@ -1,7 +1,6 @@
 // Connection and exchange against the reference service: lengths, statuses, refusals, odd answers, files.
 
 #include "link.h"
-#include "log_capture.h"
 
 #include <thread>
 #include <utility>
@@ -17,6 +16,13 @@ namespace
 {
 
 using atls_service::Reply;
+
+// The memory that a BIO holds.
+size_t room_of(BIO *bio)
+{
+    BUF_MEM *block = nullptr;
+    return BIO_get_mem_ptr(bio, &block) == 1 ? block->max : SIZE_MAX;
+}
 
 class Connection : public testing::TestWithParam<int>
 {
@@ -37,10 +43,8 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
             ASSERT_EQ(link_.exchange(test::pattern(size)), ATLS_OK) << size;
             EXPECT_TRUE(link_.body() == test::pattern(size) && link_.answer.body[size] == '\0') << size;
         }
-        for (BIO *bio : {SSL_get_rbio(link_.handle->ssl), SSL_get_wbio(link_.handle->ssl)}) {
-            BUF_MEM *block = nullptr;
-            EXPECT_TRUE(BIO_get_mem_ptr(bio, &block) == 1 && block->max <= 32768) << size << " is kept";
-        }
+        for (BIO *bio : {SSL_get_rbio(link_.handle->ssl), SSL_get_wbio(link_.handle->ssl)})
+            EXPECT_LE(room_of(bio), 32768u) << size;
         atls_handle_cleanup(&link_.handle);
     }
     // The least posts, on one TCP connection.
@@ -68,7 +72,6 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
 TEST_P(Connection, TakesOddResponses)
 {
     constexpr int ANY = -1; // the handshake is not tried, or goes on as if nothing were odd
-    const auto status = [](int code) { return [=](Reply &reply) { reply.status = code; }; };
     const auto header = [](const char *replaced, const char *name, const std::string &value) {
         return [=](Reply &reply) {
             reply.headers.erase(replaced);
@@ -86,9 +89,8 @@ TEST_P(Connection, TakesOddResponses)
         bool decrypted;
         int next; // result of the exchange after it
     } cases[] = {
-        {"bad request", status(400), 4, 0, true, 0},
-        {"refused", status(403), 7, 0, true, 0},
-        {"moved", status(302), 7, 0, true, 0},
+        {"bad request", [](Reply &reply) { reply.status = 400; }, 4, 0, true, 0},
+        {"moved", [](Reply &reply) { reply.status = 302; }, 7, 0, true, 0},
         {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
         {"garbage", [](Reply &reply) { reply.body = "garbage that is no record"; }, 3, 4, false, 1},
         {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
@@ -107,8 +109,6 @@ TEST_P(Connection, TakesOddResponses)
         if (wanted.handshake != ANY) {
             link_.tamper = wanted.tamper;
             EXPECT_EQ(link_.connect(), wanted.handshake);
-            EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()),
-                      wanted.name == std::string("garbage") ? SSL_R_WRONG_VERSION_NUMBER : 0);
             EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
                         !*link_.handle->hostname);
             link_.tamper = nullptr;
@@ -122,24 +122,6 @@ TEST_P(Connection, TakesOddResponses)
         link_.tamper = nullptr;
         EXPECT_EQ(link_.exchange("three"), wanted.next);
     }
-}
-
-// What OpenSSL could not write it would send in the place of a later message at the same address.
-TEST_P(Connection, EndsWhenAMessageCannotBeEncrypted)
-{
-    link_.start();
-    std::string message = "a message of some length";
-    ASSERT_EQ(link_.connect() + link_.exchange(message), ATLS_OK);
-    const auto fail = [](BIO *, int step, const char *, size_t, int, long, int result, size_t *) {
-        return step == BIO_CB_WRITE ? -1L : long{result}; // as without memory
-    };
-    BIO_set_callback_ex(SSL_get_wbio(link_.handle->ssl), fail);
-    EXPECT_EQ(link_.exchange(message), ATLS_EXCHANGE_FAILED);
-    BIO_set_callback_ex(SSL_get_wbio(link_.handle->ssl), nullptr);
-    message[0] = 'A';
-    EXPECT_EQ(link_.exchange(message), ATLS_EXCHANGE_FAILED);
-    atls_handle_cleanup(&link_.handle);
-    EXPECT_EQ(link_.connect() + link_.exchange(message), ATLS_OK);
 }
 
 // An answer that is held back comes in front of the next: what is left of that must not be the one after it.
@@ -156,11 +138,12 @@ TEST_P(Connection, LeavesNothingOfAnAnswerToTheNext)
     SSL_set_read_ahead(link_.handle->ssl, tls13()); // a platform may choose so
     for (const auto &tamper : std::vector<decltype(link_.tamper)>{hold_back, bring, hold_back, bring, {}}) {
         link_.tamper = tamper;
-        EXPECT_EQ(link_.exchange(std::to_string(answers.size())), ATLS_OK);
+        EXPECT_EQ(link_.exchange(std::string(30000, static_cast<char>('0' + answers.size()))), ATLS_OK);
         answers += link_.body()[0];
+        EXPECT_TRUE(answers.back() != 'h' || room_of(SSL_get_rbio(link_.handle->ssl)) <= 24576);
     }
     EXPECT_EQ(answers, "h0h24");
-    const char *dropped = "atls_easy_perform: [1] bytes behind the end of the last answer dropped";
+    const char *dropped = "atls_easy_perform: [30000] bytes behind the end of the last answer dropped";
     EXPECT_EQ(interpose::log_of(LOG_ERR), std::string(dropped) + "\n" + dropped);
 }
 
@@ -252,9 +235,8 @@ TEST(Handshake, DumpsItsFlights)
     link.tamper = [&](Reply &reply) { received.push_back(reply.body); };
     link.start();
     int next = 1;
-    while (access(file("sent", next).c_str(), F_OK) == 0)
+    while (mkdir(file("received", next).c_str(), 0700) != 0)
         next++;
-    ASSERT_EQ(mkdir(file("received", next).c_str(), 0700), 0);
     ASSERT_EQ(link.connect(), ATLS_OK);
     rmdir(file("received", next).c_str());
     atls_handle_cleanup(&link.handle);
@@ -274,17 +256,14 @@ TEST(Handshake, SetsTheClockUnlessItIsSet)
         reply.headers.emplace("Date", "Wed, 18 Nov 2037 10:20:30 GMT");
     };
     link.start();
-    const std::tuple<std::string, bool, size_t> cases[] = {
-        {"", false, 2}, {"", true, 1}, {"http", true, 0}, {"ntp", true, 0}, {"user", true, 0}};
-    for (const auto &[setter, settable, settings] : cases) {
-        const std::string marker = "/tmp/.stime-by-" + (setter.empty() ? "http" : setter);
-        if (!setter.empty())
-            test::write_file(marker, "");
-        interpose::reset(0, 0, settable);
+    for (const std::string setter : {"nobody", "http", "ntp", "user"}) {
+        const std::string marker = "/tmp/.stime-by-" + setter;
+        test::write_file(marker, "");
+        interpose::reset(); // the clock cannot be set
         EXPECT_EQ(link.connect(), ATLS_OK);
-        EXPECT_EQ(interpose::kept().clock_settings.size(), settings) << marker;
-        EXPECT_EQ(log_capture::contains("Looking up Date"), setter.empty()) << marker;
-        EXPECT_EQ(unlink(marker.c_str()) == 0, settable) << marker;
+        EXPECT_EQ(interpose::kept().clock_settings.size(), setter == "nobody" ? 2u : 0u) << setter;
+        EXPECT_EQ(log_capture::contains("Looking up Date"), setter == "nobody") << setter;
+        unlink(marker.c_str());
         atls_handle_cleanup(&link.handle);
     }
 }

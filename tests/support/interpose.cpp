@@ -3,7 +3,6 @@
 #include "interpose.h"
 
 #include "allocation.h"
-#include "log_capture.h"
 #include "platform.h"
 
 #include <atomic>
@@ -12,6 +11,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -45,7 +45,6 @@ Shared &shared()
 thread_local bool inside_libcurl = false; // not all of its versions bear it that OpenSSL lacks memory
 std::atomic<int> passed{0};
 std::atomic<int> failing_point{0};
-std::atomic<const char *> failed_point{""};
 
 // Runs a step on the kept state, under its lock, and outside the library.
 template <typename Step>
@@ -57,11 +56,6 @@ auto with_state(Step step)
     interpose::inside = was_inside;
     return result;
 }
-
-struct Start {
-    void *(*function)(void *);
-    void *argument;
-};
 
 } // namespace
 
@@ -81,22 +75,13 @@ void reset(long timeout_ms, time_t now, bool clock_settable)
     with_state([&](auto &state) { return state = {{}, timeout_ms, now, clock_settable, {}}; });
 }
 
-void arm(int nth)
+int arm(int nth)
 {
-    passed = 0;
+    if (nth != 0)
+        failed = "";
+    const int count = passed.exchange(0);
     failing_point = nth;
-    failed_point = "";
-}
-
-int disarm()
-{
-    failing_point = 0;
-    return passed;
-}
-
-std::string failed()
-{
-    return failed_point.load();
+    return count;
 }
 
 bool openssl_fails()
@@ -108,17 +93,8 @@ bool fails(const char *point)
 {
     if (!inside || ++passed != failing_point)
         return false;
-    failed_point = point;
+    failed = point;
     return true;
-}
-
-std::string log_of(int priority)
-{
-    std::string text;
-    for (const std::string &line : log_capture::lines())
-        if (line[1] == '0' + priority)
-            text += (text.empty() ? "" : "\n") + line.substr(strlen("<3> "));
-    return text;
 }
 
 } // namespace interpose
@@ -231,15 +207,14 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, v
 {
     if (fails("pthread_create"))
         return EAGAIN;
-    auto *start = static_cast<Start *>(__real_malloc(sizeof(Start)));
-    *start = {function, argument};
+    using Start = std::pair<decltype(function), void *>;
     const auto run_inside = [](void *data) {
-        const Start given = *static_cast<Start *>(data);
-        free(data);
+        const std::unique_ptr<Start> start(static_cast<Start *>(data));
         interpose::inside = true;
-        return given.function(given.argument);
+        return start->first(start->second);
     };
-    return __real_pthread_create(thread, attributes, run_inside, start);
+    return __real_pthread_create(thread, attributes, run_inside,
+                                 new (std::nothrow) Start(function, argument));
 }
 
 // ---- Functions of the C library and of OpenSSL, for everybody

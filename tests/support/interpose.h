@@ -3,10 +3,11 @@
 #ifndef TESTS_INTERPOSE_H
 #define TESTS_INTERPOSE_H
 
+#include "log_capture.h"
+
 #include <atomic>
 #include <ctime>
 #include <map>
-#include <string>
 #include <vector>
 
 #include <curl/curl.h>
@@ -31,13 +32,12 @@ inline std::atomic<long> connect_status{0}; // what a proxy is said to have answ
 // Points are the calls, and the requests for memory, that can fail. Only those on a thread that is inside the
 // library count, which the threads that the library starts are.
 extern thread_local bool inside;
-void arm(int nth);             // the nth point from now fails; none with 0
-int disarm();                  // how many points were passed since then
-std::string failed();          // the point that failed; "" when none did
-bool fails(const char *point); // passes a point
-bool openssl_fails();          // passes the point of a request by OpenSSL on its own behalf
+int arm(int nth); // the nth point from now fails; none with 0. How many it were until now
+inline std::atomic<const char *> failed{""}; // the point that failed
+bool fails(const char *point);               // passes a point
+bool openssl_fails();                        // passes the point of a request by OpenSSL on its own behalf
 
-std::string log_of(int priority); // the kept lines of a priority, without it, joined by newlines
+using log_capture::log_of;
 
 } // namespace interpose
 

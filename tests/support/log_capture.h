@@ -3,16 +3,15 @@
 #define TESTS_LOG_CAPTURE_H
 
 #include <string>
-#include <vector>
 
 namespace log_capture
 {
 
 // Forgets the lines kept so far; from now on they are kept as "<priority> text", or not.
 // With a descriptor they are written there instead, but for very long ones, as to the reader of the system's log.
-void record(bool on = true, int descriptor = -1);
-std::vector<std::string> lines();
+void record(bool on = true, int to = -1);
 bool contains(const std::string &text); // in a line, with its priority
+std::string log_of(int priority);       // the kept lines of a priority, without it, joined by newlines
 
 } // namespace log_capture
 

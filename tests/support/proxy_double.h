@@ -5,22 +5,19 @@
 #include "proxymanager.h"
 
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace proxy_double
 {
 
-using Text = std::optional<std::string>; // none: NULL
-
 struct Answer {
     ProxyMode mode = PROXY_MODE_OFF;
-    std::vector<Text> entries;
-    Text user, password;
+    std::vector<const char *> entries = {};
+    const char *user = nullptr, *password = nullptr;
 };
 
-// What get_proxy_url answers from now on; without an answer no client can be made. At first: mode off.
-void set(std::optional<Answer> answer);
+// What get_proxy_url answers; without it no client can be made.
+inline std::optional<Answer> answer = Answer{};
 
 } // namespace proxy_double
 

@@ -12,19 +12,15 @@ namespace
 TEST(Capture, GrowsToTheExactSizeWithANul)
 {
     curl_resp resp = {};
-    char bytes[] = "abcdefg";
-    EXPECT_EQ(write_memory_cb(bytes, 1, 0, &resp), 0u);
-    EXPECT_EQ(write_memory_cb(bytes, 1, 3, &resp), 3u);
-    EXPECT_EQ(write_memory_cb(bytes + 3, 2, 2, &resp), 4u);
-    EXPECT_EQ(std::string(resp.data) + std::to_string(resp.size), "abcdefg7");
-    std::string all = resp.data;
-    for (std::string part = test::pattern(16384); all.size() < 3000000; all += part) {
-        ASSERT_EQ(write_memory_cb(part.data(), 1, part.size(), &resp), part.size());
+    std::string all, part = test::pattern(16382);
+    EXPECT_EQ(write_memory_cb(part.data(), 1, 0, &resp), 0u);
+    for (; all.size() < 3000000; all += part) {
+        ASSERT_EQ(write_memory_cb(part.data(), 2, part.size() / 2, &resp), part.size());
         resp.data =
             static_cast<char *>(realloc(resp.data, resp.size + 1)); // which is all that a record promises
     }
     EXPECT_TRUE(std::string(resp.data, resp.size + 1) == all + '\0');
-    EXPECT_EQ(write_memory_cb(bytes, 1, SIZE_MAX / 2, &resp), 0u); // no memory: the record is empty
+    EXPECT_EQ(write_memory_cb(part.data(), 1, SIZE_MAX / 2, &resp), 0u); // no memory: the record is empty
     EXPECT_TRUE(!resp.data && resp.size == 0);
 }
 
@@ -60,7 +56,6 @@ TEST(TrackingId, IsRead)
         {"TrackingID: \r\r\rabc\r\n", 0, "abc"},
         {"TrackingID: " + longest + "\r\n", 0, longest},
         {"TrackingID: " + longest + "j\r\n", 4, "-"},
-        {"TrackingID: ", 4, "-"},
         {"TrackingID: \r\r", 4, "-"},
         {"TrackingID: \r\nX: y\r\n\r\n", 4, "-"},
         {"TrackingID:abc\r\n", 0, "-"}};

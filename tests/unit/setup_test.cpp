@@ -2,7 +2,6 @@
 // identity.
 
 #include "link.h"
-#include "log_capture.h"
 #include "proxy_double.h"
 
 #include <atomic>
@@ -18,7 +17,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -26,7 +24,6 @@ namespace
 {
 
 using proxy_double::Answer;
-using proxy_double::Text;
 using Options = decltype(interpose::State::options);
 
 class Setup : public testing::Test
@@ -36,7 +33,7 @@ protected:
     ~Setup() override
     {
         interpose::fips_mode = false;
-        proxy_double::set(Answer{});
+        proxy_double::answer = Answer{};
     }
 
     void name_server(const std::string &host, int port = 8443)
@@ -64,8 +61,8 @@ TEST_F(Setup, PreparesTheRequest)
     interpose::inside = true;
     EXPECT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_SETUP_FAILED);
     interpose::inside = false;
-    interpose::disarm();
-    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed();
+    interpose::arm(0);
+    EXPECT_TRUE(log_capture::contains("Curl error [48] maps to")) << interpose::failed;
 
     handle_->proxyUrlCount = 1; // of an earlier connection: it must be released
     handle_->proxyUrlList = static_cast<char **>(calloc(1, sizeof(char *)));
@@ -90,11 +87,10 @@ TEST_F(Setup, PreparesTheRequest)
 
 TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
 {
-    name_server(std::string(511, 'h'));
-    const std::string path = "/" + std::string(2000, 's');
+    const std::string name(511, 'h'), path = "/" + std::string(2000, 's');
+    name_server(name);
     ASSERT_EQ(init_tl_curl(&handle_, path.c_str(), path.c_str()), ATLS_OK);
-    EXPECT_EQ(interpose::kept().options[CURLOPT_URL],
-              ("https://" + std::string(511, 'h') + ":8443" + path).substr(0, 1023));
+    EXPECT_EQ(interpose::kept().options[CURLOPT_URL], ("https://" + name + ":8443" + path).substr(0, 1023));
     EXPECT_NE(headers().find("|TrackingID: " + path.substr(0, 1011) + "|"), std::string::npos);
     for (const auto &[host, port] : {std::pair("h", 0), {"h", 65536}, {"", 443}}) {
         atls_handle_cleanup(&handle_);
@@ -108,17 +104,15 @@ TEST_F(Setup, KeepsTheSignalsOfFailedWritesFromTheProgram)
 {
     name_server("127.0.0.1", 1);
     ASSERT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_OK);
-    EXPECT_EXIT(
-        {
-            signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
-            signal(SIGXFSZ, SIG_DFL);
-            const bool failed = post_with_failover("test", handle_) == CURLE_COULDNT_CONNECT;
-            rlimit largest_file = {};
-            setrlimit(RLIMIT_FSIZE, &largest_file);
-            save_posted_handshake_data("flight", 6);
-            _exit(failed ? 0 : 1);
-        },
-        testing::ExitedWithCode(0), "");
+    const auto write = [&] {
+        signal(SIGPIPE, SIG_DFL); // whoever started the tests may ignore it
+        signal(SIGXFSZ, SIG_DFL);
+        const rlimit largest_file = {};
+        setrlimit(RLIMIT_FSIZE, &largest_file);
+        save_posted_handshake_data("flight", 6);
+        _exit(post_with_failover("test", handle_) != CURLE_OK ? 0 : 1);
+    };
+    EXPECT_EXIT(write(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(Setup, DumpsInTheChildOfAForkDuringADump)
@@ -130,13 +124,7 @@ TEST_F(Setup, DumpsInTheChildOfAForkDuringADump)
     const std::string large(1000000, 'x');
     std::thread writer(save_posted_handshake_data, large.data(), large.size());
     EXPECT_EQ(poll(&reader, 1, 10000), 1);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(10);
-        save_posted_handshake_data("flight", 6);
-        _exit(0);
-    }
-    waitpid(child, nullptr, 0);
+    EXPECT_EXIT(alarm(10); save_posted_handshake_data("flight", 6); _exit(0), testing::ExitedWithCode(0), "");
     EXPECT_EQ(test::read_file("/tmp/atls_handshake_data_sent_2"), "flight");
     close(reader.fd);
     writer.join();
@@ -160,16 +148,15 @@ TEST_F(Setup, ProgramMayEndWhileAThreadConnects)
     EXPECT_EXIT(_exit(is_waited_for() ? 0 : 1), testing::ExitedWithCode(0), "");
 }
 
-Answer answer_of_script(const std::vector<Text> &entries)
-{
-    return {PROXY_MODE_PACURL, entries, "user", "secret"};
-}
-
 // What reaches the request object, the handle and the log of an answer of the proxy manager.
 TEST_F(Setup, ChoosesProxies)
 {
     const auto auth = [](unsigned long methods) { return std::to_string(static_cast<long>(methods)); };
-    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n", name(300, 'x');
+    const std::string direct = "<5> setProxyParams Direct connect without http proxy\n";
+    const std::string name(300, 'x'), long_name = "PROXY " + name;
+    const auto script = [](const std::vector<const char *> &entries) {
+        return Answer{PROXY_MODE_PACURL, entries, "user", "secret"};
+    };
     const struct {
         std::optional<Answer> answer;
         std::string options; // the proxy and what it is told: methods, user, password
@@ -178,31 +165,28 @@ TEST_F(Setup, ChoosesProxies)
     } cases[] = {
         {std::nullopt, "   ", "", "<3> setProxyParams: create_proxy_manager_client fail!\n"},
         {Answer{}, "   ", "", "<5> setProxyParams Exit since http proxy mode is off\n"},
-        {answer_of_script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
-        {answer_of_script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
+        {script({}), "   ", "", "<3> setProxyParams Fail to found any available proxy url\n"},
+        {script({"PROXY p1:80", "DIRECT"}), "p1:80   ", "p1:80|DIRECT|",
          "<7> setProxyParams ProxyUrlList[0] = PROXY p1:80\n"},
-        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}, {}, {}}, "NULL   ", "DIRECT|p2:80|", direct},
-        {answer_of_script({"PROXY", {}, "PROXY ", "PROXY " + name, "socks:1", "HTTP PROXY", "proxy p:1", ""}),
+        {Answer{PROXY_MODE_WPAD, {"DIRECT", "PROXY p2:80"}}, "NULL   ", "DIRECT|p2:80|", direct},
+        {script({"PROXY", nullptr, "PROXY ", long_name.c_str(), "socks:1", "HTTP PROXY", "proxy p:1", ""}),
          "NULL   ", "NULL|NULL||" + name + "|socks:1|ROXY|proxy p:1||", direct},
-        {answer_of_script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
-        {answer_of_script({"direct:1"}), "direct:1   ", "direct:1|", ""},
-        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, {}, "unused"}, "PROXY p:1   ", "p:1|", ""},
-        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", {}}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
+        {script({"PROXY x-DIRECT:1"}), "NULL   ", "x-DIRECT:1|", direct},
+        {script({"direct:1"}), "direct:1   ", "direct:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"PROXY p:1"}, nullptr, "unused"}, "PROXY p:1   ", "p:1|", ""},
+        {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user"}, "p:3128 " + auth(CURLAUTH_ANY) + " user NULL",
          "p:3128|", ""},
         {Answer{PROXY_MODE_MANUAL, {"p:3128"}, "user", "secret"},
          "p:3128 " + auth(CURLAUTH_ANY & ~CURLAUTH_DIGEST) + " user secret", "p:3128|", "", true},
-        {Answer{4, {"PROXY p:1"}, {}, {}}, "   ", "p:1|", ""},
+        {Answer{4, {"PROXY p:1"}}, "   ", "p:1|", ""},
     };
     for (const auto &expected : cases) {
         SCOPED_TRACE(&expected - cases);
         atls_handle_cleanup(&handle_);
         name_server("host.example");
         interpose::fips_mode = expected.fips;
-        proxy_double::set(expected.answer);
+        proxy_double::answer = expected.answer;
         ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
-        proxy_double::set(answer_of_script({"PROXY overwritten:1"}));
-        get_proxy_url("");
-
         Options set = interpose::kept().options;
         EXPECT_EQ(set[CURLOPT_PROXY] + " " + set[CURLOPT_PROXYAUTH] + " " + set[CURLOPT_PROXYUSERNAME] + " " +
                       set[CURLOPT_PROXYPASSWORD],
@@ -240,42 +224,32 @@ TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
     }
 }
 
-#define TO_KEY "-outform DER -out $D/device-key.der"
-#define TO_PKCS8 "openssl pkcs8 -topk8 -nocrypt " TO_KEY
-
-const char *const NO_MIC = "atls_add_mic_to_ctx: Failed Fetch the MIC\n";
-const char *const BAD_MIC = "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n";
-const char *const WEAK_MIC =
-    "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error [";
-const char *const NO_KEY = "atls_add_mic_to_ctx: Failed Fetch the PKEY\n";
-const char *const BAD_KEY = "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n";
-const char *const WRONG_KEY =
-    "atls_add_mic_to_ctx:  SSL_CTX_use_PrivateKey failed..\nlog_ssl_error: ssl error [";
-
 TEST(Identity, IsChecked)
 {
     // A command in the folder of the identity, D being the device's; the first error, "" when all is well.
-    const std::pair<const char *, std::string> cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"rm $D/truststore.pem", "init_al_ssl: Failed to set default Truststore option: tls_rc=>[3]"},
-        {"rm $D/device-cert.der", NO_MIC},
-        {"head -c 4097 /dev/zero >$D/device-cert.der", NO_MIC},
-        {"cp ca/unit-cert.pem $D/device-cert.der", BAD_MIC},
+        {"rm $D/device-cert.der", "atls_add_mic_to_ctx: Failed Fetch the MIC\n"},
+        {"head -c 4097 /dev/zero >$D/device-cert.der", "atls_add_mic_to_ctx: Failed Fetch the MIC\n"},
+        {"cp ca/unit-cert.pem $D/device-cert.der",
+         "atls_add_mic_to_ctx: Failed to load MIC into an openssl X509 object\n"},
         {"head -c 2000 /dev/urandom >>$D/device-cert.der", ""},
-        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem -outform DER -out "
-         "$D/device-cert.der",
-         WEAK_MIC},
-        {"rm $D/device-key.der", NO_KEY},
-        {"cp ca/unit-key.pem $D/device-key.der", BAD_KEY},
-        {"openssl ecparam -name prime256v1 -genkey -noout | " TO_PKCS8, BAD_KEY},
-        {"openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 " TO_KEY, WRONG_KEY},
-        {TO_PKCS8 " -in ca/unit-key.pem", ""},
+        {"openssl req -x509 -newkey rsa:512 -nodes -subj /CN=weak -keyout weak.pem | openssl x509 "
+         ">$D/device-cert.der",
+         "atls_add_mic_to_ctx:  SSL_CTX_use_certificate failed..\nlog_ssl_error: ssl error ["},
+        {"rm $D/device-key.der", "atls_add_mic_to_ctx: Failed Fetch the PKEY\n"},
+        {"openssl ecparam -name prime256v1 -genkey -noout | openssl pkcs8 -topk8 -nocrypt >$D/device-key.der",
+         "atls_add_mic_to_ctx: Failed to load pkey into an openssl EVP_PKEY object\n"},
+        {"openssl genpkey -algorithm RSA >$D/device-key.der",
+         "atls_add_mic_to_ctx:  SSL_CTX_use_PrivateKey failed..\nlog_ssl_error: ssl error ["},
+        {"openssl pkcs8 -topk8 -nocrypt -in ca/unit-key.pem >$D/device-key.der", ""},
     };
     for (const auto &[make, message] : cases) {
         SCOPED_TRACE(make);
         test::Device device;
-        test::run("cd " + test::identity("") + " && D=" + device.folder.root + " && (" + make +
+        const std::string as_der = make.find("openssl") == 0 ? " -outform DER" : "";
+        test::run("(cd " + test::identity("") + " && D=" + device.folder.root + " && " + make + as_der +
                   ") 2>/dev/null");
-        interpose::reset();
         ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere", 1); // of other code: not the reason
         EXPECT_EQ(init_al_ssl(&device.handle), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
         EXPECT_EQ(device.handle->ssl == nullptr, !message.empty());
