@@ -7,6 +7,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <iterator>
 
 #include <strings.h>
 #include <syslog.h>
@@ -14,11 +16,24 @@
 namespace
 {
 
-constexpr int MODE_COUNT = sizeof MODE_WORDS / sizeof MODE_WORDS[0];
+constexpr int MODE_COUNT = std::size(MODE_WORDS);
 
 int textLength(size_t length)
 {
     return length > static_cast<size_t>(INT_MAX) ? -1 : static_cast<int>(length);
+}
+
+} // namespace
+
+void freeMem(char **text)
+{
+    free(*text);
+    *text = nullptr;
+}
+
+char *copyText(const std::string &text)
+{
+    return string2Char(text.data(), textLength(text.length()));
 }
 
 void cloneText(const char *source, char **destination)
@@ -27,19 +42,15 @@ void cloneText(const char *source, char **destination)
         *destination = string2Char(source, textLength(strlen(source)));
 }
 
-} // namespace
-
-void freeMem(char **text)
+const char *currentError()
 {
-    if (*text) {
-        free(*text);
-        *text = nullptr;
+    try {
+        throw;
+    } catch (const std::exception &error) { // DBus::Error is one
+        return orEmpty(error.what());
+    } catch (...) {
+        return "unknown error";
     }
-}
-
-char *copyText(const std::string &text)
-{
-    return string2Char(text.data(), textLength(text.length()));
 }
 
 std::string_view hostOf(std::string_view url)
