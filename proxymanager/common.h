@@ -16,7 +16,7 @@ std::string_view hostOf(std::string_view url);
 char *getHost(const std::string &url);
 
 // string2Char for a whole text; one that is too long for it yields NULL.
-char *copyText(const std::string &text);
+char *copyText(std::string_view text);
 // The same for a text that may be NULL, which leaves the destination as it is.
 void cloneText(const char *source, char **destination);
 

@@ -123,30 +123,21 @@ public:
 
         const std::string key = std::move(node->key);
         syslog(LOG_INFO, "%s%s deleteNode key:%s", "", __func__, key.c_str());
-        const auto present = nodeMap.find(key);
-        if (present != nodeMap.end()) {
-            delete present->second;
-            nodeMap.erase(present);
-        }
-        const auto stored = valueMap.find(key);
-        if (stored != valueMap.end()) {
-            if (clearCallback)
-                clearCallback(stored->second, clearCallbackData);
-            valueMap.erase(stored);
-        }
+        T &value = *static_cast<T *>(node->value);
+        delete node;
+        nodeMap.erase(key);
+        if (clearCallback)
+            clearCallback(value, clearCallbackData);
+        valueMap.erase(key);
     }
 
     void clearCache()
     {
         syslog(LOG_INFO, "%s%s called ", "", __func__);
-        for (auto &[key, value] : valueMap) {
+        for (const auto &[key, node] : nodeMap) {
             if (clearCallback)
-                clearCallback(value, clearCallbackData);
-            const auto present = nodeMap.find(key);
-            if (present != nodeMap.end() && present->second) {
-                delete present->second;
-                present->second = nullptr;
-            }
+                clearCallback(*static_cast<T *>(node->value), clearCallbackData);
+            delete node;
         }
         nodeMap.clear();
         valueMap.clear();
