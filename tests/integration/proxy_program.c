@@ -65,10 +65,13 @@ static void wait_for_child(pid_t child)
 
 static void on_event_exit(ProxyMgrEventType type)
 {
+    static pid_t child = -1;
     (void)type;
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(create_proxy_manager_client());
+    if (child == 0 || (child = fork()) == 0) {
+        assert(create_proxy_manager_client() == 0);
+        alarm(20); /* the thread has nothing to wait for, and ends */
+        return;
+    }
     wait_for_child(child);
     exit(0);
 }
@@ -189,6 +192,8 @@ static void run_daemon(void)
         wait_for_child(child);
 }
 
+void *run_loop(void *) __asm__("_Z12dbusLoopFuncPv");
+
 int main(int argc, char **argv)
 {
     const char *what = argc > 1 ? argv[1] : "";
@@ -200,6 +205,13 @@ int main(int argc, char **argv)
         assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
         setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
     }
+    for (int number = 0; number < 3 && strcmp(what, "streams") == 0; number++)
+        close(number);
+    if (strcmp(what, "loop") == 0) { /* of the program's own, which loses its sockets */
+        assert(pthread_create(&(pthread_t){0}, NULL, run_loop, NULL) == 0 && usleep(100000) == 0);
+        replace_files();
+        usleep(100000);
+    }
     assert(create_proxy_manager_client() == 1);
     set_proxy_manager_event_cb(0, strcmp(what, "exit-in-callback") == 0 ? on_event_exit : on_event);
     get_proxy_url("http://a/");
@@ -209,6 +221,13 @@ int main(int argc, char **argv)
         run_fork();
     if (strcmp(what, "closing") == 0)
         run_closing();
+    for (int number = 0; number < 3 && strcmp(what, "streams") == 0; number++)
+        assert(write(number, "", 1) == -1 && check_service_started());
+    if (strcmp(what, "limit") == 0) { /* no poll works any more: calls fail at once */
+        setrlimit(RLIMIT_NOFILE, &(struct rlimit){0, MOST_FILES});
+        alarm(20);
+        assert(!check_service_started());
+    }
     if (strcmp(what, "exit-in-use") == 0)
         end_slowly();
     if (strcmp(what, "exec") == 0)
