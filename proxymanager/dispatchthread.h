@@ -42,8 +42,6 @@ class StandardStreamGuard
 public:
     StandardStreamGuard();
     ~StandardStreamGuard();
-    StandardStreamGuard(const StandardStreamGuard &) = delete;
-    StandardStreamGuard &operator=(const StandardStreamGuard &) = delete;
 
 private:
     OwnDescriptor placeholders_[3];

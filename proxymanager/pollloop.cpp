@@ -155,36 +155,27 @@ void PollLoop::SocketWatch::toggle()
     loop_.thread_.wake();
 }
 
-pollfd PollLoop::SocketWatch::request() const
-{
-    return {socket.number(), static_cast<short>(reads ? POLLIN : POLLOUT), 0};
-}
-
 DBus::Watch *PollLoop::add_watch(DBus::Watch::Internal *internal)
 {
-    SocketWatch *watch = nullptr;
-    {
-        const std::lock_guard<std::mutex> lock(watchMutex_);
-        if (spare_.empty()) // a connection of the program's own
-            spare_.emplace_back();
-        watch = &spare_.front().emplace(internal, *this, opener_ == std::this_thread::get_id());
-        watches_.splice(watches_.end(), spare_, spare_.begin());
-    }
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    if (spare_.empty()) // a connection of the program's own
+        spare_.emplace_back();
+    SocketWatch *const watch =
+        &spare_.front().emplace(internal, *this, opener_ == std::this_thread::get_id());
+    watches_.splice(watches_.end(), spare_, spare_.begin());
     thread_.wake();
     return watch;
 }
 
 void PollLoop::rem_watch(DBus::Watch *watch)
 {
-    {
-        const std::lock_guard<std::mutex> lock(watchMutex_);
-        const auto present = std::find_if(watches_.begin(), watches_.end(),
-                                          [=](const auto &registered) { return &*registered == watch; });
-        if (present != watches_.end()) {
-            present->reset();
-            spare_.splice(spare_.end(), watches_, present);
-        }
-    }
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    const auto present = std::find_if(watches_.begin(), watches_.end(),
+                                      [=](const auto &registered) { return &*registered == watch; });
+    if (present == watches_.end())
+        return;
+    present->reset();
+    spare_.splice(spare_.end(), watches_, present);
     thread_.wake();
 }
 
@@ -217,7 +208,8 @@ int PollLoop::pollSockets(int timeout)
             for (auto &watch : watches_) {
                 if (watch->isEnabled && watch->reads == reading &&
                     (watch->ofSystemBus || (timeout != 0 && watch->socket.isOurs()))) {
-                    polled_.push_back(watch->request());
+                    polled_.push_back(
+                        {watch->socket.number(), static_cast<short>(reading ? POLLIN : POLLOUT), 0});
                     ready_.push_back(&*watch);
                 }
             }

@@ -61,7 +61,6 @@ private:
     public:
         SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop, bool ofSystemBus);
         void toggle() override;
-        pollfd request() const;
 
         const bool reads;       // or writes
         const bool ofSystemBus; // or of a connection of the program's own

@@ -61,11 +61,8 @@ bool ProxyManagerClientImpl::isFromService(const DBus::SignalMessage &signal) co
 
 // ---- Configuration
 
-namespace
-{
-
 // What stands behind a scheme and its two slashes; NULL when the text is too short to hold them.
-const char *withoutScheme(const char *proxy)
+static const char *withoutScheme(const char *proxy)
 {
     for (const char *scheme : {"http:", "https:"}) {
         const size_t prefix = strlen(scheme) + strlen("//");
@@ -74,8 +71,6 @@ const char *withoutScheme(const char *proxy)
     }
     return proxy;
 }
-
-} // namespace
 
 int ProxyManagerClientImpl::updateProxyConfig(const ProxyManagerConfig &config)
 {
@@ -195,13 +190,10 @@ void ProxyManagerClientImpl::notifyClearcache()
 
 // ---- Resolution of URLs
 
-namespace
-{
-
 constexpr const char *GET_PROXY_URL = "getProxyUrl";
 
 // getHost without its blocks on the heap, which a hit does without.
-std::string_view cacheKey(const char *requestUrl)
+static std::string_view cacheKey(const char *requestUrl)
 {
     const std::string_view host = hostOf(requestUrl);
     if (host.empty())
@@ -209,13 +201,13 @@ std::string_view cacheKey(const char *requestUrl)
     return host;
 }
 
-void logManualAnswer(const ProxyUrlInformation &answer)
+static void logManualAnswer(const ProxyUrlInformation &answer)
 {
     syslog(LOG_NOTICE, "%s%s proxy mode is manual. proxyUrl:%s, useName:%s", CLASS_PREFIX, GET_PROXY_URL,
            orEmpty(answer.proxyUrlList ? answer.proxyUrlList[0] : nullptr), orEmpty(answer.userName));
 }
 
-void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
+static void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
 {
     if (texts.empty()) {
         syslog(LOG_NOTICE, "%s%s response from proxy manager service is empty", CLASS_PREFIX, GET_PROXY_URL);
@@ -234,8 +226,6 @@ void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
         record.proxyUrlList[i] = copyText(text);
     }
 }
-
-} // namespace
 
 ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
 {

@@ -96,13 +96,6 @@ Result withClient(const char *caller, Result neutral, Action action)
 
 // ---- Dispatch thread
 
-void startThread()
-{
-    DispatchThread &thread = dbus_dispatcher->thread();
-    if (!thread.isStarted() && !thread.start(dbusLoopFunc))
-        syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
-}
-
 // False when it may still be there.
 bool stopThread()
 {
@@ -216,7 +209,8 @@ int createOnSystemBus()
         syslog(LOG_INFO, CALLED, "", CREATE);
         const Creation creation = createOn(*dbus_conn);
         if (creation == Creation::Made) {
-            startThread();
+            if (!dbus_dispatcher->thread().start(dbusLoopFunc))
+                syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
             return 1;
         }
         if (creation == Creation::Unanswered)

@@ -23,12 +23,9 @@ Count *owners(const ProxyUrlInformation &answer)
 }
 
 // A thread_local object with a destructor would do, but it ends the process when there is no memory for it.
-void deleteLatest(void *latest)
-{
-    delete static_cast<SharedAnswer *>(latest);
-}
 pthread_key_t latestKey{};
-const bool hasKey = pthread_key_create(&latestKey, deleteLatest) == 0;
+const bool hasKey =
+    pthread_key_create(&latestKey, [](void *latest) { delete static_cast<SharedAnswer *>(latest); }) == 0;
 
 SharedAnswer *findLatest()
 {
