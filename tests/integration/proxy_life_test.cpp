@@ -153,6 +153,7 @@ TEST_F(ProxyTest, ProcessesEndWell)
     Program busy({PROXY_PROGRAM, "exit-in-use"});
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(busy.end(), 0) << busy.err();
+    EXPECT_EQ(outcome("poll"), "");
     EXPECT_EQ(outcome("fork"), "");
     EXPECT_EQ(outcome("exec"), "0\n1\n2\n3\n") << "ls has the standard ones and the folder";
     stop = true;
