@@ -38,16 +38,18 @@
  * living bus needs nothing of the kind if it announces its configuration and a clear of the cache when it starts.
  *
  * Descriptors: the library opens none before the first create and holds none after a cleanup; syslog(3) keeps one of
- * its own from the first line that it writes. A program that
- * closes those of a running client, as closefrom(3) does, loses the client as it loses a bus: calls fail, cleaning
- * up touches none of the numbers and leaves the memory of the connection behind, and the client can be created
- * again, unless the dispatch thread is stuck in its poll. The connection that a failed create has kept may be closed
- * likewise. While a call is under way close nothing: libdbus goes on using the number of its socket.
+ * its own from the first line that it writes. None has a number of the standard streams, even when these are closed. A
+ * program that closes those of a running client, as closefrom(3) does, loses the client as it loses a bus: calls fail,
+ * cleaning up touches none of the numbers and leaves the memory of the connection behind, and the client can be created
+ * again, unless the dispatch thread is stuck in its poll. So does one that lowers RLIMIT_NOFILE below 3. The connection
+ * that a failed create has kept may be closed likewise. While a call is under way close nothing: libdbus goes on using
+ * the number of its socket.
  *
  * fork: the client belongs to the process that created it. In a child process every function gives its
  * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with
- * exec. A child of a process without a client, also of one whose create has failed, can create its own. As with
- * any function that logs, a child of a process of several threads may find the lock of syslog(3) taken for ever.
+ * exec. A child of a process without a client, also of one whose create has failed, can create its own. One that
+ * is forked in a callback has the dispatch thread only, which ends when the callback returns, and the child with it. As
+ * with any function that logs, a child of a process of several threads may find the lock of syslog(3) taken for ever.
  *
  * Other users of D-Bus in the process: dbus_shutdown() ends the process while a client lives. Creating sets
  * DBus::default_dispatcher of dbus-c++: connections that the program makes with that library afterwards are served
@@ -140,7 +142,8 @@ typedef struct ProxySetting {
  * @retval 1  a client exists on return, also when its dispatch thread could not be started: calls then work,
  *            events do not come
  * @retval 0  the bus cannot be reached, the service does not answer, or the client is the parent process's. The
- *            connection to the bus is kept for the next try; cleanup_proxy_manager_client closes it
+ *            connection to the bus is kept for the next try, unless no client could be constructed on it;
+ *            cleanup_proxy_manager_client closes it
  */
 int create_proxy_manager_client(void);
 

@@ -76,7 +76,7 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     const State state = thread_.state();
-    if (state != State::Retired && (state == State::None || !connection_ || !(*connection_ == connection)))
+    if (state != State::ShutDown && (state == State::None || !connection_ || !(*connection_ == connection)))
         return false;
     calls_.push_back(&call);
     const auto deadline = std::chrono::steady_clock::now() + DEFAULT_TIMEOUT;
@@ -94,7 +94,7 @@ bool CallQueue::awaitReply(DBus::Connection &connection, Call &call)
 void CallQueue::failUnserved()
 {
     const State state = thread_.state();
-    if (state == State::Retired || state == State::Lost)
+    if (state == State::ShutDown || state == State::Lost)
         failAll();
 }
 
@@ -169,6 +169,13 @@ void CallQueue::deliverReplies()
         (*sent)->reply.swap(reply);
         end(sent, nullptr);
     }
+}
+
+void CallQueue::resetInChild()
+{
+    new (&mutex_) std::mutex;
+    new (&calls_) std::list<Call *>; // which a caller may have been about to change
+    abandon();
 }
 
 void CallQueue::failDisconnected()

@@ -15,8 +15,6 @@ class CallQueue
 {
 public:
     explicit CallQueue(DispatchThread &thread);
-    CallQueue(const CallQueue &) = delete;
-    CallQueue &operator=(const CallQueue &) = delete;
 
     // Sends a call and waits for its reply. Throws DBus::Error: the service's own, NoReply after the default time-out of
     // D-Bus, Disconnected when the connection or the thread is lost. When no thread serves the connection, and on that
@@ -40,7 +38,10 @@ public:
     void sendQueued();
     void deliverReplies();
     void failDisconnected();
-    void discardReplies() { arrived_.clear(); }
+
+    // ---- In a forked child, which has none of the callers
+
+    void resetInChild();
 
 private:
     // A call that its thread waits for; lives on that thread's stack.

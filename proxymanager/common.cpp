@@ -7,6 +7,8 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <iterator>
 
 #include <strings.h>
 #include <syslog.h>
@@ -14,32 +16,36 @@
 namespace
 {
 
-constexpr int MODE_COUNT = sizeof MODE_WORDS / sizeof MODE_WORDS[0];
-
-int textLength(size_t length)
-{
-    return length > static_cast<size_t>(INT_MAX) ? -1 : static_cast<int>(length);
-}
-
-void cloneText(const char *source, char **destination)
-{
-    if (source)
-        *destination = string2Char(source, textLength(strlen(source)));
-}
+constexpr int MODE_COUNT = std::size(MODE_WORDS);
 
 } // namespace
 
 void freeMem(char **text)
 {
-    if (*text) {
-        free(*text);
-        *text = nullptr;
-    }
+    free(*text);
+    *text = nullptr;
 }
 
-char *copyText(const std::string &text)
+char *copyText(std::string_view text)
 {
-    return string2Char(text.data(), textLength(text.length()));
+    return string2Char(text.data(), text.length() > INT_MAX ? -1 : static_cast<int>(text.length()));
+}
+
+void cloneText(const char *source, char **destination)
+{
+    if (source)
+        *destination = copyText(source);
+}
+
+const char *currentError()
+{
+    try {
+        throw;
+    } catch (const std::exception &error) { // DBus::Error is one
+        return orEmpty(error.what());
+    } catch (...) {
+        return "unknown error";
+    }
 }
 
 std::string_view hostOf(std::string_view url)
@@ -56,17 +62,12 @@ std::string_view hostOf(std::string_view url)
 
 char *getHost(const std::string &url)
 {
-    return copyText(std::string(hostOf(url)));
+    return copyText(hostOf(url));
 }
 
 void initProxyConfig(ProxyManagerConfig *config)
 {
-    config->mode = PROXY_MODE_OFF;
-    config->proxyUrl = nullptr;
-    config->pacUrl = nullptr;
-    config->optionFlag = false;
-    config->userName = nullptr;
-    config->password = nullptr;
+    *config = {PROXY_MODE_OFF, nullptr, nullptr, false, nullptr, nullptr};
 }
 
 void cleanupProxyConfig(ProxyManagerConfig *config)
@@ -93,11 +94,7 @@ void cloneProxyConfig(const ProxyManagerConfig *srcConfig, ProxyManagerConfig *d
 
 void initProxyUrlInfo(ProxyUrlInformation *info, int mode, int count)
 {
-    info->mode = mode;
-    info->userName = nullptr;
-    info->password = nullptr;
-    info->proxyUrlCount = count;
-    info->proxyUrlList = nullptr;
+    *info = {mode, nullptr, nullptr, nullptr, count};
     if (count > 0) {
         info->proxyUrlList = static_cast<char **>(calloc(static_cast<size_t>(count), sizeof(char *)));
         if (!info->proxyUrlList)

@@ -16,7 +16,12 @@ std::string_view hostOf(std::string_view url);
 char *getHost(const std::string &url);
 
 // string2Char for a whole text; one that is too long for it yields NULL.
-char *copyText(const std::string &text);
+char *copyText(std::string_view text);
+// The same for a text that may be NULL, which leaves the destination as it is.
+void cloneText(const char *source, char **destination);
+
+// What the exception says that is being handled, as long as it is.
+const char *currentError();
 
 inline const char *orEmpty(const char *text)
 {
@@ -25,5 +30,6 @@ inline const char *orEmpty(const char *text)
 
 // Begins the log lines of the client object.
 constexpr const char *CLASS_PREFIX = "ProxyManagerClientImpl-";
+constexpr const char *CALL_FAILED_FORMAT = "%s%s DBus Error occured: %s";
 
 #endif

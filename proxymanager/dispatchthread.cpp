@@ -2,16 +2,18 @@
 
 #include "dispatchthread.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <new>
+#include <string_view>
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <syslog.h>
 #include <unistd.h>
 
 // How long to wait for a callback, or a poll, that may never end.
-constexpr std::chrono::seconds PATIENCE(2);
+constexpr std::chrono::seconds JOIN_TIMEOUT(2);
 
 // ---- Descriptors
 
@@ -30,14 +32,30 @@ void OwnDescriptor::close()
     forget();
 }
 
-// Not a pipe: what is sent to a socket can neither end up in a file nor raise SIGPIPE.
+// An unconnected socket is like no other, and refuses what is written to it.
+StandardStreamGuard::StandardStreamGuard()
+{
+    for (int number = STDIN_FILENO; number <= STDERR_FILENO; number++) {
+        if (fcntl(number, F_GETFD) < 0)
+            placeholders_[number].adopt(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    }
+}
+
+StandardStreamGuard::~StandardStreamGuard()
+{
+    for (OwnDescriptor &placeholder : placeholders_)
+        placeholder.close();
+}
+
+// Not a pipe: what is sent to a socket can neither end up in a file nor raise SIGPIPE. It arrives as it was sent, in parts.
 bool DispatchThread::openLocked()
 {
     int pair[2];
     if (reader_.isOurs())
         return true;
     closeLocked();
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
+    const StandardStreamGuard guard;
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
         return false;
     reader_.adopt(pair[0]);
     writer_.adopt(pair[1]);
@@ -63,7 +81,7 @@ void DispatchThread::replace(std::initializer_list<State> former, State next)
 bool DispatchThread::start(void *(*function)(void *))
 {
     const std::lock_guard<std::mutex> lock(mutex_); // the thread waits for it before it enters
-    if (state_ == State::Retired || !openLocked())
+    if (state_ == State::ShutDown || !openLocked())
         return false;
     replace({State::None}, State::Starting);
     sigset_t asynchronous;
@@ -79,9 +97,10 @@ bool DispatchThread::start(void *(*function)(void *))
         thread_ = thread;
         return true;
     }
-    if (loop_.load() == std::thread::id())
+    if (loopThread_.load() == std::thread::id()) {
         closeLocked();
-    replace({State::Starting}, State::None);
+        replace({State::Starting, State::Stopping}, State::None);
+    }
     return false;
 }
 
@@ -95,47 +114,46 @@ bool DispatchThread::join()
 {
     if (state_ == State::Lost && !waitUntilLeft())
         return false;
-    const bool joined = pthread_join(*thread_, nullptr) == 0;
+    if (pthread_join(*thread_, nullptr) != 0)
+        syslog(LOG_NOTICE, "%s%s pthread_join failed", "", "cleanup_without_conn");
     std::unique_lock<std::mutex> lock(mutex_);
+    // The loop may be one of the program's own, and a thread that cannot be joined may not have come to it yet.
+    left_.wait(lock, [this] { return loopThread_.load() == std::thread::id() && state_ != State::Stopping; });
+    closeLocked();
     thread_.reset();
-    left_.wait(lock, [this] { return loop_.load() == std::thread::id(); }); // when it is the program's own
-    replace({State::Stopping, State::Lost}, State::None);
-    return joined;
+    replace({State::Lost}, State::None);
+    return true;
 }
 
-void DispatchThread::startAnew()
+void DispatchThread::resetInChild()
 {
     closeLocked();
-    new (&mutex_) std::mutex;
-    new (&left_) std::condition_variable;
-    state_ = State::None;
-    loop_ = std::thread::id();
-    thread_.reset();
+    new (this) DispatchThread;
 }
 
-void DispatchThread::retire()
+void DispatchThread::shutDown()
 {
-    state_ = State::Retired;
+    state_ = State::ShutDown;
     wake();
 }
 
 bool DispatchThread::waitUntilLeft()
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    return left_.wait_until(lock, std::chrono::steady_clock::now() + PATIENCE,
-                            [this] { return loop_.load() == std::thread::id(); });
+    return left_.wait_until(lock, std::chrono::steady_clock::now() + JOIN_TIMEOUT,
+                            [this] { return loopThread_.load() == std::thread::id(); });
 }
 
 bool DispatchThread::enter()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (loop_.load() != std::thread::id() || state_ == State::Retired)
+    if (loopThread_.load() != std::thread::id() || state_ == State::ShutDown)
         return false;
     if (thread_ && !reader_.isOurs()) // the program has closed what start() has opened
         replace({State::Starting, State::Stopping}, State::Lost);
     if ((thread_ && state_ == State::Lost) || !openLocked())
         return false;
-    loop_ = std::this_thread::get_id();
+    loopThread_ = std::this_thread::get_id();
     replace({State::None, State::Starting, State::Lost}, State::Running);
     return true;
 }
@@ -145,7 +163,9 @@ void DispatchThread::leave()
     const std::lock_guard<std::mutex> lock(mutex_);
     closeLocked();
     replace({State::Running, State::Stopping}, State::None);
-    loop_ = std::thread::id();
+    if (!thread_) // or else join() does so
+        replace({State::Lost}, State::None);
+    loopThread_ = std::thread::id();
     left_.notify_all();
 }
 
@@ -153,6 +173,8 @@ void DispatchThread::leave()
 
 void DispatchThread::wake()
 {
+    if (isCurrent())
+        return;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (reader_.number() < 0) // there is nobody
         return;
@@ -164,24 +186,25 @@ void DispatchThread::wake()
 bool DispatchThread::isReachable()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (reader_.number() < 0 || reader_.isOurs())
-        return true;
-    replace({State::Running}, State::Lost);
-    return false;
+    if (!reader_.isOurs())
+        replace({State::Running}, State::Lost);
+    return state_ == State::Running;
 }
 
-// Whatever is not a wake-up of ours comes from leave() of dbus-c++'s own class, which a program reaches that names the
-// dispatcher as a DBus::BusDispatcher object. It closes the descriptor as well, so that we must not.
+// leave() of dbus-c++'s own class, which a program reaches that names the dispatcher as a DBus::BusDispatcher object, sends
+// a text and closes the descriptor, so that we must not.
 bool DispatchThread::drain()
 {
     const std::lock_guard<std::mutex> lock(mutex_);
-    char bytes[64];
-    const ssize_t count = reader_.isOurs() ? recv(reader_.number(), bytes, sizeof bytes, 0) : 0;
+    char text[8];
+    ssize_t count = reader_.isOurs() ? 1 : 0;
+    while (count > 0 && (count = recv(reader_.number(), text, sizeof text, 0)) > 0) {
+        if (std::string_view(text, static_cast<size_t>(count)) == "exit") {
+            writer_.forget();
+            replace({State::Running}, State::Stopping);
+        }
+    }
     if (count == 0)
         replace({State::Running}, State::Lost);
-    if (std::any_of(bytes, bytes + std::max<ssize_t>(count, 0), [](char byte) { return byte != 0; })) {
-        writer_.forget();
-        replace({State::Running}, State::Stopping);
-    }
     return count != 0;
 }

@@ -35,6 +35,18 @@ private:
     struct stat identity_ = {};
 };
 
+// As long as it is in scope nothing is opened under the numbers of the standard streams: a program that has closed
+// them still prints.
+class StandardStreamGuard
+{
+public:
+    StandardStreamGuard();
+    ~StandardStreamGuard();
+
+private:
+    OwnDescriptor placeholders_[3];
+};
+
 // There is one at a time: ours, or one of the program's that runs the same loop.
 class DispatchThread
 {
@@ -45,19 +57,19 @@ public:
         Running,
         Stopping, // it ends as soon as it can
         Lost,     // somebody has closed its sockets: calls fail
-        Retired   // the process ends: calls fail from here on
+        ShutDown  // the process ends: calls fail from here on
     };
 
     State state() const { return state_; }
-    bool isCurrent() const { return loop_ == std::this_thread::get_id(); }
+    bool isCurrent() const { return loopThread_ == std::this_thread::get_id(); }
     // Whether a thread is in the loop, or will be.
-    bool isBusy() const { return state_ == State::Starting || loop_.load() != std::thread::id(); }
-    // Makes the poll return, now or as soon as it begins. A thread that cannot be reached any more is lost.
+    bool isBusy() const { return state_ == State::Starting || loopThread_.load() != std::thread::id(); }
+    // Makes the poll of another thread return, now or as soon as it begins. One that cannot be reached any more is lost.
     void wake();
     // Asks the thread to end, also when it has not begun yet.
     void stop();
     // From here on no thread serves.
-    void retire();
+    void shutDown();
     // False when one is still in the loop after two seconds.
     bool waitUntilLeft();
 
@@ -65,19 +77,19 @@ public:
 
     bool start(void *(*function)(void *));
     bool isStarted() const { return thread_.has_value(); }
-    // Waits for the end of the thread that was started. False when that fails. A lost thread is waited for for two seconds
-    // only: it may be in a poll of numbers that are somebody else's by now.
+    // Waits until the thread that was started has left the loop, and for its end. False when it may still be there: a lost
+    // one is waited for for two seconds only, as it may be in a poll of numbers that are somebody else's by now.
     bool join();
     // In a forked child, which has none of the threads: closes its copies of the sockets, which would keep the parent's
     // thread from noticing that its own are gone, and begins anew.
-    void startAnew();
+    void resetInChild();
 
     // ---- For the thread
 
     // False when another is there already, or nothing can wake it: a thread that was started is lost then.
     bool enter();
     void leave();
-    // Whether it can be woken: to be asked before each poll.
+    // Whether it is to go on, and can be woken: to be asked before each poll.
     bool isReachable();
     // Ends the loop; calls fail from here on.
     void lose() { replace({State::Running}, State::Lost); }
@@ -93,9 +105,9 @@ private:
     void replace(std::initializer_list<State> former, State next);
 
     std::atomic<State> state_{State::None};
-    std::atomic<std::thread::id> loop_{}; // who is in the loop
+    std::atomic<std::thread::id> loopThread_{}; // who is in the loop
 
-    std::mutex mutex_;                // guards the rest, and changes of loop_; taken last
+    std::mutex mutex_;                // guards the rest, and changes of loopThread_; taken last
     std::optional<pthread_t> thread_; // what start() has started
     std::condition_variable left_;
     OwnDescriptor reader_;

@@ -5,9 +5,11 @@
 #define PROXYMANAGER_LRUPROXYURLCACHE_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include <syslog.h>
@@ -37,6 +39,8 @@ class LRUProxyURLCache
 {
 public:
     using ClearCallback = void (*)(T &value, void *data);
+    template <typename Value>
+    using Map = std::map<std::string, Value, std::less<>>; // looked up without making a string
 
     LRUProxyURLCache(uint32_t entries, ClearCallback callback, void *callbackData)
         : capacity(entries), clearCallback(callback), clearCallbackData(callbackData)
@@ -64,7 +68,7 @@ public:
         }
         // All memory is had before anything is evicted; a failure leaves the cache as it was.
         auto node = std::make_unique<ProxyURLCacheNode>(key);
-        std::map<std::string, ProxyURLCacheNode *> added;
+        Map<ProxyURLCacheNode *> added;
         added.emplace(key, node.get());
         node->value = &valueMap.emplace(std::move(key), value).first->second;
         nodeMap.merge(added);
@@ -73,7 +77,7 @@ public:
         setHead(node.release());
     }
 
-    bool get(const std::string &key, T &out)
+    bool get(std::string_view key, T &out)
     {
         const auto present = nodeMap.find(key);
         if (present == nodeMap.end())
@@ -85,10 +89,10 @@ public:
     }
 
     // The value under a key without counting as a use, NULL when there is none.
-    const T *find(const std::string &key) const
+    const T *find(std::string_view key) const
     {
-        const auto present = valueMap.find(key);
-        return present == valueMap.end() ? nullptr : &present->second;
+        const auto present = nodeMap.find(key);
+        return present == nodeMap.end() ? nullptr : static_cast<const T *>(present->second->value);
     }
 
     void setHead(ProxyURLCacheNode *node)
@@ -119,30 +123,21 @@ public:
 
         const std::string key = std::move(node->key);
         syslog(LOG_INFO, "%s%s deleteNode key:%s", "", __func__, key.c_str());
-        const auto present = nodeMap.find(key);
-        if (present != nodeMap.end()) {
-            delete present->second;
-            nodeMap.erase(present);
-        }
-        const auto stored = valueMap.find(key);
-        if (stored != valueMap.end()) {
-            if (clearCallback)
-                clearCallback(stored->second, clearCallbackData);
-            valueMap.erase(stored);
-        }
+        T &value = *static_cast<T *>(node->value);
+        delete node;
+        nodeMap.erase(key);
+        if (clearCallback)
+            clearCallback(value, clearCallbackData);
+        valueMap.erase(key);
     }
 
     void clearCache()
     {
         syslog(LOG_INFO, "%s%s called ", "", __func__);
-        for (auto &[key, value] : valueMap) {
+        for (const auto &[key, node] : nodeMap) {
             if (clearCallback)
-                clearCallback(value, clearCallbackData);
-            const auto present = nodeMap.find(key);
-            if (present != nodeMap.end() && present->second) {
-                delete present->second;
-                present->second = nullptr;
-            }
+                clearCallback(*static_cast<T *>(node->value), clearCallbackData);
+            delete node;
         }
         nodeMap.clear();
         valueMap.clear();
@@ -154,8 +149,8 @@ public:
     uint32_t capacity;
     ProxyURLCacheNode *head = nullptr;
     ProxyURLCacheNode *tail = nullptr;
-    std::map<std::string, ProxyURLCacheNode *> nodeMap;
-    std::map<std::string, T> valueMap;
+    Map<ProxyURLCacheNode *> nodeMap;
+    Map<T> valueMap;
     ClearCallback clearCallback;
     void *clearCallbackData;
 };

@@ -3,10 +3,11 @@
 #include "pollloop.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
-#include <utility>
 
 #include <dbus/dbus.h>
+#include <syslog.h>
 #include <unistd.h>
 
 namespace
@@ -16,19 +17,10 @@ namespace
 constexpr int DISPATCH_ROUNDS = 4096;
 constexpr size_t WATCHES_OF_CONNECTION = 2;
 
-constexpr std::pair<short, int> WATCH_FLAGS[] = {
-    {POLLIN, DBUS_WATCH_READABLE},
-    {POLLOUT, DBUS_WATCH_WRITABLE},
-    {POLLHUP, DBUS_WATCH_HANGUP},
-    {POLLERR, DBUS_WATCH_ERROR},
-};
-
 int toWatchFlags(short events)
 {
-    int flags = 0;
-    for (const auto &[event, flag] : WATCH_FLAGS)
-        flags |= events & event ? flag : 0;
-    return flags;
+    return (events & POLLIN ? DBUS_WATCH_READABLE : 0) | (events & POLLOUT ? DBUS_WATCH_WRITABLE : 0) |
+           (events & POLLHUP ? DBUS_WATCH_HANGUP : 0) | (events & POLLERR ? DBUS_WATCH_ERROR : 0);
 }
 
 // Time-outs are kept by the waiting callers. Those of libdbus's own blocking calls need no timer of ours, and
@@ -52,26 +44,48 @@ PollLoop::PollLoop()
     }
 }
 
-void PollLoop::leaveToParent()
+void PollLoop::resetInChild()
 {
     new (&watchMutex_) std::mutex;
-    thread_.startAnew();
+    opener_ = std::thread::id();
+    thread_.resetInChild();
+    calls_.resetInChild();
     _fdunlock[1] = -1;
-    abandonConnections();
-}
-
-void PollLoop::abandonConnections()
-{
-    const std::lock_guard<std::mutex> lock(watchMutex_);
-    calls_.abandon();
     abandoned_.splice(abandoned_.end(), watches_);
 }
 
-bool PollLoop::hasLostSocket()
+DBus::Connection PollLoop::openSystemBus()
+{
+    {
+        const std::lock_guard<std::mutex> lock(watchMutex_);
+        while (spare_.size() < WATCHES_OF_CONNECTION)
+            spare_.emplace_back();
+    }
+    struct Opening {
+        PollLoop &loop;
+        ~Opening() { loop.opener_ = std::thread::id(); }
+    } const opening{*this};
+    opener_ = std::this_thread::get_id();
+    const StandardStreamGuard guard;
+    return DBus::Connection::SystemBus();
+}
+
+void PollLoop::abandonSystemBus()
+{
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    calls_.abandon();
+    for (auto next = watches_.begin(); next != watches_.end();) {
+        const auto watch = next++;
+        if ((*watch)->ofSystemBus)
+            abandoned_.splice(abandoned_.end(), watches_, watch);
+    }
+}
+
+bool PollLoop::hasLostSystemBus()
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
     return std::any_of(watches_.begin(), watches_.end(),
-                       [](const auto &watch) { return !watch->socket.isOurs(); });
+                       [](const auto &watch) { return watch->ofSystemBus && !watch->socket.isOurs(); });
 }
 
 void PollLoop::enter()
@@ -84,35 +98,34 @@ void PollLoop::enter()
         PollLoop &loop;
         ~AtEnd()
         {
-            loop.calls_.discardReplies();
+            loop.calls_.deliverReplies();
             loop._fdunlock[1] = -1;
             loop.thread_.leave();
             loop.calls_.failAll();
         }
     } const atEnd{*this};
     _fdunlock[1] = thread_.unlockDescriptor();
-    while (thread_.state() == DispatchThread::State::Running)
-        do_iteration();
-}
-
-// What is asked for after it has been looked for wakes the poll at the end.
-void PollLoop::do_iteration()
-{
-    calls_.sendQueued();
-    dispatch_pending();
-    calls_.deliverReplies();
-    calls_.failDisconnected();
-    dispatch();
+    while (thread_.state() == DispatchThread::State::Running) {
+        calls_.sendQueued();
+        dispatch_pending();
+        calls_.deliverReplies();
+        calls_.failDisconnected();
+        if (thread_.isReachable()) // what is asked for afterwards wakes the poll
+            dispatch();
+    }
 }
 
 void PollLoop::dispatch()
 {
-    if (!thread_.isReachable() || !pollSockets(-1))
-        return;
-    if (hasLostSocket()) // libdbus would close the number, whosever it is
+    const int ready = pollSockets(-1);
+    if (ready < 0 && errno != EINTR) {
+        syslog(LOG_ERR, "%s%s poll failed with error %d", "", __func__, errno);
         thread_.lose();
-    else if (polled_.back().revents == 0 || thread_.drain())
+    } else if (hasLostSystemBus()) { // libdbus would close the number, whosever it is
+        thread_.lose();
+    } else if (ready > 0 && (polled_.back().revents == 0 || thread_.drain())) {
         handleReady();
+    }
 }
 
 void PollLoop::dispatchArrived()
@@ -121,7 +134,7 @@ void PollLoop::dispatchArrived()
         return;
     for (int round = 0; round < DISPATCH_ROUNDS; round++) {
         dispatch_pending();
-        if (!pollSockets(0))
+        if (pollSockets(0) <= 0)
             return;
         handleReady();
     }
@@ -129,9 +142,9 @@ void PollLoop::dispatchArrived()
 
 // ---- Sockets
 
-PollLoop::SocketWatch::SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop)
-    : DBus::Watch(internal), reads((flags() & DBUS_WATCH_READABLE) != 0),
-      writes((flags() & DBUS_WATCH_WRITABLE) != 0), isEnabled(enabled()), loop_(loop)
+PollLoop::SocketWatch::SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop, bool isOfSystemBus)
+    : DBus::Watch(internal), reads((flags() & DBUS_WATCH_READABLE) != 0), ofSystemBus(isOfSystemBus),
+      isEnabled(enabled()), loop_(loop)
 {
     socket.adopt(descriptor());
 }
@@ -139,55 +152,31 @@ PollLoop::SocketWatch::SocketWatch(DBus::Watch::Internal *internal, PollLoop &lo
 void PollLoop::SocketWatch::toggle()
 {
     isEnabled = enabled();
-    loop_.wakeFromOutside();
-}
-
-pollfd PollLoop::SocketWatch::request() const
-{
-    const int events = (reads ? POLLIN : 0) | (writes ? POLLOUT : 0);
-    return {socket.number(), static_cast<short>(events), 0};
-}
-
-// A poll that another thread is in has to see the change.
-void PollLoop::wakeFromOutside()
-{
-    if (!thread_.isCurrent())
-        thread_.wake();
-}
-
-void PollLoop::reserveWatches()
-{
-    const std::lock_guard<std::mutex> lock(watchMutex_);
-    while (spare_.size() < WATCHES_OF_CONNECTION)
-        spare_.emplace_back();
+    loop_.thread_.wake();
 }
 
 DBus::Watch *PollLoop::add_watch(DBus::Watch::Internal *internal)
 {
-    SocketWatch *watch = nullptr;
-    {
-        const std::lock_guard<std::mutex> lock(watchMutex_);
-        if (spare_.empty()) // a connection of the program's own
-            spare_.emplace_back();
-        watch = &spare_.front().emplace(internal, *this);
-        watches_.splice(watches_.end(), spare_, spare_.begin());
-    }
-    wakeFromOutside();
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    if (spare_.empty()) // a connection of the program's own
+        spare_.emplace_back();
+    SocketWatch *const watch =
+        &spare_.front().emplace(internal, *this, opener_ == std::this_thread::get_id());
+    watches_.splice(watches_.end(), spare_, spare_.begin());
+    thread_.wake();
     return watch;
 }
 
 void PollLoop::rem_watch(DBus::Watch *watch)
 {
-    {
-        const std::lock_guard<std::mutex> lock(watchMutex_);
-        const auto present = std::find_if(watches_.begin(), watches_.end(),
-                                          [=](const auto &registered) { return &*registered == watch; });
-        if (present != watches_.end()) {
-            present->reset();
-            spare_.splice(spare_.end(), watches_, present);
-        }
-    }
-    wakeFromOutside();
+    const std::lock_guard<std::mutex> lock(watchMutex_);
+    const auto present = std::find_if(watches_.begin(), watches_.end(),
+                                      [=](const auto &registered) { return &*registered == watch; });
+    if (present == watches_.end())
+        return;
+    present->reset();
+    spare_.splice(spare_.end(), watches_, present);
+    thread_.wake();
 }
 
 // One serves all: nothing but its address is used. Making it anew tells libdbus of it.
@@ -198,15 +187,17 @@ DBus::Timeout *PollLoop::add_timeout(DBus::Timeout::Internal *internal)
     return new (storage) InertTimeout(internal);
 }
 
-bool PollLoop::watchesSocket(int descriptor)
+bool PollLoop::watchesSystemBus(int socket)
 {
     const std::lock_guard<std::mutex> lock(watchMutex_);
-    return std::any_of(watches_.begin(), watches_.end(),
-                       [=](const auto &watch) { return watch->socket.number() == descriptor; });
+    return std::any_of(watches_.begin(), watches_.end(), [=](const auto &watch) {
+        return watch->ofSystemBus && watch->socket.number() == socket;
+    });
 }
 
-// True when a socket, or what wakes the thread, is ready.
-bool PollLoop::pollSockets(int timeout)
+// The result is that of poll. Without a time-out, what wakes the thread is the last. The program's own connections are for
+// the loop only, as long as their sockets are there.
+int PollLoop::pollSockets(int timeout)
 {
     polled_.clear();
     ready_.clear();
@@ -215,8 +206,10 @@ bool PollLoop::pollSockets(int timeout)
         // Those that read come first: an end of the connection must not hide what was sent before it.
         for (const bool reading : {true, false}) {
             for (auto &watch : watches_) {
-                if (watch->isEnabled && watch->reads == reading) {
-                    polled_.push_back(watch->request());
+                if (watch->isEnabled && watch->reads == reading &&
+                    (watch->ofSystemBus || (timeout != 0 && watch->socket.isOurs()))) {
+                    polled_.push_back(
+                        {watch->socket.number(), static_cast<short>(reading ? POLLIN : POLLOUT), 0});
                     ready_.push_back(&*watch);
                 }
             }
@@ -224,7 +217,7 @@ bool PollLoop::pollSockets(int timeout)
     }
     if (timeout != 0)
         polled_.push_back({thread_.wakeDescriptor(), POLLIN, 0});
-    return poll(polled_.data(), polled_.size(), timeout) > 0;
+    return poll(polled_.data(), polled_.size(), timeout);
 }
 
 void PollLoop::handleReady()

@@ -11,6 +11,7 @@
 #include <list>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include <dbus-c++/dbus.h>
@@ -26,25 +27,27 @@ public:
     DispatchThread &thread() { return thread_; }
     CallQueue &calls() { return calls_; }
 
-    // Makes room for the watches of one more connection. Throws std::bad_alloc.
-    void reserveWatches();
-    // Whether this is the socket of a connection that the loop serves.
-    bool watchesSocket(int descriptor);
-    // Takes in and dispatches what has arrived on the connections, without waiting, while no thread does.
+    // Opens the library's connection to the system bus; the loop may also serve some of the program's own. Throws
+    // DBus::Error, std::bad_alloc.
+    DBus::Connection openSystemBus();
+    // In a forked child: the sockets and all connections are the parent's.
+    void resetInChild();
+
+    // ---- For the library's connection
+
+    bool watchesSystemBus(int socket);
+    // Takes in and dispatches what has arrived, without waiting, while no thread does.
     void dispatchArrived();
-    // Whether somebody has closed the socket of a connection: libdbus would go on using its number.
-    bool hasLostSocket();
-    // Never touches the present connections again.
-    void abandonConnections();
-    // In a forked child: the sockets and connections are the parent's.
-    void leaveToParent();
+    // Whether somebody has closed its socket: libdbus would go on using the number.
+    bool hasLostSystemBus();
+    // Never touches it again.
+    void abandonSystemBus();
 
     // ---- DBus::BusDispatcher
 
     void enter() override;
     // Makes enter() return, also when it has not been reached yet. Does not wait.
     void leave() override { thread_.stop(); }
-    void do_iteration() override;
     void dispatch() override;
     DBus::Watch *add_watch(DBus::Watch::Internal *internal) override;
     void rem_watch(DBus::Watch *watch) override;
@@ -56,12 +59,11 @@ private:
     class SocketWatch : public DBus::Watch
     {
     public:
-        SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop);
+        SocketWatch(DBus::Watch::Internal *internal, PollLoop &loop, bool ofSystemBus);
         void toggle() override;
-        pollfd request() const;
 
-        const bool reads;
-        const bool writes;
+        const bool reads;       // or writes
+        const bool ofSystemBus; // or of a connection of the program's own
         OwnDescriptor socket;
         std::atomic<bool> isEnabled;
 
@@ -70,16 +72,17 @@ private:
     };
     using Watches = std::list<std::optional<SocketWatch>>;
 
-    void wakeFromOutside();
-    bool pollSockets(int timeout);
+    int pollSockets(int timeout);
     void handleReady();
     bool isRegistered(const SocketWatch *watch);
 
     DispatchThread thread_;
     CallQueue calls_{thread_};
 
-    std::mutex
-        watchMutex_; // guards the next three; taken inside libdbus's locks: nothing of libdbus is called under it
+    std::atomic<std::thread::id> opener_{}; // of the connection to the system bus, while it is being opened
+
+    // Guards the next three. It is taken inside libdbus's locks: nothing of libdbus is called under it.
+    std::mutex watchMutex_;
     Watches watches_;
     Watches abandoned_; // libdbus, or a thread that is stuck, may still look at them
     Watches spare_;     // libdbus asks for watches with its locks held, where nothing may be thrown

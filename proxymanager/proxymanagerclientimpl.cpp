@@ -8,14 +8,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <dbus/dbus.h>
-#include <strings.h>
 #include <syslog.h>
 
 namespace
 {
 
-constexpr const char *DBUS_ERROR_FORMAT = "%s%s DBus Error occured: %s";
 constexpr uint32_t CACHE_CAPACITY = 50;
 
 } // namespace
@@ -51,9 +48,9 @@ ProxyManagerClientImpl::~ProxyManagerClientImpl()
 DBus::Message ProxyManagerClientImpl::_invoke_method(DBus::CallMessage &call)
 {
     if (!call.path())
-        require(call.path(path().c_str()));
+        throwIfNoMemory(call.path(path().c_str()));
     if (!call.destination())
-        require(call.destination(service().c_str()));
+        throwIfNoMemory(call.destination(service().c_str()));
     return calls.call(conn(), call, get_timeout());
 }
 
@@ -64,11 +61,8 @@ bool ProxyManagerClientImpl::isFromService(const DBus::SignalMessage &signal) co
 
 // ---- Configuration
 
-namespace
-{
-
 // What stands behind a scheme and its two slashes; NULL when the text is too short to hold them.
-const char *withoutScheme(const char *proxy)
+static const char *withoutScheme(const char *proxy)
 {
     for (const char *scheme : {"http:", "https:"}) {
         const size_t prefix = strlen(scheme) + strlen("//");
@@ -77,8 +71,6 @@ const char *withoutScheme(const char *proxy)
     }
     return proxy;
 }
-
-} // namespace
 
 int ProxyManagerClientImpl::updateProxyConfig(const ProxyManagerConfig &config)
 {
@@ -95,7 +87,7 @@ int ProxyManagerClientImpl::updateProxyConfig(const ProxyManagerConfig &config)
         return updateProxyconfig(mode, proxy, pac, config.optionFlag, orEmpty(config.userName),
                                  orEmpty(config.password));
     } catch (const DBus::Error &error) {
-        syslog(LOG_ERR, DBUS_ERROR_FORMAT, CLASS_PREFIX, __func__, orEmpty(error.what()));
+        syslog(LOG_ERR, CALL_FAILED_FORMAT, CLASS_PREFIX, __func__, orEmpty(error.what()));
         return -1;
     }
 }
@@ -113,7 +105,7 @@ void ProxyManagerClientImpl::getProxyConfig()
         proxyConfig.userName = copyText(texts[4]);
         proxyConfig.password = copyText(texts[5]);
     } catch (const DBus::Error &error) {
-        syslog(LOG_ERR, DBUS_ERROR_FORMAT, CLASS_PREFIX, __func__, orEmpty(error.what()));
+        syslog(LOG_ERR, CALL_FAILED_FORMAT, CLASS_PREFIX, __func__, orEmpty(error.what()));
     }
 }
 
@@ -137,15 +129,19 @@ void ProxyManagerClientImpl::AddEventNotifyHandler(ProxyMgrEventType type, Event
         configEventArmed = false;
 }
 
+ProxyManagerClientImpl::EventHandler ProxyManagerClientImpl::findHandler(ProxyMgrEventType type) const
+{
+    const auto handler = eventHandlers.find(type);
+    return handler == eventHandlers.end() ? nullptr : handler->second;
+}
+
 void ProxyManagerClientImpl::callHandler(const char *caller, EventHandler handler, ProxyMgrEventType type)
 {
-    constexpr const char *THROWN = "%s%s the callback of event type:%d has thrown: %s";
     try {
         handler(type);
-    } catch (const std::exception &error) {
-        syslog(LOG_ERR, THROWN, CLASS_PREFIX, caller, type, orEmpty(error.what()));
     } catch (...) {
-        syslog(LOG_ERR, THROWN, CLASS_PREFIX, caller, type, "unknown error");
+        syslog(LOG_ERR, "%s%s the callback of event type:%d has thrown: %s", CLASS_PREFIX, caller, type,
+               currentError());
     }
 }
 
@@ -165,14 +161,13 @@ void ProxyManagerClientImpl::notifyProxyConfigupdated(const std::string &mode, c
     }
 
     const std::lock_guard<std::mutex> eventLock(eventMutex);
-    if (!configEventArmed && (hasHandler(PROXY_MGR_EVENT_STATE_0) || hasHandler(PROXY_MGR_EVENT_STATE_1))) {
+    if (!configEventArmed && (findHandler(PROXY_MGR_EVENT_STATE_0) || findHandler(PROXY_MGR_EVENT_STATE_1))) {
         configEventArmed = true;
         return;
     }
-    const auto handler = eventHandlers.find(PROXY_MGR_EVENT_CONFIG_UPDATED);
-    if (handler != eventHandlers.end()) {
+    if (const EventHandler handler = findHandler(PROXY_MGR_EVENT_CONFIG_UPDATED)) {
         syslog(LOG_NOTICE, "%s%s call the proxy configuration update event callback", CLASS_PREFIX, __func__);
-        callHandler(__func__, handler->second, PROXY_MGR_EVENT_CONFIG_UPDATED);
+        callHandler(__func__, handler, PROXY_MGR_EVENT_CONFIG_UPDATED);
     }
 }
 
@@ -180,11 +175,11 @@ void ProxyManagerClientImpl::ProxyMgrStateEvent(const int32_t &eventType)
 {
     syslog(LOG_NOTICE, "%s%s event type:%d", CLASS_PREFIX, __func__, eventType);
     const std::lock_guard<std::mutex> lock(eventMutex);
-    auto handler = eventHandlers.find(eventType);
-    if (handler == eventHandlers.end())
-        handler = eventHandlers.find(PROXY_MGR_EVENT_STATE_0);
-    if (handler != eventHandlers.end())
-        callHandler(__func__, handler->second, eventType);
+    EventHandler handler = findHandler(eventType);
+    if (!handler)
+        handler = findHandler(PROXY_MGR_EVENT_STATE_0);
+    if (handler)
+        callHandler(__func__, handler, eventType);
 }
 
 void ProxyManagerClientImpl::notifyClearcache()
@@ -195,32 +190,24 @@ void ProxyManagerClientImpl::notifyClearcache()
 
 // ---- Resolution of URLs
 
-namespace
-{
-
 constexpr const char *GET_PROXY_URL = "getProxyUrl";
 
 // getHost without its blocks on the heap, which a hit does without.
-std::string cacheKey(const char *requestUrl)
+static std::string_view cacheKey(const char *requestUrl)
 {
     const std::string_view host = hostOf(requestUrl);
     if (host.empty())
         free(getHost(requestUrl)); // which logs that there is none
-    return std::string(host);
+    return host;
 }
 
-char *copyUnlessNull(const char *text)
-{
-    return text ? copyText(text) : nullptr;
-}
-
-void logManualAnswer(const ProxyUrlInformation &answer)
+static void logManualAnswer(const ProxyUrlInformation &answer)
 {
     syslog(LOG_NOTICE, "%s%s proxy mode is manual. proxyUrl:%s, useName:%s", CLASS_PREFIX, GET_PROXY_URL,
            orEmpty(answer.proxyUrlList ? answer.proxyUrlList[0] : nullptr), orEmpty(answer.userName));
 }
 
-void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
+static void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
 {
     if (texts.empty()) {
         syslog(LOG_NOTICE, "%s%s response from proxy manager service is empty", CLASS_PREFIX, GET_PROXY_URL);
@@ -240,8 +227,6 @@ void decodeAnswer(const std::vector<std::string> &texts, SharedAnswer &answer)
     }
 }
 
-} // namespace
-
 ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
 {
     const unsigned clearsBefore = clears;
@@ -254,7 +239,7 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
         return {};
     }
     SharedAnswer &latest = SharedAnswer::latest();
-    const std::string key = cacheKey(requestUrl);
+    const std::string_view key = cacheKey(requestUrl);
     if (!findAnswer(requestUrl, key, latest)) {
         if (mode == PROXY_MODE_MANUAL)
             logManualAnswer(answer.record());
@@ -278,15 +263,15 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, SharedA
         manual.begin(PROXY_MODE_MANUAL, 1);
         ProxyUrlInformation &record = manual.record();
         if (record.proxyUrlList) { // or else there is nobody to release the strings
-            record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
-            record.userName = copyUnlessNull(proxyConfig.userName);
-            record.password = copyUnlessNull(proxyConfig.password);
+            cloneText(proxyConfig.proxyUrl, &record.proxyUrlList[0]);
+            cloneText(proxyConfig.userName, &record.userName);
+            cloneText(proxyConfig.password, &record.password);
         }
     }
     return mode;
 }
 
-bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, const std::string &key, SharedAnswer &answer)
+bool ProxyManagerClientImpl::findAnswer(const char *requestUrl, std::string_view key, SharedAnswer &answer)
 {
     const std::lock_guard<std::mutex> lock(cacheMutex);
     ProxyUrlInformation kept;
@@ -307,13 +292,13 @@ void ProxyManagerClientImpl::askService(const char *requestUrl, SharedAnswer &an
     try {
         decodeAnswer(getProxyurl(requestUrl), answer);
     } catch (const DBus::Error &error) {
-        syslog(LOG_ERR, DBUS_ERROR_FORMAT, CLASS_PREFIX, GET_PROXY_URL, orEmpty(error.what()));
+        syslog(LOG_ERR, CALL_FAILED_FORMAT, CLASS_PREFIX, GET_PROXY_URL, orEmpty(error.what()));
     }
 }
 
 // Makes the cache an owner of the answer. One that the service may have given before it had the cache cleared is not
 // kept.
-void ProxyManagerClientImpl::storeAnswer(const std::string &key, SharedAnswer &answer, unsigned clearsBefore)
+void ProxyManagerClientImpl::storeAnswer(std::string_view key, SharedAnswer &answer, unsigned clearsBefore)
 {
     const std::lock_guard<std::mutex> lock(cacheMutex);
     if (clears != clearsBefore)
@@ -321,7 +306,7 @@ void ProxyManagerClientImpl::storeAnswer(const std::string &key, SharedAnswer &a
     ProxyUrlInformation replaced{}; // by another thread that missed at the same time
     if (const ProxyUrlInformation *present = urlCache->find(key))
         replaced = *present;
-    urlCache->set(key, answer.record());
+    urlCache->set(std::string(key), answer.record());
     SharedAnswer::retain(answer.record());
     SharedAnswer::release(replaced);
 }

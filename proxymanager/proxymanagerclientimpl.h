@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 class CallQueue;
 class SharedAnswer;
@@ -50,11 +51,11 @@ private:
     DBus::Message _invoke_method(DBus::CallMessage &call) override;
 
     ProxyMode snapshotConfig(const char *requestUrl, SharedAnswer &manual);
-    bool findAnswer(const char *requestUrl, const std::string &key, SharedAnswer &answer);
+    bool findAnswer(const char *requestUrl, std::string_view key, SharedAnswer &answer);
     void askService(const char *requestUrl, SharedAnswer &answer);
-    void storeAnswer(const std::string &key, SharedAnswer &answer, unsigned clearsBefore);
+    void storeAnswer(std::string_view key, SharedAnswer &answer, unsigned clearsBefore);
     static void callHandler(const char *caller, EventHandler handler, ProxyMgrEventType type);
-    bool hasHandler(ProxyMgrEventType type) const { return eventHandlers.count(type) != 0; }
+    EventHandler findHandler(ProxyMgrEventType type) const; // NULL when there is none
 
     ProxyManagerConfig proxyConfig;                          // guarded by configMutex
     std::map<ProxyMgrEventType, EventHandler> eventHandlers; // guarded by eventMutex

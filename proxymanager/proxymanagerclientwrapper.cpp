@@ -10,12 +10,13 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <utility>
 
 #include <pthread.h>
 #include <syslog.h>
 
 DBus::Connection *dbus_conn = nullptr;
-MadeAtLoad<PollLoop> dbus_dispatcher;
+NeverDestroyed<PollLoop> dbus_dispatcher;
 
 namespace
 {
@@ -23,7 +24,6 @@ namespace
 constexpr const char *OBJECT_PATH = "/com/halvo/ProxyManagerService";
 constexpr const char *BUS_NAME = "com.halvo.ProxyManagerService";
 constexpr const char *CALLED = "%s%s called ";
-constexpr const char *DBUS_ERROR = "%s%s DBus Error occured: %s";
 constexpr const char *CREATE_ERROR = "%s%s error: pDBus Error occured: %s";
 constexpr const char *CREATE = "create_proxy_manager_client";
 constexpr const char *CLEANUP_WITHOUT_CONN = "cleanup_without_conn";
@@ -38,20 +38,20 @@ std::atomic<ProxyManagerClientImpl *> readyClient{nullptr};
 
 // Whether a child would inherit a client. Also while one is made or released: no thread that does so is in the child.
 std::atomic<bool> hasClient{false};
-bool isInherited = false; // the client is the parent's
+bool clientIsParents = false; // the client is the parent's
 
 // After a fork the child shares the parent's sockets, and finds locks as threads that it does not have left them.
-void followIntoChild()
+void resetInChild()
 {
     new (&clientMutex) std::mutex;
     readyClient = nullptr;
-    if (dbus_dispatcher.isMade())
-        dbus_dispatcher->leaveToParent();
+    if (dbus_dispatcher.isConstructed())
+        dbus_dispatcher->resetInChild();
     dbus_conn = nullptr;
-    isInherited = isInherited || hasClient;
+    clientIsParents = clientIsParents || hasClient;
 }
 
-const bool followsForks = pthread_atfork(nullptr, nullptr, followIntoChild) == 0;
+const bool followsForks = pthread_atfork(nullptr, nullptr, resetInChild) == 0;
 
 // ---- Exceptions and cancellation
 
@@ -69,21 +69,6 @@ private:
     int former_ = PTHREAD_CANCEL_ENABLE;
 };
 
-// Logs what is being handled in a catch block.
-void logException(const char *caller, const char *errorFormat)
-{
-    constexpr const char *FAILED = "%s%s error: %s";
-    try {
-        throw;
-    } catch (const DBus::Error &error) {
-        syslog(LOG_ERR, errorFormat, "", caller, orEmpty(error.what()));
-    } catch (const std::exception &error) {
-        syslog(LOG_ERR, FAILED, "", caller, error.what());
-    } catch (...) {
-        syslog(LOG_ERR, FAILED, "", caller, "unknown error");
-    }
-}
-
 // Nothing is thrown across the C interface: whatever comes is logged, and the neutral result returned.
 template <typename Result, typename Action>
 Result withoutExceptions(const char *caller, const char *errorFormat, Result neutral, Action action)
@@ -91,8 +76,10 @@ Result withoutExceptions(const char *caller, const char *errorFormat, Result neu
     const NotCancellable here;
     try {
         return action();
+    } catch (const DBus::Error &error) {
+        syslog(LOG_ERR, errorFormat, "", caller, orEmpty(error.what()));
     } catch (...) {
-        logException(caller, errorFormat);
+        syslog(LOG_ERR, "%s%s error: %s", "", caller, currentError());
     }
     return neutral;
 }
@@ -102,41 +89,34 @@ Result withClient(const char *caller, Result neutral, Action action)
 {
     ProxyManagerClientImpl *const client = readyClient;
     if (client)
-        return withoutExceptions(caller, DBUS_ERROR, neutral, [&] { return action(*client); });
+        return withoutExceptions(caller, CALL_FAILED_FORMAT, neutral, [&] { return action(*client); });
     syslog(LOG_ERR, "%s%s proxy manager client is null", "", caller);
     return neutral;
 }
 
 // ---- Dispatch thread
 
-void startThread()
-{
-    DispatchThread &thread = dbus_dispatcher->thread();
-    if (!thread.isStarted() && !thread.start(dbusLoopFunc))
-        syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
-}
-
 // False when it may still be there.
 bool stopThread()
 {
-    if (!dbus_dispatcher.isMade() || !dbus_dispatcher->thread().isStarted())
+    if (!dbus_dispatcher.isConstructed() || !dbus_dispatcher->thread().isStarted())
         return true;
     syslog(LOG_NOTICE, "%s%s dbus loop end", "", CLEANUP_WITHOUT_CONN);
     dbus_dispatcher->leave();
-    const bool joined = dbus_dispatcher->thread().join();
-    if (!joined)
-        syslog(LOG_NOTICE, "%s%s pthread_join failed", "", CLEANUP_WITHOUT_CONN);
-    return joined;
+    const bool stopped = dbus_dispatcher->thread().join();
+    if (!stopped)
+        syslog(LOG_ERR, "%s%s the dispatch thread does not end", "", CLEANUP_WITHOUT_CONN);
+    return stopped;
 }
 
 // Ends the calls of all threads and the dispatch thread in a process that exits without cleaning up.
 const struct AtExit {
     ~AtExit()
     {
-        if (isInherited || !dbus_dispatcher.isMade())
+        if (clientIsParents || !dbus_dispatcher.isConstructed())
             return;
         DispatchThread &thread = dbus_dispatcher->thread();
-        thread.retire();
+        thread.shutDown();
         dbus_dispatcher->calls().failAll();
         if (thread.isCurrent())
             return;
@@ -152,7 +132,7 @@ const struct AtExit {
 // Leaves behind what may be in use, or would use a number that may be one of the program's by now.
 void abandonConnection()
 {
-    dbus_dispatcher->abandonConnections();
+    dbus_dispatcher->abandonSystemBus();
     dbus_conn = nullptr;
 }
 
@@ -160,7 +140,7 @@ void dropConnection()
 {
     if (!dbus_conn)
         return;
-    if (dbus_dispatcher->hasLostSocket())
+    if (dbus_dispatcher->hasLostSystemBus())
         return abandonConnection();
     closeSystemBus(*dbus_dispatcher, std::unique_ptr<DBus::Connection>(std::exchange(dbus_conn, nullptr)));
 }
@@ -170,7 +150,7 @@ bool reuseConnection()
 {
     if (!dbus_conn)
         return false;
-    if (!dbus_dispatcher->hasLostSocket()) {
+    if (!dbus_dispatcher->hasLostSystemBus()) {
         dbus_dispatcher->dispatchArrived();
         if (dbus_conn->connected())
             return true;
@@ -183,7 +163,6 @@ bool reuseConnection()
 
 int deleteClient()
 {
-    syslog(LOG_INFO, CALLED, "", CLEANUP_WITHOUT_CONN);
     const bool stopped = stopThread();
     if (!pProxyMgrClient) {
         syslog(LOG_NOTICE, "%s%s pProxyMgrClient already null", "", CLEANUP_WITHOUT_CONN);
@@ -191,7 +170,8 @@ int deleteClient()
     }
     readyClient = nullptr;
     ProxyManagerClientImpl *const client = std::exchange(pProxyMgrClient, nullptr);
-    if (!stopped || dbus_dispatcher->hasLostSocket()) {
+    const bool isOnSystemBus = dbus_conn && client->conn() == *dbus_conn;
+    if (!stopped || (isOnSystemBus && dbus_dispatcher->hasLostSystemBus())) {
         abandonConnection();
         return 1;
     }
@@ -201,21 +181,10 @@ int deleteClient()
     return 1;
 }
 
-bool clientExists(const char *alreadyExists)
-{
-    syslog(LOG_INFO, CALLED, "", CREATE);
-    if (!pProxyMgrClient)
-        return false;
-    syslog(LOG_NOTICE, alreadyExists, "", CREATE);
-    return true;
-}
-
 enum class Creation { Made, Unconstructed, Unanswered };
 
 Creation createOn(DBus::Connection &conn)
 {
-    if (clientExists("%s%s (conn)proxy_manager_client already exist"))
-        return Creation::Made;
     try {
         pProxyMgrClient = new ProxyManagerClientImpl(conn, OBJECT_PATH, BUS_NAME, dbus_dispatcher->calls());
         syslog(LOG_INFO, CALLED, "", "check_service_started");
@@ -224,13 +193,12 @@ Creation createOn(DBus::Connection &conn)
     } catch (const std::exception &error) { // DBus::Error is one
         syslog(LOG_ERR, CREATE_ERROR, "", CREATE, orEmpty(error.what()));
     }
+    syslog(LOG_INFO, CALLED, "", CLEANUP_WITHOUT_CONN);
     return deleteClient() ? Creation::Unanswered : Creation::Unconstructed;
 }
 
 int createOnSystemBus()
 {
-    if (clientExists("%s%s (void)proxy_manager_client already exist"))
-        return 1;
     DBus::default_dispatcher = &*dbus_dispatcher;
     syslog(LOG_NOTICE, "%s%s create dbus connection", "", CREATE);
     if (!stopThread()) // of a client before
@@ -238,9 +206,11 @@ int createOnSystemBus()
     for (bool kept = reuseConnection();; kept = false) {
         if (!kept)
             dbus_conn = openSystemBus(*dbus_dispatcher).release();
+        syslog(LOG_INFO, CALLED, "", CREATE);
         const Creation creation = createOn(*dbus_conn);
         if (creation == Creation::Made) {
-            startThread();
+            if (!dbus_dispatcher->thread().start(dbusLoopFunc))
+                syslog(LOG_ERR, "%s%s create thread failed", "", CREATE);
             return 1;
         }
         if (creation == Creation::Unanswered)
@@ -255,21 +225,37 @@ int createOnSystemBus()
 
 // ---- Changes of the process-wide objects
 
-// Runs a change of the process-wide objects, one at a time. On the dispatch thread it does not: whoever holds the lock may
-// be waiting for that thread.
-template <typename Action>
-int change(const char *caller, bool creates, Action action)
+// Why a change may not be made; NULL when it may.
+const char *refusal(bool creates, bool inCallback)
 {
-    return withoutExceptions(caller, creates ? CREATE_ERROR : DBUS_ERROR, 0, [&]() -> int {
-        if (isInherited) {
-            syslog(LOG_ERR, "%s%s the client belongs to the parent process", "", caller);
+    if (clientIsParents)
+        return "the client belongs to the parent process";
+    if (inCallback)
+        return "must not be called from a callback";
+    if (creates && !(dbus_dispatcher.construct() && followsForks))
+        return "no descriptor or no memory for the dispatcher";
+    return nullptr;
+}
+
+// Runs a change of the process-wide objects, one at a time. A creation has a text for the client that is there already.
+// Nothing is changed on the dispatch thread: whoever holds the lock may be waiting for that thread.
+template <typename Action>
+int runExclusively(const char *caller, const char *alreadyExists, Action action)
+{
+    return withoutExceptions(caller, alreadyExists ? CREATE_ERROR : CALL_FAILED_FORMAT, 0, [&]() -> int {
+        syslog(LOG_INFO, CALLED, "", alreadyExists ? CREATE : CLEANUP_WITHOUT_CONN);
+        const bool inCallback = dbus_dispatcher.isConstructed() && dbus_dispatcher->thread().isCurrent();
+        std::unique_lock<std::mutex> lock(clientMutex, std::defer_lock);
+        if (!inCallback)
+            lock.lock();
+        if (alreadyExists && readyClient) {
+            syslog(LOG_NOTICE, alreadyExists, "", caller);
+            return 1;
+        }
+        if (const char *const reason = refusal(alreadyExists, inCallback)) {
+            syslog(LOG_ERR, "%s%s %s", "", caller, reason);
             return 0;
         }
-        if (dbus_dispatcher.isMade() && dbus_dispatcher->thread().isCurrent()) {
-            syslog(LOG_ERR, "%s%s must not be called from a callback", "", caller);
-            return creates && readyClient ? 1 : 0;
-        }
-        const std::lock_guard<std::mutex> lock(clientMutex);
         struct AtEnd {
             ~AtEnd()
             {
@@ -277,11 +263,7 @@ int change(const char *caller, bool creates, Action action)
                 hasClient = pProxyMgrClient != nullptr;
             }
         } const atEnd;
-        if (creates && !(dbus_dispatcher.make() && followsForks)) {
-            syslog(LOG_ERR, CREATE_ERROR, "", CREATE, "no descriptor or no memory for the dispatcher");
-            return 0;
-        }
-        if (creates || dbus_conn)
+        if (alreadyExists || dbus_conn)
             hasClient = true;
         return action();
     });
@@ -293,19 +275,20 @@ int change(const char *caller, bool creates, Action action)
 
 int create_proxy_manager_client(DBus::Connection &conn)
 {
-    return change(CREATE, true, [&] { return createOn(conn) == Creation::Made ? 1 : 0; });
+    return runExclusively(CREATE, "%s%s (conn)proxy_manager_client already exist",
+                          [&] { return createOn(conn) == Creation::Made ? 1 : 0; });
 }
 
 int cleanup_without_conn()
 {
-    return change(CLEANUP_WITHOUT_CONN, false, deleteClient);
+    return runExclusively(CLEANUP_WITHOUT_CONN, nullptr, deleteClient);
 }
 
 void *dbusLoopFunc(void *)
 {
-    return withoutExceptions<void *>("dbusLoopFunc", DBUS_ERROR, nullptr, []() -> void * {
+    return withoutExceptions<void *>("dbusLoopFunc", CALL_FAILED_FORMAT, nullptr, []() -> void * {
         syslog(LOG_NOTICE, "%s%s dbus loop start", "", "dbusLoopFunc");
-        if (dbus_dispatcher.make())
+        if (dbus_dispatcher.construct())
             dbus_dispatcher->enter();
         return nullptr;
     });
@@ -315,13 +298,13 @@ void *dbusLoopFunc(void *)
 
 int create_proxy_manager_client(void)
 {
-    return change(CREATE, true, createOnSystemBus);
+    return runExclusively(CREATE, "%s%s (void)proxy_manager_client already exist", createOnSystemBus);
 }
 
 int cleanup_proxy_manager_client(void)
 {
     syslog(LOG_INFO, CALLED, "", __func__);
-    return change(__func__, false, [] {
+    return runExclusively(__func__, nullptr, [] {
         const int deleted = deleteClient();
         dropConnection();
         return deleted;
@@ -352,7 +335,8 @@ ProxyUrlInformation get_proxy_url(const char *requestUrl)
     ProxyManagerClientImpl *client = readyClient;
     if (!client)
         return none;
-    return withoutExceptions(__func__, DBUS_ERROR, none, [&] { return client->getProxyUrl(requestUrl); });
+    return withoutExceptions(__func__, CALL_FAILED_FORMAT, none,
+                             [&] { return client->getProxyUrl(requestUrl); });
 }
 
 bool check_service_started(void)

@@ -14,12 +14,12 @@ extern DBus::Connection *dbus_conn;
 // Storage of an object that is made when the library is loaded, unless that fails, and is never destroyed: threads that the
 // program leaves behind may still be in it, and come to it, while the process ends.
 template <typename Object>
-class MadeAtLoad
+class NeverDestroyed
 {
 public:
-    MadeAtLoad() noexcept { make(); }
-    // Makes the object unless it is there; false when that fails. What dbus-c++ throws then has a text that is freed already.
-    bool make() noexcept
+    NeverDestroyed() noexcept { construct(); }
+    // Unless it is there; false when that fails. What dbus-c++ throws then has a text that is freed already.
+    bool construct() noexcept
     {
         try {
             if (!object_)
@@ -28,7 +28,7 @@ public:
         }
         return object_;
     }
-    bool isMade() const { return object_; }
+    bool isConstructed() const { return object_; }
     Object &operator*() { return *object_; }
     Object *operator->() { return object_; }
 
@@ -38,7 +38,7 @@ private:
 };
 
 // The dispatcher of that connection; for programs a DBus::BusDispatcher. leave() of that class throws when no loop runs.
-extern MadeAtLoad<PollLoop> dbus_dispatcher;
+extern NeverDestroyed<PollLoop> dbus_dispatcher;
 
 // Makes the process's client on a connection of the program's own, which the program dispatches itself, on
 // one thread. That connection must be in working order and outlive the client. Calls go out on the calling

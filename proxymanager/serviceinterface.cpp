@@ -20,7 +20,7 @@ constexpr size_t TEXT_LIMIT = size_t{16} * 1024 * 1024;
 
 void append(DBus::MessageIter &arguments, bool flag, size_t &)
 {
-    require(arguments.append_bool(flag));
+    throwIfNoMemory(arguments.append_bool(flag));
 }
 
 // Refuses what libdbus or the bus would not bear: text that is not UTF-8 ends the process, and a message too long ends the
@@ -33,12 +33,12 @@ void append(DBus::MessageIter &arguments, const char *text, size_t &room)
     room -= length;
     if (!dbus_validate_utf8(text, nullptr))
         throw DBus::Error(DBUS_ERROR_INVALID_ARGS, "text is not valid UTF-8");
-    require(arguments.append_string(text));
+    throwIfNoMemory(arguments.append_string(text));
 }
 
 // Hands a method over to a slot of dbus-c++, which takes it only once there is memory for its own needs.
 template <typename Result, typename Parameter, typename Object>
-void fill(DBus::Slot<Result, Parameter> &slot, Object *object, Result (Object::*method)(Parameter))
+void connectSlot(DBus::Slot<Result, Parameter> &slot, Object *object, Result (Object::*method)(Parameter))
 {
     auto callback = std::make_unique<DBus::Callback<Object, Result, Parameter>>(object, method);
     slot = callback.get();
@@ -47,7 +47,7 @@ void fill(DBus::Slot<Result, Parameter> &slot, Object *object, Result (Object::*
 
 } // namespace
 
-void require(bool hadMemory)
+void throwIfNoMemory(bool hadMemory)
 {
     if (!hadMemory)
         throw DBus::Error(DBUS_ERROR_NO_MEMORY, "no memory for the call");
@@ -59,22 +59,19 @@ using Proxy = com::halvo::ProxyManagerServiceInterface_proxy;
 
 Proxy::ProxyManagerServiceInterface_proxy() : DBus::InterfaceProxy(INTERFACE_NAME)
 {
-    fill(_signals["notifyProxyConfigupdated"], this, &Proxy::_notifyProxyConfigupdated_stub);
-    fill(_signals["notifyClearcache"], this, &Proxy::_notifyClearcache_stub);
-    fill(_signals["ProxyMgrStateEvent"], this, &Proxy::_ProxyMgrStateEvent_stub);
+    connectSlot(_signals["notifyProxyConfigupdated"], this, &Proxy::_notifyProxyConfigupdated_stub);
+    connectSlot(_signals["notifyClearcache"], this, &Proxy::_notifyClearcache_stub);
+    connectSlot(_signals["ProxyMgrStateEvent"], this, &Proxy::_ProxyMgrStateEvent_stub);
 }
 
 template <typename Handle>
 void Proxy::deliver(const DBus::SignalMessage &signal, Handle handle)
 {
-    constexpr const char *DROPPED = "%s%s signal dropped: %s";
     try {
         if (isFromService(signal))
             handle(signal.reader());
-    } catch (const std::exception &error) { // DBus::Error is one
-        syslog(LOG_ERR, DROPPED, CLASS_PREFIX, signal.member(), orEmpty(error.what()));
     } catch (...) {
-        syslog(LOG_ERR, DROPPED, CLASS_PREFIX, signal.member(), "unknown error");
+        syslog(LOG_ERR, "%s%s signal dropped: %s", CLASS_PREFIX, signal.member(), currentError());
     }
 }
 
@@ -107,7 +104,7 @@ DBus::Message Proxy::request(const char *member, Arguments... arguments)
     [[maybe_unused]] DBus::MessageIter writer = call.writer();
     [[maybe_unused]] size_t room = TEXT_LIMIT;
     (append(writer, arguments, room), ...);
-    require(call.member(member));
+    throwIfNoMemory(call.member(member));
     return invoke_method(call);
 }
 
@@ -162,7 +159,7 @@ NameOwner::NameOwner(DBus::Connection &connection, const std::string &name)
             "',interface='" DBUS_INTERFACE_DBUS "',member='NameOwnerChanged',arg0='" +
             name + "'")
 {
-    fill(filter_, this, &NameOwner::follow);
+    connectSlot(filter_, this, &NameOwner::follow);
     // Changes are followed before the present owner is asked for, so that none falls between.
     connection_.add_match(rule_.c_str());
     owner_ = ask();
@@ -178,9 +175,7 @@ NameOwner::~NameOwner()
 std::string NameOwner::ask()
 {
     DBus::CallMessage call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS, DBUS_INTERFACE_DBUS, "GetNameOwner");
-    size_t room = TEXT_LIMIT;
-    DBus::MessageIter writer = call.writer();
-    append(writer, name_.c_str(), room);
+    throwIfNoMemory(call.writer().append_string(name_.c_str()));
     try {
         return connection_.send_blocking(call, -1).reader().get_string();
     } catch (const DBus::Error &error) {

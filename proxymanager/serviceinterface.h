@@ -10,7 +10,7 @@
 #include <dbus-c++/dbus.h>
 
 // Throws DBus::Error when libdbus had no memory for a part of a message.
-void require(bool hadMemory);
+void throwIfNoMemory(bool hadMemory);
 
 namespace com::halvo
 {

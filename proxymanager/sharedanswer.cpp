@@ -23,21 +23,14 @@ Count *owners(const ProxyUrlInformation &answer)
 }
 
 // A thread_local object with a destructor would do, but it ends the process when there is no memory for it.
-struct Key {
-    Key()
-        : made(pthread_key_create(&key, [](void *latest) { delete static_cast<SharedAnswer *>(latest); }) ==
-               0)
-    {
-    }
-    SharedAnswer *get() const
-    {
-        return static_cast<SharedAnswer *>(made ? pthread_getspecific(key) : nullptr);
-    }
+pthread_key_t latestKey{};
+const bool hasKey =
+    pthread_key_create(&latestKey, [](void *latest) { delete static_cast<SharedAnswer *>(latest); }) == 0;
 
-    pthread_key_t key{};
-    const bool made;
-};
-const Key latestKey;
+SharedAnswer *findLatest()
+{
+    return static_cast<SharedAnswer *>(hasKey ? pthread_getspecific(latestKey) : nullptr);
+}
 
 } // namespace
 
@@ -74,16 +67,16 @@ void SharedAnswer::release(ProxyUrlInformation &answer)
 
 SharedAnswer &SharedAnswer::latest()
 {
-    if (SharedAnswer *const latest = latestKey.get())
+    if (SharedAnswer *const latest = findLatest())
         return *latest;
     auto made = std::make_unique<SharedAnswer>();
-    if (!latestKey.made || pthread_setspecific(latestKey.key, made.get()) != 0)
+    if (!hasKey || pthread_setspecific(latestKey, made.get()) != 0)
         throw std::bad_alloc();
     return *made.release();
 }
 
 void SharedAnswer::releaseLatest()
 {
-    if (SharedAnswer *const latest = latestKey.get())
+    if (SharedAnswer *const latest = findLatest())
         latest->share({});
 }

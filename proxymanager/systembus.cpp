@@ -33,7 +33,7 @@ DBusConnection *underlying(const DBus::Connection &connection, PollLoop &loop)
     int socket = -1;
     const bool isProven = begin.dispatcher == &loop && begin.connection &&
                           dbus_connection_get_unix_fd(begin.connection, &socket) &&
-                          loop.watchesSocket(socket);
+                          loop.watchesSystemBus(socket);
     return isProven ? begin.connection : nullptr;
 }
 
@@ -44,7 +44,7 @@ bool hasCopies(const DBus::Connection &connection)
     return !reinterpret_cast<const DBus::RefCnt *>(record + sizeof(void *))->one();
 }
 
-DBusConnection *proven = nullptr; // behind the connection that is open
+DBusConnection *provenConnection = nullptr; // behind the connection that is open
 
 // dbus-c++ takes one reference of libdbus's connection more than it gives back, so that all that belongs to the connection
 // would stay for ever. With a reference of ours the connection outlives dbus-c++'s object; if giving ours back does not
@@ -76,12 +76,11 @@ void disconnect(PollLoop &loop, DBus::Connection &connection)
 std::unique_ptr<DBus::Connection> openSystemBus(PollLoop &loop)
 {
     DBus::_init_threading();
-    loop.reserveWatches();
-    DBus::Connection opened = DBus::Connection::SystemBus();
+    DBus::Connection opened = loop.openSystemBus();
     try {
         auto connection = std::make_unique<DBus::Connection>(opened);
         loop.calls().attach(connection.get());
-        proven = underlying(*connection, loop);
+        provenConnection = underlying(*connection, loop);
         return connection;
     } catch (...) {
         disconnect(loop, opened);
@@ -91,7 +90,7 @@ std::unique_ptr<DBus::Connection> openSystemBus(PollLoop &loop)
 
 void closeSystemBus(PollLoop &loop, std::unique_ptr<DBus::Connection> connection)
 {
-    DBusConnection *const ofLibdbus = std::exchange(proven, nullptr);
+    DBusConnection *const ofLibdbus = std::exchange(provenConnection, nullptr);
     disconnect(loop, *connection);
     if (ofLibdbus && !hasCopies(*connection))
         deleteWithForgottenReference(std::move(connection), ofLibdbus);

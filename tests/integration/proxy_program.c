@@ -62,12 +62,23 @@ static void wait_for_child(pid_t child)
     assert(status == 0);
 }
 
+static void on_thread_end(void *unused)
+{
+    (void)unused;
+    _exit(0); /* the thread sanitizer does not survive exit() there */
+}
+
 static void on_event_exit(ProxyMgrEventType type)
 {
+    static pid_t child = -1;
     (void)type;
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(create_proxy_manager_client());
+    if (child == 0 || (child = fork()) == 0) {
+        assert(create_proxy_manager_client() == 0);
+        pthread_key_t end;
+        assert(pthread_key_create(&end, on_thread_end) == 0 && pthread_setspecific(end, &child) == 0);
+        alarm(20); /* the thread has nothing to wait for */
+        return;
+    }
     wait_for_child(child);
     exit(0);
 }
@@ -183,6 +194,8 @@ static void run_daemon(void)
         wait_for_child(child);
 }
 
+void *run_loop(void *) __asm__("_Z12dbusLoopFuncPv");
+
 int main(int argc, char **argv)
 {
     const char *what = argc > 1 ? argv[1] : "";
@@ -193,6 +206,14 @@ int main(int argc, char **argv)
     if (strcmp(what, "limit") == 0) { /* there is room for a single further descriptor */
         assert(create_proxy_manager_client() == 0 && cleanup_proxy_manager_client() == 0);
         setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
+    }
+    for (int number = 0; number < 3 && strcmp(what, "streams") == 0; number++)
+        close(number);
+    if (strcmp(what, "loop") == 0) { /* of the program's own, which loses its sockets */
+        pthread_t loop;
+        assert(pthread_create(&loop, NULL, run_loop, NULL) == 0 && usleep(100000) == 0);
+        replace_files();
+        pthread_join(loop, NULL);
     }
     assert(create_proxy_manager_client() == 1);
     set_proxy_manager_event_cb(0, on_event);
@@ -205,6 +226,14 @@ int main(int argc, char **argv)
         run_fork();
     if (strcmp(what, "closing") == 0)
         run_closing();
+    for (int number = 0; number < 3 && strcmp(what, "streams") == 0; number++)
+        assert(write(number, "", 1) == -1 && check_service_started());
+    if (strcmp(what, "poll") == 0) { /* fails for a while, and the thread is lost */
+        setrlimit(RLIMIT_NOFILE, &(struct rlimit){0, MOST_FILES});
+        usleep(100000);
+        setrlimit(RLIMIT_NOFILE, &(struct rlimit){MOST_FILES, MOST_FILES});
+        assert(!check_service_started());
+    }
     if (strcmp(what, "exit-in-use") == 0)
         end_slowly();
     if (strcmp(what, "exec") == 0)
