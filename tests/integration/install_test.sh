@@ -5,7 +5,7 @@ set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-for component in runtime development tools documentation; do
+for component in runtime standin development tools services documentation; do
     cmake --install "$build" --prefix "$work/prefix" --component "$component" >"$work/log"
 done
 mv "$work/prefix" "$work/moved" # nothing may refer to where it was
@@ -30,7 +30,7 @@ export ATLS_PLATFORM_DIR=$work DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
 
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$work/moved" -name atls.pc)")
-flags() { pkg-config --define-prefix "$@" atls; }
+flags() { pkg-config "$@" atls; }
 [ "$(flags --modversion)" = 1.0.0 ]
 libraries=$(flags --variable=libdir)
 for compiler in "${CC:-cc} -std=c99" "${CXX:-c++} -std=c++17"; do
