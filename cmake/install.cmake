@@ -19,6 +19,8 @@ install(TARGETS atls EXPORT atlsTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(TARGETS atls-platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standin)
+# systemd looks below lib, whatever the library folder is called.
+install(FILES data/libatls.tmpfiles.conf DESTINATION lib/tmpfiles.d COMPONENT runtime RENAME libatls.conf)
 install(FILES include/atls.h include/proxymanager.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(FILES platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/atls COMPONENT development)
 
@@ -55,8 +57,9 @@ if(TARGET proxymanagerd)
     install(FILES data/com.halvo.ProxyManagerService.conf
             DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT services)
     install(SCRIPT ${PROJECT_BINARY_DIR}/prefix.cmake COMPONENT services)
-    # systemd looks there, whatever the library folder is called.
     install(FILES ${PROJECT_BINARY_DIR}/proxymanagerd.service DESTINATION lib/systemd/system COMPONENT services)
+    install(FILES data/proxymanagerd.sysusers.conf DESTINATION lib/sysusers.d COMPONENT services
+            RENAME proxymanagerd.conf)
 endif()
 
 if(ATLS_INSTALL_DOCUMENTATION)

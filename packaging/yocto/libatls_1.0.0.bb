@@ -32,9 +32,11 @@ EXTRA_OECMAKE = "-DATLS_BUILD_TESTS=OFF -DATLS_BUILD_EXAMPLES=OFF -DATLS_WERROR=
 
 # libatls, libatls-dev and libatls-doc are the usual packages.
 PACKAGES =+ "atls-services atls-tools ${PN}-standin"
-FILES:atls-services = "${bindir}/atls-server ${bindir}/proxymanagerd ${datadir}/dbus-1 ${nonarch_libdir}/systemd"
+FILES:atls-services = "${bindir}/atls-server ${bindir}/proxymanagerd ${datadir}/dbus-1 ${nonarch_libdir}/systemd \
+    ${nonarch_libdir}/sysusers.d"
 FILES:atls-tools = "${bindir}/atls-post ${bindir}/proxymanagerctl"
 FILES:${PN}-standin = "${libdir}/libatls-platform.so"
+FILES:${PN} += "${nonarch_libdir}/tmpfiles.d"
 # A library without a version is no link for the linker here.
 FILES_SOLIBSDEV = "${libdir}/libatls.so"
 
