@@ -1,21 +1,30 @@
-# What is installed where, in the components runtime, development, tools and documentation, and Debian packages of them.
+# What is installed where, in the components runtime, standin, development, tools, services and documentation.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Wherever it is installed but in the system's own folders, libatls.so finds the platform layer beside itself.
+# Wherever it is installed but in the system's own folders, libatls.so finds the platform layer beside itself, and the
+# programs find it.
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    foreach(folder LIBDIR BINDIR)
+        get_filename_component(full_${folder} "${CMAKE_INSTALL_${folder}}" ABSOLUTE BASE_DIR "${CMAKE_INSTALL_PREFIX}")
+    endforeach()
+    file(RELATIVE_PATH from_programs "${full_BINDIR}" "${full_LIBDIR}")
     set_target_properties(atls PROPERTIES INSTALL_RPATH "$ORIGIN")
-    set(program_rpath "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    set(program_rpath "$ORIGIN/${from_programs}")
 endif()
+
+configure_file(cmake/prefix.cmake.in prefix.cmake @ONLY)
 
 install(TARGETS atls EXPORT atlsTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS atls-platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+install(TARGETS atls-platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standin)
+# systemd looks below lib, whatever the library folder is called.
+install(FILES data/libatls.tmpfiles.conf DESTINATION lib/tmpfiles.d COMPONENT runtime RENAME libatls.conf)
 install(FILES include/atls.h include/proxymanager.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(FILES platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/atls COMPONENT development)
 
-configure_file(cmake/atls.pc.in atls.pc @ONLY)
+install(SCRIPT ${PROJECT_BINARY_DIR}/prefix.cmake COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/atls.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/atls)
 configure_package_config_file(cmake/atlsConfig.cmake.in atlsConfig.cmake INSTALL_DESTINATION ${package_folder})
@@ -24,17 +33,33 @@ install(FILES ${PROJECT_BINARY_DIR}/atlsConfig.cmake ${PROJECT_BINARY_DIR}/atlsC
         DESTINATION ${package_folder} COMPONENT development)
 install(EXPORT atlsTargets NAMESPACE atls:: DESTINATION ${package_folder} COMPONENT development)
 
-if(ATLS_BUILD_TOOLS)
-    set(programs atls-post atls-server proxymanagerd proxymanagerctl)
-    set_target_properties(${programs} PROPERTIES INSTALL_RPATH "${program_rpath}")
-    install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+# install_programs COMPONENT PROGRAM...
+function(install_programs component)
+    set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "${program_rpath}")
+    install(TARGETS ${ARGN} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${component})
+    if(ATLS_INSTALL_DOCUMENTATION)
+        foreach(program ${ARGN})
+            file(GLOB page docs/man/${program}.*)
+            get_filename_component(section ${page} LAST_EXT)
+            string(REPLACE "." "man" section ${section})
+            install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/${section} COMPONENT ${component})
+        endforeach()
+    endif()
+endfunction()
+
+if(TARGET atls-post)
+    install_programs(tools atls-post proxymanagerctl)
+endif()
+if(TARGET proxymanagerd)
+    install_programs(services atls-server proxymanagerd)
     install(FILES data/com.halvo.ProxyManagerServiceInterface.xml
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT tools)
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT services)
     install(FILES data/com.halvo.ProxyManagerService.conf
-            DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT tools)
-    configure_file(data/proxymanagerd.service.in proxymanagerd.service @ONLY)
-    # systemd looks there, whatever the library folder is called.
-    install(FILES ${PROJECT_BINARY_DIR}/proxymanagerd.service DESTINATION lib/systemd/system COMPONENT tools)
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d COMPONENT services)
+    install(SCRIPT ${PROJECT_BINARY_DIR}/prefix.cmake COMPONENT services)
+    install(FILES ${PROJECT_BINARY_DIR}/proxymanagerd.service DESTINATION lib/systemd/system COMPONENT services)
+    install(FILES data/proxymanagerd.sysusers.conf DESTINATION lib/sysusers.d COMPONENT services
+            RENAME proxymanagerd.conf)
 endif()
 
 if(ATLS_INSTALL_DOCUMENTATION)
@@ -46,48 +71,4 @@ if(ATLS_INSTALL_DOCUMENTATION)
     foreach(page atls.3 proxymanager.3)
         install(FILES docs/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT documentation)
     endforeach()
-    if(ATLS_BUILD_TOOLS)
-        install(FILES docs/man/atls-post.1 docs/man/atls-server.1 docs/man/proxymanagerctl.1
-                DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
-        install(FILES docs/man/proxymanagerd.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT tools)
-    endif()
 endif()
-
-# ---- Debian packages
-
-if(NOT top_level)
-    return()
-endif()
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_VENDOR "The libatls developers")
-set(CPACK_PACKAGE_CONTACT "The libatls developers <libatls@localhost>")
-set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
-set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME libatls1)
-set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "Application-layer TLS over HTTPS, and a client of the device's proxy manager")
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_HEADERS_PACKAGE_NAME libatls-dev)
-set(CPACK_DEBIAN_HEADERS_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_HEADERS_DESCRIPTION "Headers, documentation and examples of libatls")
-# The private requirements of the pkg-config file must be there, too.
-set(CPACK_DEBIAN_HEADERS_PACKAGE_DEPENDS "libatls1 (= ${PROJECT_VERSION}), libcurl4-openssl-dev | libcurl-dev, libssl-dev, \
-libdbus-1-dev, libdbus-c++-dev, libsafec-dev")
-set(CPACK_DEBIAN_PROGRAMS_PACKAGE_NAME atls-tools)
-set(CPACK_DEBIAN_PROGRAMS_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PROGRAMS_DESCRIPTION "Programs around libatls: posting messages, a reference service, the proxy manager")
-set(CPACK_DEBIAN_PROGRAMS_PACKAGE_DEPENDS "libatls1 (= ${PROJECT_VERSION})")
-include(CPack)
-cpack_add_component_group(library)
-cpack_add_component_group(headers)
-cpack_add_component_group(programs)
-cpack_add_component(runtime GROUP library)
-cpack_add_component(development GROUP headers)
-cpack_add_component(documentation GROUP headers)
-cpack_add_component(tools GROUP programs)

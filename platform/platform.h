@@ -5,12 +5,18 @@
  * A device integrator provides a shared library libatls-platform.so with these functions; the one built here
  * is a stand-in for desktops that reads a directory of files. docs/porting.md explains both.
  *
+ * Width of time_t: it is part of the contract. On 32-bit systems it has 32 or 64 bits, by the options of the compiler
+ * (_TIME_BITS of glibc), and libatls.so and the platform library have to be compiled with the same. A platform library that
+ * includes this header and has 64 bits there exports atls_platform_time64, without which a libatls.so that has 64 bits, too,
+ * is not loaded. The other mistake, 64 bits below a libatls.so with 32, is not noticed: stime then gets a wrong time.
+ *
  * Threads: every function may be called from several threads at the same time. None may call back into the
  * ATLS client, throw, or end the process.
  */
 #ifndef ATLS_PLATFORM_H
 #define ATLS_PLATFORM_H
 
+#include <limits.h>
 #include <stdint.h>
 #include <time.h>
 
@@ -21,8 +27,20 @@
 #define ATLS_PLATFORM_NOTHROW
 #endif
 
+/** 1 where time_t has 64 bits and long has 32. */
+#if LONG_MAX == 0x7fffffffL && (!defined(__GLIBC__) || defined(__USE_TIME_BITS64) || __TIMESIZE == 64)
+#define ATLS_PLATFORM_TIME64 1
+#else
+#define ATLS_PLATFORM_TIME64 0
+#endif
+
 #ifdef __cplusplus
 extern "C" {
+#endif
+
+#if ATLS_PLATFORM_TIME64 && !defined(ATLS_PLATFORM_CALLER)
+/** Tells libatls.so the width of time_t; see above. */
+__attribute__((weak, visibility("default"))) char atls_platform_time64 = 1;
 #endif
 
 struct ssl_ctx_st; /* OpenSSL's SSL_CTX */

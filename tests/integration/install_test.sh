@@ -28,7 +28,7 @@ export ATLS_PLATFORM_DIR=$work DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
 
 export PKG_CONFIG_PATH
 PKG_CONFIG_PATH=$(dirname "$(find "$work/moved" -name atls.pc)")
-flags() { pkg-config --define-prefix "$@" atls; }
+flags() { pkg-config "$@" atls; }
 [ "$(flags --modversion)" = 1.0.0 ]
 # shellcheck disable=SC2046
 "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror $(flags --cflags) "$work/consumer.c" -o "$work/by-pkg-config" \
