@@ -123,7 +123,7 @@ TEST(Cache, ForgetsTheLeastRecentlyUsed)
                 cache.set({steps[i]}, static_cast<char>('0' + i));
             } else {
                 const char key = steps[++i];
-                EXPECT_EQ(cache.get({key}, value) ? steps[static_cast<size_t>(value - '0')] : 'x', key);
+                EXPECT_EQ(cache.get({&key, 1}, value) ? steps[static_cast<size_t>(value - '0')] : 'x', key);
             }
         }
         std::string order;
