@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 #include <iterator>
+#include <new>
 
 #include <strings.h>
 #include <syslog.h>
@@ -17,6 +18,13 @@ namespace
 {
 
 constexpr int MODE_COUNT = std::size(MODE_WORDS);
+
+// Leaves the destination of a text that is NULL as it is.
+void cloneText(const char *source, char **destination)
+{
+    if (source)
+        *destination = string2Char(source, static_cast<int>(strlen(source)));
+}
 
 } // namespace
 
@@ -28,13 +36,11 @@ void freeMem(char **text)
 
 char *copyText(std::string_view text)
 {
-    return string2Char(text.data(), text.length() > INT_MAX ? -1 : static_cast<int>(text.length()));
-}
-
-void cloneText(const char *source, char **destination)
-{
-    if (source)
-        *destination = copyText(source);
+    char *const copy =
+        string2Char(text.data(), text.length() > INT_MAX ? -1 : static_cast<int>(text.length()));
+    if (!copy && !text.empty())
+        throw std::bad_alloc();
+    return copy;
 }
 
 const char *currentError()

@@ -15,10 +15,8 @@ std::string_view hostOf(std::string_view url);
 // Returns a heap copy of it, NULL when it is empty.
 char *getHost(const std::string &url);
 
-// string2Char for a whole text; one that is too long for it yields NULL.
+// string2Char for a whole text. Throws when there is no memory for one that is not empty.
 char *copyText(std::string_view text);
-// The same for a text that may be NULL, which leaves the destination as it is.
-void cloneText(const char *source, char **destination);
 
 // What the exception says that is being handled, as long as it is.
 const char *currentError();

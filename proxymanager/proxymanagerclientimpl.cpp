@@ -7,6 +7,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include <syslog.h>
 
@@ -151,14 +152,17 @@ void ProxyManagerClientImpl::notifyProxyConfigupdated(const std::string &mode, c
 {
     syslog(LOG_NOTICE, "%s%s mode:%s", CLASS_PREFIX, __func__, mode.c_str());
     const std::lock_guard<std::mutex> configLock(configMutex);
-    cleanupProxyConfig(&proxyConfig);
-    proxyConfig.mode = str2ProxyMode(mode.c_str());
-    if (proxyConfig.mode == PROXY_MODE_MANUAL) {
-        proxyConfig.proxyUrl = proxyUrl.empty() ? nullptr : copyText(proxyUrl);
-        proxyConfig.optionFlag = true;
-        proxyConfig.userName = copyText(userName);
-        proxyConfig.password = copyText(password);
+    struct Owned : ProxyManagerConfig { // in place of the present one as a whole, or not at all
+        explicit Owned(const ProxyManagerConfig &other) : ProxyManagerConfig(other) {}
+        ~Owned() { cleanupProxyConfig(this); }
+    } updated({str2ProxyMode(mode.c_str()), nullptr, nullptr, proxyConfig.optionFlag, nullptr, nullptr});
+    if (updated.mode == PROXY_MODE_MANUAL) {
+        updated.proxyUrl = proxyUrl.empty() ? nullptr : copyText(proxyUrl);
+        updated.optionFlag = true;
+        updated.userName = copyText(userName);
+        updated.password = copyText(password);
     }
+    std::swap<ProxyManagerConfig>(proxyConfig, updated);
 
     const std::lock_guard<std::mutex> eventLock(eventMutex);
     if (!configEventArmed && (findHandler(PROXY_MGR_EVENT_STATE_0) || findHandler(PROXY_MGR_EVENT_STATE_1))) {
@@ -251,6 +255,11 @@ ProxyUrlInformation ProxyManagerClientImpl::getProxyUrl(const char *requestUrl)
     return latest.record();
 }
 
+static char *copyUnlessNull(const char *text)
+{
+    return text ? copyText(text) : nullptr;
+}
+
 // Takes what a manual answer needs, while the configuration cannot change.
 ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, SharedAnswer &manual)
 {
@@ -262,11 +271,9 @@ ProxyMode ProxyManagerClientImpl::snapshotConfig(const char *requestUrl, SharedA
     if (mode == PROXY_MODE_MANUAL) {
         manual.begin(PROXY_MODE_MANUAL, 1);
         ProxyUrlInformation &record = manual.record();
-        if (record.proxyUrlList) { // or else there is nobody to release the strings
-            cloneText(proxyConfig.proxyUrl, &record.proxyUrlList[0]);
-            cloneText(proxyConfig.userName, &record.userName);
-            cloneText(proxyConfig.password, &record.password);
-        }
+        record.proxyUrlList[0] = copyUnlessNull(proxyConfig.proxyUrl);
+        record.userName = copyUnlessNull(proxyConfig.userName);
+        record.password = copyUnlessNull(proxyConfig.password);
     }
     return mode;
 }

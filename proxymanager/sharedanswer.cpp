@@ -38,10 +38,12 @@ void SharedAnswer::begin(ProxyMode mode, int count)
 {
     release(record_);
     initProxyUrlInfo(&record_, mode, count > 0 ? count + 1 : 0);
-    if (record_.proxyUrlList) {
-        record_.proxyUrlCount = count;
-        new (&record_.proxyUrlList[count]) Count(1);
-    }
+    if (count <= 0)
+        return;
+    if (!record_.proxyUrlList)
+        throw std::bad_alloc();
+    record_.proxyUrlCount = count;
+    new (&record_.proxyUrlList[count]) Count(1);
 }
 
 void SharedAnswer::share(const ProxyUrlInformation &answer)

@@ -19,7 +19,8 @@ public:
             release(record_);
     }
 
-    // Becomes the owner of a new answer with NULL entries. Without memory for the list the count is 0.
+    // Becomes the owner of a new answer with NULL entries. Throws when there is no memory for the list: an answer
+    // without it would mean a direct connection.
     void begin(ProxyMode mode, int count);
     // Becomes another owner of an answer, in place of the present one.
     void share(const ProxyUrlInformation &answer);
