@@ -141,7 +141,7 @@ void run(std::istream &input)
                                       "com.halvo.ProxyManagerService", loop->calls());
         deliver();
         converse(client);
-    } catch (const DBus::Error &) { // a client that could not be made leaves its filter to the connection
+    } catch (const std::exception &) { // a client that could not be made leaves its filter to the connection
     }
     filters.resize(own);
 }

@@ -82,13 +82,8 @@ TEST_P(Connection, TakesOddResponses)
         for (int i = 10; i < 22; i++) // in front of Content-Type
             reply.headers.emplace("A-" + std::to_string(i), std::string(5000, 'a'));
     };
-    const struct {
-        const char *name;
-        std::function<void(Reply &)> tamper;
-        int handshake, exchange;
-        bool decrypted;
-        int next; // result of the exchange after it
-    } cases[] = {
+    // What is odd; the results of handshake and exchange, whether its answer is decrypted, the result of the next one.
+    const std::tuple<const char *, std::function<void(Reply &)>, int, int, bool, int> cases[] = {
         {"bad request", [](Reply &reply) { reply.status = 400; }, 4, 0, true, 0},
         {"moved", [](Reply &reply) { reply.status = 302; }, 7, 0, true, 0},
         {"no body", [](Reply &reply) { reply.body.clear(); }, 3, 6, false, 4},
@@ -103,24 +98,24 @@ TEST_P(Connection, TakesOddResponses)
         {"doubled", [](Reply &reply) { reply.body += reply.body; }, ANY, 0, true, 4},
     };
     link_.start();
-    for (const auto &wanted : cases) {
-        SCOPED_TRACE(wanted.name);
+    for (const auto &[name, tamper, handshake, exchange, decrypted, next] : cases) {
+        SCOPED_TRACE(name);
         atls_handle_cleanup(&link_.handle);
-        if (wanted.handshake != ANY) {
-            link_.tamper = wanted.tamper;
-            EXPECT_EQ(link_.connect(), wanted.handshake);
+        if (handshake != ANY) {
+            link_.tamper = tamper;
+            EXPECT_EQ(link_.connect(), handshake);
             EXPECT_TRUE(!link_.handle->curl && !link_.handle->ssl && !link_.handle->port &&
                         !*link_.handle->hostname);
             link_.tamper = nullptr;
         }
         ASSERT_EQ(link_.connect(), ATLS_OK);
         ASSERT_EQ(link_.exchange("one"), ATLS_OK);
-        link_.tamper = wanted.tamper;
-        EXPECT_EQ(link_.exchange("two"), wanted.exchange);
-        EXPECT_EQ(link_.body() == "two", wanted.decrypted);
-        EXPECT_EQ(link_.answer.header != nullptr, wanted.exchange == 0);
+        link_.tamper = tamper;
+        EXPECT_EQ(link_.exchange("two"), exchange);
+        EXPECT_EQ(link_.body() == "two", decrypted);
+        EXPECT_EQ(link_.answer.header != nullptr, exchange == 0);
         link_.tamper = nullptr;
-        EXPECT_EQ(link_.exchange("three"), wanted.next);
+        EXPECT_EQ(link_.exchange("three"), next);
     }
 }
 

@@ -85,11 +85,9 @@ protected:
 TEST_F(Proxied, FollowsTheConfiguration)
 {
     const std::string refused = curl_version_info(CURLVERSION_NOW)->version_num < 0x081400 ? "1:56 " : "1:7 ";
-    const struct {
-        std::string mode, names, user, password;
-        int result;
-        std::string way, failed;
-    } cases[] = {
+    using Text =
+        std::string; // mode, proxies, user, password; result, which proxies were asked, which posts failed
+    const std::tuple<Text, Text, Text, Text, int, Text, Text> cases[] = {
         {"off", "", "", "", ATLS_OK, "", ""},
         {"manual", "A", "somebody", "unasked", ATLS_OK, "A", ""},
         {"manual", "B", "device", "open-sesame", ATLS_OK, "BB", ""}, // asked for the password first

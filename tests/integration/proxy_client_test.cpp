@@ -31,6 +31,9 @@ TEST_F(ProxyTest, IsMadeOnceWithTheConfigurationOfTheService)
     EXPECT_FALSE(check_service_started());
     set_proxy_manager_event_cb(1, Events::callback);
     EXPECT_TRUE(log_capture::contains("<3> set_proxy_manager_event_cb proxy manager client is null"));
+    ProxySetting setting = {4, strdup("value")};
+    cleanupProxySetting(&setting);
+    EXPECT_TRUE(setting.kind == 0 && !setting.value);
 }
 
 TEST_F(RunningClient, FollowsConfigurationSignals)
@@ -134,17 +137,4 @@ TEST_F(RunningClient, TellsEventsByTheirRules)
         }
         EXPECT_EQ(Events::take(told.size()), told) << testing::PrintToString(steps);
     }
-}
-
-TEST(Records, AreReleasedOnce)
-{
-    ProxyUrlInformation info;
-    initProxyUrlInfo(&info, 3, 2);
-    info.proxyUrlList[1] = strdup("DIRECT");
-    info.password = strdup("secret");
-    ProxySetting setting = {4, strdup("value")};
-    cleanupProxyUrlInfo(&info);
-    cleanupProxySetting(&setting);
-    EXPECT_TRUE(info.mode == 0 && info.proxyUrlCount == 0 && !info.proxyUrlList && !info.password);
-    EXPECT_TRUE(setting.kind == 0 && !setting.value);
 }

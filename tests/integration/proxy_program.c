@@ -83,28 +83,24 @@ static void on_event_exit(ProxyMgrEventType type)
     exit(0);
 }
 
-/* Calls of all kinds, also while the process is ending. */
-static void *use_client(void *unused)
+/* Calls of all kinds, or those that clean up alone, also while the process is ending. */
+static void *use_client(void *all)
 {
-    for (;;) {
-        create_proxy_manager_client();
-        check_service_started();
-        get_proxy_url("http://b/");
-        cleanup_proxy_manager_client();
+    for (;; cleanup_proxy_manager_client()) {
+        if (all) {
+            create_proxy_manager_client();
+            check_service_started();
+            get_proxy_url("http://b/");
+        }
     }
-    return unused;
+    return all;
 }
 
-static void *clean_up_without_end(void *unused)
+static pthread_t start_thread(void *(*function)(void *), void *argument)
 {
-    for (;;)
-        cleanup_proxy_manager_client();
-    return unused;
-}
-
-static void start_thread(void *(*function)(void *))
-{
-    assert(pthread_create(&(pthread_t){0}, NULL, function, NULL) == 0);
+    pthread_t thread;
+    assert(pthread_create(&thread, NULL, function, argument) == 0);
+    return thread;
 }
 
 /* In the child everything is neutral, and the parent does not notice. */
@@ -128,7 +124,7 @@ static void run_fork(void)
     sem_wait(&events);
     assert(get_proxy_url("http://a/").mode == 2);
     assert(cleanup_proxy_manager_client() == 1);
-    start_thread(clean_up_without_end); /* whoever has the lock when a child is forked is not in the child */
+    start_thread(use_client, NULL); /* whoever has the lock when a child is forked is not in the child */
     for (int i = 0; i < 60; i++) {
         const pid_t other = fork();
         if (other == 0) {
@@ -143,7 +139,7 @@ static void run_fork(void)
 static void end_slowly(void)
 {
     static char text[200000];
-    start_thread(use_client);
+    start_thread(use_client, text);
     setvbuf(stdout, text, _IOFBF, sizeof text);
     printf("%*s", (int)sizeof text - 1, "");
 }
@@ -210,8 +206,8 @@ int main(int argc, char **argv)
     for (int number = 0; number < 3 && strcmp(what, "streams") == 0; number++)
         close(number);
     if (strcmp(what, "loop") == 0) { /* of the program's own, which loses its sockets */
-        pthread_t loop;
-        assert(pthread_create(&loop, NULL, run_loop, NULL) == 0 && usleep(100000) == 0);
+        const pthread_t loop = start_thread(run_loop, NULL);
+        usleep(100000);
         replace_files();
         pthread_join(loop, NULL);
     }

