@@ -10,9 +10,7 @@
 
 #include <atomic>
 #include <functional>
-#include <list>
 #include <map>
-#include <mutex>
 
 #include <benchmark/benchmark.h>
 #include <dbus/dbus.h>
@@ -117,51 +115,6 @@ static std::string url_of(int host)
     return "http://host" + std::to_string(host) + ".example/path";
 }
 
-static std::string key_of(const std::string &url)
-{
-    const char *const host = strstr(url.c_str(), "://") + 3;
-    const Owned<char, free> copy(strndup(host, strcspn(host, ":/"))); // getHost hands out a block of the heap
-    return copy.get();
-}
-
-// The least that a hit takes: the host, two locks, two maps, a move in a list, and the log lines.
-struct LeastCache {
-    LeastCache()
-    {
-        for (int i = 0; i < HOSTS; i++) {
-            order.push_front(key_of(url_of(i)));
-            nodes[order.front()] = order.begin();
-            values[order.front()] = {PROXY_MODE_PACURL, entries, nullptr, nullptr, 2};
-        }
-    }
-
-    void look_up(const std::string &url)
-    {
-        {
-            const std::lock_guard<std::mutex> lock(config_mutex);
-            syslog(LOG_NOTICE, "%s%s request url:%s, proxy mode:%d", "", "look_up", url.c_str(), 2);
-        }
-        const std::string key = key_of(url);
-        const std::lock_guard<std::mutex> lock(cache_mutex);
-        const auto node = nodes.find(key);
-        syslog(LOG_INFO, "%s%s key:%s", "", "remove", key.c_str());
-        order.splice(order.begin(), order, node->second);
-        syslog(LOG_INFO, "%s%s key:%s", "", "set_head", key.c_str());
-        const ProxyUrlInformation answer = values.find(key)->second;
-        syslog(LOG_NOTICE, "%s%s request url:%s, mode:%d, userName:%s", "", "look_up", url.c_str(),
-               answer.mode, "");
-        for (int i = 0; i < answer.proxyUrlCount; i++)
-            syslog(LOG_NOTICE, "%s%s index:%d proxy url:%s", "", "look_up", i, answer.proxyUrlList[i]);
-    }
-
-    std::mutex config_mutex, cache_mutex;
-    std::list<std::string> order;
-    std::map<std::string, std::list<std::string>::iterator> nodes;
-    std::map<std::string, ProxyUrlInformation> values;
-    char proxy[12] = "PROXY p1:80", direct[7] = "DIRECT";
-    char *entries[2] = {proxy, direct};
-};
-
 static void ask_library(const std::string &url)
 {
     get_proxy_url(url.c_str());
@@ -186,6 +139,14 @@ static void ask_plainly(const std::string &url)
     dbus_free_string_array(texts);
 }
 
+// Cuts the host out of a URL and finds it in a map.
+static void look_up_plainly(const std::string &url)
+{
+    static std::map<std::string, ProxyUrlInformation> answers;
+    const char *const host = strstr(url.c_str(), "://") + 3;
+    benchmark::DoNotOptimize(&answers[std::string(host, strcspn(host, ":/"))]);
+}
+
 // Looks up what the cache holds.
 template <typename LookUp>
 static Preparation hit(LookUp look_up)
@@ -200,7 +161,6 @@ static Preparation hit(LookUp look_up)
 
 static void add_cases(const Peers &peers)
 {
-    static const auto context = Composition::make_context();
     const std::pair<std::string, int> versions[] = {{"TLS 1.2", peers.tls12}, {"TLS 1.3", peers.tls13}};
     for (const auto &[size, bytes] :
          {std::pair("100 B ", 100UL), {"1 KB ", 1000}, {"16 KB ", 16000}, {"1 MB ", 1000000}})
@@ -218,8 +178,6 @@ static void add_cases(const Peers &peers)
         const int port = version.second;
         add(name + "/library", {0.1}, unprepared([=] { const Library client(port); }));
         add(name + "/composition", {0.1}, unprepared([=] { const Composition client(port); }));
-        add(name + "/ready context", {0.1},
-            unprepared([=] { const Composition client(port, context.get()); }));
     }
     for (const size_t mebibytes : {1, 16, 64}) {
         const std::string size = std::to_string(mebibytes) + " MiB", pieces = size + " in pieces of 1 KB";
@@ -232,15 +190,8 @@ static void add_cases(const Peers &peers)
         add("capture/" + pieces + "/library", {0.02}, unprepared([=] { capture_by_library(bytes); }));
         add("capture/" + pieces + "/one block", {0.02}, unprepared([=] { capture_plainly(bytes); }));
     }
-    const auto cache = std::make_shared<LeastCache>();
-    for (const bool logging : {false, true}) {
-        const std::string name = std::string("cache hit/log ") + (logging ? "on" : "masked");
-        add(name + "/library", {0.05, logging}, hit(ask_library));
-        add(name + "/least design", {0.05, logging}, hit([=](const auto &url) { cache->look_up(url); }));
-        if (!logging)
-            add(name + "/bare map", {0.05},
-                hit([=](const auto &url) { benchmark::DoNotOptimize(cache->values.find(key_of(url))); }));
-    }
+    add("cache hit/log masked/library", {0.05}, hit(ask_library));
+    add("cache hit/log masked/bare map", {0.05}, hit(look_up_plainly));
     static std::atomic<int> next{HOSTS};
     for (const int threads : {1, 4}) {
         const std::string name = threads == 1 ? "cache miss/1 thread" : "cache miss/4 threads";

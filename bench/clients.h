@@ -83,8 +83,8 @@ struct BarePost {
 // any of its checks.
 struct Composition : BarePost {
     using Context = Owned<SSL_CTX, SSL_CTX_free>;
-    explicit Composition(int port) : Composition(port, make_context().get()) {}
-    Composition(int port, SSL_CTX *context) : BarePost(port, "/atls"), ssl(SSL_new(context)) // which it keeps
+    explicit Composition(int port)
+        : BarePost(port, "/atls"), ssl(SSL_new(make_context().get())) // it keeps that
     {
         static char error_text[CURL_ERROR_SIZE];
         curl_easy_setopt(curl.get(), CURLOPT_VERBOSE, 1L);

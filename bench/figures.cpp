@@ -74,16 +74,11 @@ static void measure_large_echo(int port)
     constexpr int LENGTH = 20000000;
     Library client(port);
     const std::string message(LENGTH, 'm');
-    double peak = 0;
     client.exchange("small");
     cleanup_atls_resp(&client.answer);
-    const double kept = growth(test::heap_in_use, 1, [&](int) {
-        std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
-        peak = growth(peak_resident, 1, [&](int) { client.exchange(message); });
-        cleanup_atls_resp(&client.answer);
-    });
+    std::ofstream("/proc/self/clear_refs") << 5; // the peak begins anew
+    const double peak = growth(peak_resident, 1, [&](int) { client.exchange(message); });
     print("peak of an echo of 20 MB, in times of its length", peak / LENGTH, "", 2.5);
-    print("  what the idle connection keeps of it", kept, "bytes", 65536);
 }
 
 // How deep a thread's stack gets that resolves a host, connects and exchanges a message.
@@ -110,23 +105,6 @@ static void measure_stack(int port)
 }
 
 static std::atomic<int> events{0};
-
-// Resolutions while signals come as fast as they can be sent.
-static void measure_storm(test::ScriptedService &service)
-{
-    std::atomic<bool> stop{false};
-    std::thread storm([&] {
-        for (; !stop; service.emit("notifyClearcache"))
-            service.emitState(3);
-    });
-    int resolutions = 0;
-    for (const auto end = Clock::now() + 2s; Clock::now() < end; resolutions++)
-        resolve(resolutions % 60);
-    stop = true;
-    storm.join();
-    print("resolutions in a storm of signals", resolutions / 2.0, "1/s");
-    print("  signals handled meanwhile", events / 2.0, "1/s");
-}
 
 // How late a signal is while a call takes a second.
 static void measure_delay(test::ScriptedService &service)
@@ -168,7 +146,6 @@ int print_figures(const Peers &peers)
     test::ScriptedService service;
     require(create_proxy_manager_client() == 1, "no proxy manager");
     set_proxy_manager_event_cb(PROXY_MGR_EVENT_STATE_0, [](ProxyMgrEventType) { events++; });
-    measure_storm(service);
     measure_delay(service);
     cleanup_proxy_manager_client();
     return 0;

@@ -15,7 +15,6 @@ GOALS = [
     ("exchange/", "composition", 1.05, "cpu"),
     ("connect/", "composition", 1.05, "cpu"),
     ("decrypt/", "plain loop", 1.25, "cpu"),
-    ("cache hit/log masked", "least design", 1.2, "cpu"),
     ("cache miss/1 thread", "raw libdbus", 1.15, "wall"),
     ("cache miss/4 threads", "raw libdbus", 1.0, "wall"),
 ]
@@ -50,14 +49,6 @@ def compare(cases):
                 row[kind] = quartiles([ours[kind] / theirs[kind] for ours, theirs in zip(runs["library"], runs[baseline])])
                 row[kind + "_ns"] = statistics.median(ours[kind] for ours in runs["library"])
             yield row
-
-
-def growth(cases, group):
-    """How much more the library's time grows from 1 to 64 MiB than the baseline's."""
-    small, large = (next(runs for case, runs in cases.items() if case.startswith(f"{group}/{size} MiB")) for size in (1, 64))
-    library, baseline = (statistics.median(time["cpu"] for time in large[who]) / statistics.median(time["cpu"] for time in small[who])
-                         for who in small)
-    return library / baseline
 
 
 def mark(value, goal):
@@ -99,13 +90,9 @@ def draw(rows, path):
 
 def main():
     build, picture = sys.argv[1:]
-    cases = read_times(f"{build}/times.json")
-    rows = list(compare(cases))
+    rows = list(compare(read_times(f"{build}/times.json")))
     with open(f"{build}/figures.json", encoding="utf-8") as file:
         figures = [json.loads(line) for line in file]
-    for group, goal in ("decrypt", 1.25), ("capture", 0):
-        figures.append({"name": f"growth of {group} from 1 to 64 MiB against the baseline's", "value": growth(cases, group),
-                        "unit": "", "goal": goal})
     print_table(rows, figures)
     with open(f"{build}/bench.json", "w", encoding="utf-8") as file:
         json.dump({"ratios": rows, "figures": figures}, file, indent=1)
