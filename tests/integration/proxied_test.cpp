@@ -99,7 +99,7 @@ TEST_F(Proxied, FollowsTheConfiguration)
         {"pacurl", "RD", "", "", ATLS_HANDSHAKE_FAILED, "", "1:7 "},    // as the newest libcurl tells it
         {"pacurl", "BD", "", "", ATLS_HANDSHAKE_FAILED, "B", refused}}; // it is not passed over
     for (const auto &[mode, names, user, password, result, way_taken, failed] : cases) {
-        SCOPED_TRACE(mode + ' ' + names + ' ' + password);
+        SCOPED_TRACE(testing::Message() << mode << ' ' << names << ' ' << password);
         configure(mode, names, user, password);
         interpose::connect_status = names[0] == 'R' ? 403 : 0;
         EXPECT_EQ(connect(names[0] == 'S' ? 3000 : 0), result); // ms, since it is silent
