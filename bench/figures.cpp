@@ -1,4 +1,4 @@
-// What the library takes in memory and allocations, and how it holds out in a storm of signals: one JSON object in each
+// What the library takes in memory and allocations, and how late a signal is during a call: one JSON object in each
 // line.
 
 #include "allocation.h"
