@@ -97,7 +97,7 @@ TEST_F(RunningClient, SurvivesSignalsOfTheWrongShapeAndCallbacksThatThrow)
     for (const auto &[member, arguments, line] : signals) {
         log_capture::record();
         emit(member, arguments);
-        EXPECT_TRUE(log_capture::contains(" ProxyManagerClientImpl-" + member + line)) << arguments;
+        EXPECT_TRUE(log_capture::contains((" ProxyManagerClientImpl-" + member).append(line))) << arguments;
     }
     EXPECT_EQ(Events::take(1), std::vector<int>{0});
     EXPECT_EQ(configText(), "2 n NULL http://pac/ NULL NULL");
