@@ -249,8 +249,10 @@ TEST(Identity, IsChecked)
         SCOPED_TRACE(make);
         test::Device device;
         const std::string as_der = make.find("openssl") == 0 ? " -outform DER" : "";
-        test::run("(cd " + test::identity("") + " && D=" + device.folder.root + " && " + make + as_der +
-                  ") 2>/dev/null");
+        const auto command = testing::Message()
+                             << "(cd " << test::identity("") << " && D=" << device.folder.root << " && "
+                             << make << as_der << ") 2>/dev/null";
+        test::run(command.GetString());
         ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere", 1); // of other code: not the reason
         EXPECT_EQ(init_al_ssl(&device.handle), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
         EXPECT_EQ(device.handle->ssl == nullptr, !message.empty());
