@@ -17,6 +17,9 @@ __attribute__((used)) static const ClockSetter referenced_stime = stime;
 // since a program's own libc comes before the platform library in the search order; dlsym never returns that one.
 inline int set_system_clock(const time_t *when)
 {
+    // A platform library with a wider time_t would read beyond it, and set the clock to nonsense.
+    if (sizeof *when == 4 && dlsym(RTLD_DEFAULT, "atls_platform_time64"))
+        return -1;
     void *platform_stime = dlsym(RTLD_DEFAULT, "stime");
     return platform_stime ? reinterpret_cast<ClockSetter>(platform_stime)(when) : -1;
 }

@@ -8,7 +8,7 @@
  * Width of time_t: it is part of the contract. On 32-bit systems it has 32 or 64 bits, by the options of the compiler
  * (_TIME_BITS of glibc), and libatls.so and the platform library have to be compiled with the same. A platform library that
  * includes this header and has 64 bits there exports atls_platform_time64, without which a libatls.so that has 64 bits, too,
- * is not loaded. The other mistake, 64 bits below a libatls.so with 32, is not noticed: stime then gets a wrong time.
+ * is not loaded. Nor does a libatls.so with 32 bits call the stime of such a platform library: the clock is left alone.
  *
  * Threads: every function may be called from several threads at the same time. None may call back into the
  * ATLS client, throw, or end the process.
