@@ -52,7 +52,7 @@ TEST_P(Connection, CarriesMessagesOfAnyLength)
     const size_t sessions = link_.service->session_count();
     ASSERT_EQ(link_.connect(), ATLS_OK);
     EXPECT_EQ(link_.posted.size(), tls13() ? 1u : 2u);
-    EXPECT_EQ(interpose::log_of(LOG_ERR), "");
+    EXPECT_EQ(log_capture::log_of(LOG_ERR), "");
     for (const size_t size : {100, 16383, 16384, 16385, 32768, 1048577, 3000000}) {
         link_.reply = size;
         const bool readable = size % 16384 != 0; // full records cannot be read
@@ -139,7 +139,7 @@ TEST_P(Connection, LeavesNothingOfAnAnswerToTheNext)
     }
     EXPECT_EQ(answers, "h0h24");
     const char *dropped = "atls_easy_perform: [30000] bytes behind the end of the last answer dropped";
-    EXPECT_EQ(interpose::log_of(LOG_ERR), std::string(dropped) + "\n" + dropped);
+    EXPECT_EQ(log_capture::log_of(LOG_ERR), std::string(dropped) + "\n" + dropped);
 }
 
 TEST_P(Connection, EndsWhenACertificateIsRefused)

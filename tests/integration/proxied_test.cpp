@@ -20,9 +20,6 @@ class Proxied : public testing::Test
 protected:
     Proxied()
     {
-        for (const char *name :
-             {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
-            unsetenv(name);
         link_.start();
         interpose::reset();
         EXPECT_EQ(create_proxy_manager_client(), 1);
@@ -67,7 +64,7 @@ protected:
     static std::string failures()
     {
         const std::regex failure("atls_handshake: curl_rc:([0-9]+), proxyUrlCount:[0-9]+, index:([0-9]+)");
-        const std::string log = interpose::log_of(LOG_NOTICE);
+        const std::string log = log_capture::log_of(LOG_NOTICE);
         std::string results;
         for (std::sregex_iterator match(log.begin(), log.end(), failure), end; match != end; ++match)
             results += match->format("$2:$1 ");

@@ -58,8 +58,7 @@ static void on_event(ProxyMgrEventType type)
 static void wait_for_child(pid_t child)
 {
     int status = -1;
-    waitpid(child, &status, 0);
-    assert(status == 0);
+    assert(waitpid(child, &status, 0) == child && status == 0);
 }
 
 static void on_thread_end(void *unused)

@@ -6,7 +6,6 @@ work=$(mktemp -d)
 # shellcheck source=scripts/service-functions
 . "$source/scripts/service-functions"
 trap 'stop_all; rm -rf "$work"' EXIT
-unset https_proxy HTTPS_PROXY all_proxy ALL_PROXY no_proxy NO_PROXY
 trap 'echo "failed: $BASH_COMMAND" >&2' ERR
 
 check() { # check WHAT EXPECTED ACTUAL

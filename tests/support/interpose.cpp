@@ -231,12 +231,11 @@ int FIPS_mode(void)
 time_t time(time_t *out) noexcept
 {
     const time_t held = with_state([](auto &state) { return state.now; });
-    timespec real;
-    clock_gettime(CLOCK_REALTIME, &real);
-    const time_t now = held != 0 ? held : real.tv_sec;
-    if (out)
-        *out = now;
-    return now;
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (held != 0)
+        now.tv_sec = held;
+    return out ? *out = now.tv_sec : now.tv_sec;
 }
 
 int stime(const time_t *when) noexcept

@@ -37,8 +37,6 @@ inline std::atomic<const char *> failed{""}; // the point that failed
 bool fails(const char *point);               // passes a point
 bool openssl_fails();                        // passes the point of a request by OpenSSL on its own behalf
 
-using log_capture::log_of;
-
 } // namespace interpose
 
 #endif

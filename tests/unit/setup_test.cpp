@@ -25,7 +25,6 @@ namespace
 {
 
 using proxy_double::Answer;
-using Options = decltype(interpose::State::options);
 
 class Setup : public testing::Test
 {
@@ -64,7 +63,7 @@ TEST_F(Setup, PreparesTheRequest)
     handle_->proxyUrlList = static_cast<char **>(calloc(1, sizeof(char *)));
     ASSERT_EQ(init_tl_curl(&handle_, "/atls", "track"), ATLS_OK);
     EXPECT_TRUE(!handle_->proxyUrlList && handle_->proxyUrlCount == 0);
-    Options options = interpose::kept().options;
+    auto options = interpose::kept().options;
     EXPECT_EQ(options[CURLOPT_URL], "https://host.example:8443/atls");
     EXPECT_EQ(options[CURLOPT_TIMEOUT_MS], "30000");
     EXPECT_EQ(options[CURLOPT_SUPPRESS_CONNECT_HEADERS] + options[CURLOPT_NOSIGNAL], "11");
@@ -91,7 +90,7 @@ TEST_F(Setup, CutsLongTextsAndRefusesBadAddresses)
     atls_handle_cleanup(&handle_);
     name_server("h", 65536);
     EXPECT_EQ(init_tl_curl(&handle_, "/", nullptr), ATLS_INVALID_INPUT);
-    EXPECT_EQ(interpose::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
+    EXPECT_EQ(log_capture::log_of(LOG_ERR), "init_tl_curl: Invalid Input Parameters...bad host/port");
 }
 
 TEST_F(Setup, KeepsTheSignalsOfFailedWritesFromTheProgram)
@@ -187,7 +186,7 @@ TEST_F(Setup, ChoosesProxies)
         interpose::fips_mode = expected.fips;
         proxy_double::answer = expected.answer;
         ASSERT_EQ(init_tl_curl(&handle_, "/atls", nullptr), ATLS_OK);
-        Options set = interpose::kept().options;
+        auto set = interpose::kept().options;
         EXPECT_EQ(set[CURLOPT_PROXY] + " " + set[CURLOPT_PROXYAUTH] + " " + set[CURLOPT_PROXYUSERNAME] + " " +
                       set[CURLOPT_PROXYPASSWORD],
                   expected.options);
@@ -197,7 +196,7 @@ TEST_F(Setup, ChoosesProxies)
         EXPECT_EQ(list, expected.list);
         EXPECT_EQ(handle_->proxyUrlList == nullptr, list.empty());
         EXPECT_TRUE(log_capture::contains(expected.log));
-        EXPECT_EQ(interpose::log_of(LOG_ERR).empty(), expected.log.find("<3>") != 0);
+        EXPECT_EQ(log_capture::log_of(LOG_ERR).empty(), expected.log.find("<3>") != 0);
     }
     proxy_double::answer = Answer{};
 }
@@ -216,12 +215,8 @@ TEST(UserAgentDeathTest, IsMadeOfModelAndLoad)
         const test::Device device;
         test::write_file(device.folder.path("device-model"), model);
         test::write_file(device.folder.path("load-id"), load);
-        const auto is_built = [&, &text = expected] {
-            const bool built = atls_get_user_agent() == text;
-            test::write_file(device.folder.path("device-model"), "Other");
-            return built && atls_get_user_agent() == text;
-        };
-        EXPECT_EXIT(_exit(is_built() ? 0 : 1), testing::ExitedWithCode(0), "") << expected;
+        EXPECT_EXIT(atls_get_user_agent(); test::write_file(device.folder.path("device-model"), "Other");
+                    _exit(atls_get_user_agent() == expected ? 0 : 1), testing::ExitedWithCode(0), "");
     }
 }
 
@@ -248,19 +243,27 @@ TEST(Identity, IsChecked)
     for (const auto &[make, message] : cases) {
         SCOPED_TRACE(make);
         test::Device device;
-        const std::string as_der = make.find("openssl") == 0 ? " -outform DER" : "";
         const auto command = testing::Message()
                              << "(cd " << test::identity("") << " && D=" << device.folder.root << " && "
-                             << make << as_der << ") 2>/dev/null";
+                             << make
+                             << (make.find("openssl") == 0 ? " -outform DER) 2>/dev/null" : ") 2>/dev/null");
         test::run(command.GetString());
         ERR_put_error(ERR_LIB_SSL, 0, SSL_R_BAD_LENGTH, "elsewhere", 1); // of other code: not the reason
         EXPECT_EQ(init_al_ssl(&device.handle), message.empty() ? ATLS_OK : ATLS_SETUP_FAILED);
         EXPECT_EQ(device.handle->ssl == nullptr, !message.empty());
-        const std::string errors = interpose::log_of(LOG_ERR);
+        const std::string errors = log_capture::log_of(LOG_ERR);
         EXPECT_EQ(errors.find(message), 0u) << errors;
         EXPECT_EQ(errors.find("bad length"), std::string::npos) << errors;
         EXPECT_EQ(log_capture::contains("init_al_ssl: Failed to add fake cert/key into SSL CTX"),
                   message.find("atls_add_mic") == 0);
+    }
+    test::Device device;
+    const std::string key = device.folder.path("device-key.der");
+    test::run("openssl genpkey -algorithm RSA -outform DER -out " + key);
+    const std::string spoil = "printf '\\001\\201' | dd conv=notrunc bs=1 of=" + key + " seek=";
+    for (int place = 40; place-- > 0;) { // whatever is wrong with its encoding
+        test::run(spoil + std::to_string(place));
+        EXPECT_EQ(init_al_ssl(&device.handle), ATLS_SETUP_FAILED) << place;
     }
 }
 
