@@ -42,6 +42,7 @@ cmake -S "$work" -B "$work/consumers" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved"
 cmake --build "$work/consumers" >>"$work/log" || { cat "$work/log"; exit 1; }
 "$work/consumers/by-package"
 
+[ "$("$work/moved/libexec/atls/evaluate-pac")" = "FPAC_SCRIPT is not set; this program is proxymanagerd's own" ]
 for program in "$work"/moved/bin/*; do
     "$program" --version >"$work/log"
     [ -s "$(find "$work/moved" -name "$(basename "$program").[18]")" ]
