@@ -62,17 +62,17 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("--max-sessions", service.max_sessions, "Drop the oldest session above this number")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    app.add_option(
-           "--capture", settings.capture,
-           "Write each body that it receives to request-N and response-N in this directory")
+    app.add_option("--capture", settings.capture,
+                   "Write each body that it receives to request-N and response-N in this directory")
         ->check(CLI::ExistingDirectory);
-    app.footer("Example, with the keys of scripts/make-identity DIR:\n"
-               "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key "
-               "DIR/service/front-key.pem \\\n"
-               "    --cert DIR/service/service-cert.pem --key DIR/service/service-key.pem \\\n"
-               "    --device-ca DIR/service/device-ca.pem\n"
-               "  atls-server --plain --port 8001 --cert ... --key ... --device-ca ...     # behind a front end\n"
-               "Lines about sessions go to the standard error. SIGTERM or SIGINT ends the service.");
+    app.footer(
+        "Example, with the keys of scripts/make-identity DIR:\n"
+        "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key "
+        "DIR/service/front-key.pem \\\n"
+        "    --cert DIR/service/service-cert.pem --key DIR/service/service-key.pem \\\n"
+        "    --device-ca DIR/service/device-ca.pem\n"
+        "  atls-server --plain --port 8001 --cert ... --key ... --device-ca ...     # behind a front end\n"
+        "Lines about sessions go to the standard error. SIGTERM or SIGINT ends the service.");
 }
 
 void write_log_line(const std::string &line)

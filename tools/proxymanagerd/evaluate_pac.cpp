@@ -85,7 +85,8 @@ void confine()
         throw std::system_error(errno, std::generic_category(), "cannot give up privileges");
     limit(RLIMIT_CPU, MOST_SECONDS);
     limit(RLIMIT_CORE, 0);
-    setenv("RES_OPTIONS", "timeout:1 attempts:1", 1); // a name server that is silent must not take all the time
+    setenv("RES_OPTIONS", "timeout:1 attempts:1",
+           1); // a name server that is silent must not take all the time
 }
 
 std::string read_script(const std::string &path)
@@ -152,7 +153,8 @@ std::string evaluate()
     // Browsers have alert() for scripts, the engine has not.
     const bool ready = pacparser_init() && pacparser_parse_pac_string("function alert() {}") &&
                        pacparser_parse_pac_string(script.c_str());
-    const char *answer = ready ? pacparser_find_proxy(url.c_str(), quoted(host ? host : "").c_str()) : nullptr;
+    const char *answer =
+        ready ? pacparser_find_proxy(url.c_str(), quoted(host ? host : "").c_str()) : nullptr;
     if (!answer)
         throw std::runtime_error(source + ": " + engine_messages);
     return answer;
@@ -168,6 +170,7 @@ int main()
     } catch (const std::exception &error) {
         result = 'F' + std::string(error.what());
     }
-    std::cout.write(result.data(), static_cast<std::streamsize>(std::min(result.size(), LONGEST_ANSWER))).flush();
+    std::cout.write(result.data(), static_cast<std::streamsize>(std::min(result.size(), LONGEST_ANSWER)))
+        .flush();
     _exit(0); // the engine has nothing that needs an end
 }

@@ -70,8 +70,8 @@ std::string entry_of(const std::string &kind, const std::string &proxy)
 
 } // namespace
 
-PacEvaluation::PacEvaluation(const std::string &script, const std::string &url, std::chrono::milliseconds limit,
-                             Done done)
+PacEvaluation::PacEvaluation(const std::string &script, const std::string &url,
+                             std::chrono::milliseconds limit, Done done)
     : done_(std::move(done))
 {
     Error error;

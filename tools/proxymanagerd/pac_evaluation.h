@@ -21,7 +21,8 @@ public:
 
     // Starts to fetch the script from its URL or path and to ask it for the URL's proxies. The main loop calls done once,
     // after the limit at the latest; it may delete this object.
-    PacEvaluation(const std::string &script, const std::string &url, std::chrono::milliseconds limit, Done done);
+    PacEvaluation(const std::string &script, const std::string &url, std::chrono::milliseconds limit,
+                  Done done);
     // Ends the program, wherever it is; done is not called any more.
     ~PacEvaluation();
     PacEvaluation(const PacEvaluation &) = delete;

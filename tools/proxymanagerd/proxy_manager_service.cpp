@@ -96,7 +96,8 @@ void log(const std::string &line)
     std::cerr << "proxymanagerd: " << proxy_text::on_one_line(line.substr(0, LONGEST_LINE)) << std::endl;
 }
 
-ProxyManagerService::ProxyManagerService(Options options) : options_(std::move(options)), connection_(connect())
+ProxyManagerService::ProxyManagerService(Options options)
+    : options_(std::move(options)), connection_(connect())
 {
     register_objects();
     load_configuration();
@@ -136,8 +137,8 @@ void ProxyManagerService::register_objects()
         const std::unique_ptr<GDBusNodeInfo, void (*)(GDBusNodeInfo *)> node(
             g_dbus_node_info_new_for_xml(xml, error.get()), g_dbus_node_info_unref);
         error.check("the description of the interface");
-        g_dbus_connection_register_object(connection_.get(), OBJECT_PATH, node->interfaces[0], &HANDLERS, this,
-                                          nullptr, error.get());
+        g_dbus_connection_register_object(connection_.get(), OBJECT_PATH, node->interfaces[0], &HANDLERS,
+                                          this, nullptr, error.get());
         error.check("cannot serve");
     }
 }
@@ -190,7 +191,9 @@ gboolean ProxyManagerService::on_end(void *service)
     auto &self = *static_cast<ProxyManagerService *>(service);
     self.questions_.clear();
     self.emit("ProxyMgrStateEvent", g_variant_new("(i)", STATE_STOPPED));
-    const auto quit = [](GObject *, GAsyncResult *, void *loop) { g_main_loop_quit(static_cast<GMainLoop *>(loop)); };
+    const auto quit = [](GObject *, GAsyncResult *, void *loop) {
+        g_main_loop_quit(static_cast<GMainLoop *>(loop));
+    };
     g_dbus_connection_flush(self.connection_.get(), nullptr, quit, self.loop_.get());
     const GSourceFunc quit_anyway = [](void *loop) -> gboolean {
         g_main_loop_quit(static_cast<GMainLoop *>(loop));
@@ -214,8 +217,9 @@ const ProxyManagerService::Method ProxyManagerService::METHODS[] = {
 };
 
 // GDBus has compared the call with the description.
-void ProxyManagerService::on_call(GDBusConnection *, const char *, const char *, const char *, const char *member,
-                                  GVariant *arguments, GDBusMethodInvocation *call, void *service)
+void ProxyManagerService::on_call(GDBusConnection *, const char *, const char *, const char *,
+                                  const char *member, GVariant *arguments, GDBusMethodInvocation *call,
+                                  void *service)
 {
     for (const auto &method : METHODS) {
         if (std::string(member) == method.member)
@@ -224,8 +228,8 @@ void ProxyManagerService::on_call(GDBusConnection *, const char *, const char *,
 }
 
 // Nobody waits for the answers of a caller that has left the bus.
-void ProxyManagerService::on_owner_changed(GDBusConnection *, const char *, const char *, const char *, const char *,
-                                           GVariant *arguments, void *service)
+void ProxyManagerService::on_owner_changed(GDBusConnection *, const char *, const char *, const char *,
+                                           const char *, GVariant *arguments, void *service)
 {
     const char *name = nullptr;
     const char *owner = nullptr;
@@ -280,9 +284,9 @@ void ProxyManagerService::announce()
 
 void ProxyManagerService::get_config(Call call, GVariant *)
 {
-    reply(std::move(call), g_variant_new("((ssssss))", config_.mode.c_str(), config_.proxy.c_str(),
-                                         config_.pac_url.c_str(), config_.option_flag ? "y" : "n",
-                                         config_.user.c_str(), config_.password.c_str()));
+    reply(std::move(call),
+          g_variant_new("((ssssss))", config_.mode.c_str(), config_.proxy.c_str(), config_.pac_url.c_str(),
+                        config_.option_flag ? "y" : "n", config_.user.c_str(), config_.password.c_str()));
 }
 
 void ProxyManagerService::get_url(Call call, GVariant *arguments)
@@ -349,7 +353,8 @@ void ProxyManagerService::begin(Questions::iterator question)
         });
 }
 
-void ProxyManagerService::finish(Questions::iterator question, const std::string &answer, const std::string &failure)
+void ProxyManagerService::finish(Questions::iterator question, const std::string &answer,
+                                 const std::string &failure)
 {
     const std::string host = proxy_text::split_url(question->url).host;
     std::string dropped;
@@ -369,7 +374,8 @@ void ProxyManagerService::finish(Questions::iterator question, const std::string
 // Nobody listens when the bus is lost.
 void ProxyManagerService::emit(const char *signal, GVariant *arguments)
 {
-    g_dbus_connection_emit_signal(connection_.get(), nullptr, OBJECT_PATH, INTERFACE, signal, arguments, nullptr);
+    g_dbus_connection_emit_signal(connection_.get(), nullptr, OBJECT_PATH, INTERFACE, signal, arguments,
+                                  nullptr);
 }
 
 } // namespace proxy_manager_service

@@ -62,8 +62,9 @@ private:
 
     static void on_call(GDBusConnection *, const char *sender, const char *path, const char *interface,
                         const char *member, GVariant *arguments, GDBusMethodInvocation *call, void *service);
-    static void on_owner_changed(GDBusConnection *, const char *sender, const char *path, const char *interface,
-                                 const char *signal, GVariant *arguments, void *service);
+    static void on_owner_changed(GDBusConnection *, const char *sender, const char *path,
+                                 const char *interface, const char *signal, GVariant *arguments,
+                                 void *service);
     void update_config(Call call, GVariant *arguments);
     void get_config(Call call, GVariant *arguments);
     void get_url(Call call, GVariant *arguments);
@@ -81,7 +82,8 @@ private:
     const Options options_;
     Config config_;
     Object<GDBusConnection> connection_;
-    std::unique_ptr<GMainLoop, void (*)(GMainLoop *)> loop_{g_main_loop_new(nullptr, FALSE), g_main_loop_unref};
+    std::unique_ptr<GMainLoop, void (*)(GMainLoop *)> loop_{g_main_loop_new(nullptr, FALSE),
+                                                            g_main_loop_unref};
     bool lost_ = false;
     Questions questions_; // in the order of their calls
 };
