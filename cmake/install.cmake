@@ -2,12 +2,13 @@
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
+foreach(folder LIBDIR BINDIR LIBEXECDIR)
+    get_filename_component(full_${folder} "${CMAKE_INSTALL_${folder}}" ABSOLUTE BASE_DIR "${CMAKE_INSTALL_PREFIX}")
+endforeach()
+
 # Wherever it is installed but in the system's own folders, libatls.so finds the platform layer beside itself, and the
 # programs find it.
 if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
-    foreach(folder LIBDIR BINDIR)
-        get_filename_component(full_${folder} "${CMAKE_INSTALL_${folder}}" ABSOLUTE BASE_DIR "${CMAKE_INSTALL_PREFIX}")
-    endforeach()
     file(RELATIVE_PATH from_programs "${full_BINDIR}" "${full_LIBDIR}")
     set_target_properties(atls PROPERTIES INSTALL_RPATH "$ORIGIN")
     set(program_rpath "$ORIGIN/${from_programs}")
@@ -52,6 +53,10 @@ if(TARGET atls-post)
 endif()
 if(TARGET proxymanagerd)
     install_programs(services atls-server proxymanagerd)
+    # What is for no user; proxymanagerd finds it from where it is itself.
+    install(TARGETS evaluate-pac RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/atls COMPONENT services)
+    file(RELATIVE_PATH to_evaluator "${full_BINDIR}" "${full_LIBEXECDIR}/atls")
+    target_compile_definitions(proxymanagerd PRIVATE FROM_PROGRAMS_TO_EVALUATOR="${to_evaluator}")
     install(FILES data/com.halvo.ProxyManagerServiceInterface.xml
             DESTINATION ${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces COMPONENT services)
     install(FILES data/com.halvo.ProxyManagerService.conf

@@ -24,7 +24,7 @@ DEPENDS = "curl openssl safec dbus libdbus-c++"
 
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[tools] = ",,cli11 nlohmann-json"
-PACKAGECONFIG[services] = ",,cli11 nlohmann-json cpp-httplib pacparser"
+PACKAGECONFIG[services] = ",,cli11 nlohmann-json cpp-httplib glib-2.0 pacparser"
 ATLS_TOOLS = "${@bb.utils.contains('PACKAGECONFIG', 'tools', 'device', 'OFF', d)}"
 
 EXTRA_OECMAKE = "-DATLS_BUILD_TESTS=OFF -DATLS_BUILD_EXAMPLES=OFF -DATLS_WERROR=OFF -DATLS_HARDEN=ON \
@@ -32,8 +32,8 @@ EXTRA_OECMAKE = "-DATLS_BUILD_TESTS=OFF -DATLS_BUILD_EXAMPLES=OFF -DATLS_WERROR=
 
 # libatls, libatls-dev and libatls-doc are the usual packages.
 PACKAGES =+ "atls-services atls-tools ${PN}-standin"
-FILES:atls-services = "${bindir}/atls-server ${bindir}/proxymanagerd ${datadir}/dbus-1 ${nonarch_libdir}/systemd \
-    ${nonarch_libdir}/sysusers.d"
+FILES:atls-services = "${bindir}/atls-server ${bindir}/proxymanagerd ${libexecdir}/atls ${datadir}/dbus-1 \
+    ${nonarch_libdir}/systemd ${nonarch_libdir}/sysusers.d"
 FILES:atls-tools = "${bindir}/atls-post ${bindir}/proxymanagerctl"
 FILES:${PN}-standin = "${libdir}/libatls-platform.so"
 FILES:${PN} += "${nonarch_libdir}/tmpfiles.d"

@@ -29,6 +29,7 @@ cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" >"$
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 lacks_identity "$work/build/by-package"
 
+[ "$("$work/moved/libexec/atls/evaluate-pac")" = "FPAC_SCRIPT is not set; this program is proxymanagerd's own" ]
 for program in "$work"/moved/bin/*; do
     "$program" --version >"$work/log"
     [ -s "$(find "$work/moved" -name "$(basename "$program").[18]")" ]

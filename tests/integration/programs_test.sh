@@ -94,7 +94,8 @@ not possible|1 1|refused https://127.0.0.1:65536/ x
 not there|3 1|refused https://127.0.0.1:1/ x
 a failed post keeps the file|2 kept|echo kept >"$work/kept"; ATLS_PLATFORM_DIR=/none status_of post -o "$work/kept" "$url" x | tr '\n' ' '; cat "$work/kept"
 an unwritten answer|74|status_of post -o /dev/full "$url" x
-a port in use|69|status_of "$build/atls-server" $(service_certificates) --port "${service_url##*:}"
+a port in use|69 1|echo "$(status_of "$build/atls-server" $(service_certificates) --port "${service_url##*:}") $(grep -c 'Address already in use' "$work/err")"
+another key|69 1|echo "$(status_of "$build/atls-server" $(service_certificates | sed s/service-key/front-key/)) $(grep -c 'front-key.pem: key values mismatch' "$work/err")"
 TABLE
 stop service || check "the service ends" 0 $?
 
@@ -103,23 +104,41 @@ connections() { # runs a command; prints its status, its output's bytes and how 
     : >"$work/service.log"
     echo "$(status_of "$@") $(wc -c <"$work/out") $(grep -c established "$work/service.log")"
 }
-run_front() { # run_front PORT: a real one with HTTP/2, which takes the mark from the answers of one folder
-    printf '%s\n' "user root; daemon off; pid $work/pid; error_log $work/front-error; events {}" "http { access_log off;" \
-        "$(for kind in client_body proxy fastcgi uwsgi scgi; do echo "${kind}_temp_path $work/front-$kind;"; done)" \
-        "client_max_body_size 8m; server { listen 127.0.0.1:$1 ssl http2; ssl_certificate $work/service/front-cert.pem;" \
-        "ssl_certificate_key $work/service/front-key.pem;" \
-        "location / { proxy_pass $service_url; } location /unmarked {" \
-        "proxy_pass $service_url; proxy_hide_header Content-Type; } } }" >"$work/front.conf"
-    exec /usr/sbin/nginx -c "$work/front.conf"
-}
 start_service --max-fragment 512 --key-updates
-start_on_free_port front run_front PORT
 check "whole answers" "0 1022 1" "$(connections post -n 2 "$service_url/" "@"<(head -c 511 "$work/big"))"
 check "answers in short records" "4 0 2 2" \
     "$(connections post -n 2 "$service_url/" "@"<(head -c 600 "$work/big")) $(grep -c 'several short TLS records' "$work/err")"
-check "over HTTP/2" "x Server: nginx" "$(post -i "https://127.0.0.1:$port/" x | tr -d '\r' | sed -n 's/^\(Server: nginx\).*/\1/p; $p' | sort -r | xargs)"
-check "unmarked answers" "0 2" "$(connections post --explain -n 2 "https://127.0.0.1:$port/unmarked" x | cut -d ' ' -f 1,3)"
-check "told" 1 "$(grep -c '^  connected anew  1 time,' "$work/err")"
+stop service || true
+
+# The examples of front ends, before two services. One also offers HTTP/2, and takes the mark from the answers of a folder.
+front_end() { # front_end PROGRAM PORT
+    sed "s|/etc/atls|$work/service|; s/8443/$2/; s/:8001/:$other/; s/:8002/:${service_url##*:}/" "$source/examples/front-ends/$1".* >"$work/front"
+    case $1 in
+        nginx)
+            sed -i 's/ ssl;/ ssl http2;/; s|^ *loc|location /unmarked { proxy_hide_header Content-Type; proxy_pass http://atls; }\n&|' "$work/front"
+            echo "user root; daemon off; pid $work/pid; error_log $work/log; events {} http { access_log off; include $work/front;" \
+                "$(printf '%s_temp_path . ; ' client_body proxy fastcgi uwsgi scgi) }" >"$work/main"
+            exec /usr/sbin/nginx -p "$work" -c "$work/main" ;;
+        haproxy) exec /usr/sbin/haproxy -f "$work/front" ;;
+        apache2)
+            printf '%s\n' "ServerName localhost" "PidFile $work/pid" "ErrorLog $work/log" "DefaultRuntimeDir $work" >"$work/main"
+            printf 'LoadModule %s_module /usr/lib/apache2/modules/mod_%s.so\n' {mpm_event,authz_core,ssl,proxy,proxy_http}{,} \
+                {proxy_balancer,lbmethod_byrequests,slotmem_shm,headers}{,} | cat - "$work/front" >>"$work/main"
+            exec /usr/sbin/apache2 -X -f "$work/main" ;;
+    esac
+}
+start_service --plain
+pid_of[other]=${pid_of[service]} other=${service_url##*:}
+start_service --plain
+cat "$work"/service/front-{cert,key}.pem >"$work/service/front.pem"
+for server in nginx haproxy apache2; do
+    [ -x "/usr/sbin/$server" ] || { echo "$server is not installed: not tried"; continue; }
+    start_on_free_port front front_end "$server" PORT
+    check "over $server" "0 10 1" "$(connections post -n 2 "https://127.0.0.1:$port/atls" hello)"
+    [ $server != nginx ] || check "unmarked answers, told" "0 2 1" "$(connections post --explain -n 2 "https://127.0.0.1:$port/unmarked" x |
+        cut -d ' ' -f 1,3) $(grep -c '^  connected anew  1 time,' "$work/err")"
+    stop front || true
+done
 stop_all
 # Where nothing can be mounted, other tests have their folders in the same /tmp.
 check "nothing but the flights is left in /tmp" "" \

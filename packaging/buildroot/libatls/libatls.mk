@@ -26,7 +26,7 @@ LIBATLS_CONF_OPTS = \
 	-DATLS_WERROR=OFF
 
 ifeq ($(BR2_PACKAGE_LIBATLS_SERVICES),y)
-LIBATLS_DEPENDENCIES += cli11 cpp-httplib json-for-modern-cpp pacparser
+LIBATLS_DEPENDENCIES += cli11 cpp-httplib json-for-modern-cpp libglib2 pacparser
 LIBATLS_CONF_OPTS += -DATLS_BUILD_TOOLS=ON
 else ifeq ($(BR2_PACKAGE_LIBATLS_TOOLS),y)
 LIBATLS_DEPENDENCIES += cli11 json-for-modern-cpp

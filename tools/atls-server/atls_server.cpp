@@ -31,9 +31,12 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("--port", service.port, "Port to listen on; 0 takes any free port")
         ->check(CLI::Range(0, 65535))
         ->capture_default_str();
-    app.add_option("--front-cert", service.front_certificate, "Certificate of the HTTPS front end (PEM)")
-        ->required();
-    app.add_option("--front-key", service.front_key, "Key of the HTTPS front end (PEM)")->required();
+    auto *front = app.add_option("--front-cert", service.front_certificate,
+                                 "Certificate of the HTTPS front end (PEM); needed unless --plain is given");
+    auto *front_key = app.add_option("--front-key", service.front_key, "Key of the HTTPS front end (PEM)");
+    front->needs(front_key);
+    front_key->needs(front);
+    app.add_flag("--plain", service.plain, "Serve HTTP, behind a front end of another program that ends TLS");
     app.add_option("--cert", service.inner.certificate, "Certificate that devices verify (PEM chain)")
         ->required();
     app.add_option("--key", service.inner.key, "Key of that certificate (PEM)")->required();
@@ -59,16 +62,17 @@ void add_options(CLI::App &app, Settings &settings)
     app.add_option("--max-sessions", service.max_sessions, "Drop the oldest session above this number")
         ->check(CLI::Range(1, INT_MAX))
         ->capture_default_str();
-    app.add_option(
-           "--capture", settings.capture,
-           "Write each body that the HTTPS front end sees to request-N and response-N in this directory")
+    app.add_option("--capture", settings.capture,
+                   "Write each body that it receives to request-N and response-N in this directory")
         ->check(CLI::ExistingDirectory);
-    app.footer("Example, with the keys of scripts/make-identity DIR:\n"
-               "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key "
-               "DIR/service/front-key.pem \\\n"
-               "    --cert DIR/service/service-cert.pem --key DIR/service/service-key.pem \\\n"
-               "    --device-ca DIR/service/device-ca.pem\n"
-               "Lines about sessions go to the standard error. SIGTERM or SIGINT ends the service.");
+    app.footer(
+        "Example, with the keys of scripts/make-identity DIR:\n"
+        "  atls-server --port 8443 --front-cert DIR/service/front-cert.pem --front-key "
+        "DIR/service/front-key.pem \\\n"
+        "    --cert DIR/service/service-cert.pem --key DIR/service/service-key.pem \\\n"
+        "    --device-ca DIR/service/device-ca.pem\n"
+        "  atls-server --plain --port 8001 --cert ... --key ... --device-ca ...     # behind a front end\n"
+        "Lines about sessions go to the standard error. SIGTERM or SIGINT ends the service.");
 }
 
 void write_log_line(const std::string &line)
@@ -96,6 +100,8 @@ int run(Settings settings)
 
     if (settings.service.inner.min_version > settings.service.inner.max_version)
         throw cli::UsageError("--min-tls is above --max-tls");
+    if (!settings.service.plain && settings.service.front_certificate.empty())
+        throw cli::UsageError("--front-cert and --front-key, or --plain, are needed");
     settings.service.idle_limit = std::chrono::seconds(settings.idle_seconds);
     settings.service.log = write_log_line;
     if (!settings.capture.empty())
@@ -104,9 +110,10 @@ int run(Settings settings)
             write_capture(directory, body, reply);
         };
     const std::string host = settings.service.host;
+    const std::string scheme = settings.service.plain ? "http" : "https";
     const atls_service::AtlsService service(std::move(settings.service));
     const bool ipv6 = host.find(':') != std::string::npos;
-    write_log_line("listening on https://" + (ipv6 ? "[" + host + "]" : host) + ":" +
+    write_log_line("listening on " + scheme + "://" + (ipv6 ? "[" + host + "]" : host) + ":" +
                    std::to_string(service.port()));
     int signal = 0;
     sigwait(&ends, &signal);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <CLI/CLI.hpp>
+#include <dbus/dbus.h>
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
@@ -336,15 +337,42 @@ private:
     bool seen_ = false;
 };
 
+// A connection of its own, which the bus closes when it ends. Nothing is ever read from it: the bus sends it nothing but its name.
+class BusWatch
+{
+public:
+    BusWatch() : connection_(dbus_bus_get_private(DBUS_BUS_SYSTEM, nullptr))
+    {
+        if (!connection_ || !dbus_connection_get_unix_fd(connection_, &descriptor_))
+            throw std::runtime_error("cannot watch the system bus");
+        dbus_connection_set_exit_on_disconnect(connection_, FALSE);
+    }
+    ~BusWatch()
+    {
+        dbus_connection_close(connection_);
+        dbus_connection_unref(connection_);
+    }
+    BusWatch(const BusWatch &) = delete;
+    BusWatch &operator=(const BusWatch &) = delete;
+    int descriptor() const { return descriptor_; }
+
+private:
+    DBusConnection *connection_;
+    int descriptor_ = -1;
+};
+
 void watch_events(int signals)
 {
+    const BusWatch bus;
     FirstChange first;
     set_proxy_manager_event_cb(PROXY_MGR_EVENT_STATE_0, hand_over); // gets those without a callback as well
     set_proxy_manager_event_cb(PROXY_MGR_EVENT_CONFIG_UPDATED, hand_over);
     std::cerr << NAME << ": waiting for events; SIGINT or SIGTERM ends" << std::endl;
-    pollfd watched[] = {{event_pipe[0], POLLIN, 0}, {signals, POLLIN, 0}};
+    pollfd watched[] = {{event_pipe[0], POLLIN, 0}, {signals, POLLIN, 0}, {bus.descriptor(), 0, 0}};
     while (std::cout && !(watched[1].revents & POLLIN)) {
-        poll(watched, 2, first.timeout());
+        poll(watched, 3, first.timeout());
+        if (watched[2].revents)
+            throw std::runtime_error("the bus has gone");
         first.look();
         ProxyMgrEventType type;
         while (read(event_pipe[0], &type, sizeof(type)) == sizeof(type)) {
@@ -428,8 +456,9 @@ void add_commands(CLI::App &app, Settings &settings, Command &command)
         "The log goes to the standard error.\n"
         "Exit status: 0; the service's own result (1 to 62) when it refuses a configuration, 63 for any "
         "other\n"
-        "  such result; 64 wrong usage; 69 the service is not running or gives no answer; 74 answer not\n"
-        "  written.\n"
+        "  such result; 64 wrong usage; 69 the service is not running, gives no answer, or the bus has "
+        "gone;\n"
+        "  74 answer not written.\n"
         "Examples:\n"
         "  proxymanagerctl status\n"
         "  proxymanagerctl get --json\n"

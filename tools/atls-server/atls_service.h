@@ -1,4 +1,4 @@
-// The reference ATLS service: HTTPS outside, inner TLS sessions that are found by cookie, and an echo of each
+// The reference ATLS service: HTTPS outside, or HTTP behind a front end, inner TLS sessions that are found by cookie, and an echo of each
 // message. A library, so that the program atls-server and the tests run the same service.
 #ifndef TOOLS_ATLS_SERVICE_H
 #define TOOLS_ATLS_SERVICE_H
@@ -24,12 +24,13 @@ struct Reply {
 struct Options {
     std::string host = "127.0.0.1";
     int port = 0;                  // 0 takes any free port
-    std::string front_certificate; // PEM, of the HTTPS front end
+    bool plain = false;            // HTTP, for a front end that ends TLS
+    std::string front_certificate; // PEM, of the HTTPS front end; not used with plain
     std::string front_key;
     InnerTlsOptions inner;
     std::chrono::milliseconds idle_limit = std::chrono::minutes(5); // a session unused for longer is dropped
     size_t max_sessions = 1000;  // above it the session unused for the longest time is dropped
-    size_t max_connections = 32; // HTTPS connections held at the same time
+    size_t max_connections = 32; // HTTP connections held at the same time
     // All of these are called on several threads at once.
     InnerSession::Answer answer = [](const std::string &message) { return message; };
     // Sees each POST's body and may change what goes back; for captures and for tests.

@@ -58,6 +58,14 @@ std::string drain(BIO *bio)
     return bytes;
 }
 
+void use_certificate(SSL_CTX *ctx, const std::string &certificate, const std::string &key)
+{
+    ERR_clear_error();
+    require(SSL_CTX_use_certificate_chain_file(ctx, certificate.c_str()) == 1, "cannot use " + certificate);
+    require(SSL_CTX_use_PrivateKey_file(ctx, key.c_str(), SSL_FILETYPE_PEM) == 1, "cannot use " + key);
+    require(SSL_CTX_check_private_key(ctx) == 1, "cannot use " + key + " with " + certificate);
+}
+
 SslCtxPtr make_inner_context(const InnerTlsOptions &options)
 {
     ERR_clear_error();
@@ -67,12 +75,9 @@ SslCtxPtr make_inner_context(const InnerTlsOptions &options)
                 SSL_CTX_set_max_proto_version(ctx.get(), options.max_version) == 1,
             "TLS version");
     require(SSL_CTX_set_max_send_fragment(ctx.get(), options.max_fragment) == 1, "record length");
-    require(SSL_CTX_use_certificate_chain_file(ctx.get(), options.certificate.c_str()) == 1,
-            options.certificate);
-    require(SSL_CTX_use_PrivateKey_file(ctx.get(), options.key.c_str(), SSL_FILETYPE_PEM) == 1, options.key);
-    require(SSL_CTX_check_private_key(ctx.get()) == 1, options.key);
+    use_certificate(ctx.get(), options.certificate, options.key);
     require(SSL_CTX_load_verify_locations(ctx.get(), options.device_ca.c_str(), nullptr) == 1,
-            options.device_ca);
+            "cannot use " + options.device_ca);
     SSL_CTX_set_client_CA_list(ctx.get(), SSL_load_client_CA_file(options.device_ca.c_str()));
     SSL_CTX_set_verify(ctx.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
                        &InnerSession::on_verify);

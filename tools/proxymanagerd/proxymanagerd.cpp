@@ -2,16 +2,12 @@
 
 #include "proxy_manager_service.h"
 
-#include <atomic>
 #include <cmath>
-#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 
 #include <CLI/CLI.hpp>
-#include <unistd.h>
 
 #include "cli.h"
 #include "proxy_text.h"
@@ -19,12 +15,10 @@
 namespace
 {
 
-using proxy_manager_service::Options;
-
 constexpr int EXIT_STATE = 65;
 
 struct Settings {
-    Options service;
+    proxy_manager_service::Options service;
     std::string manual;
     std::string pac_url;
     bool wpad = false;
@@ -77,13 +71,6 @@ void add_options(CLI::App &app, Settings &settings)
         "  DBUS_SYSTEM_BUS_ADDRESS=unix:path=/tmp/bus proxymanagerd --pac file:///etc/proxy.pac");
 }
 
-void write_log_line(const std::string &line)
-{
-    static std::mutex mutex;
-    const std::lock_guard<std::mutex> lock(mutex);
-    std::cerr << "proxymanagerd: " << line << std::endl;
-}
-
 std::string first_line_of(const std::string &name)
 {
     std::ifstream file(name);
@@ -114,28 +101,6 @@ void complete(Settings &settings)
         std::chrono::milliseconds(static_cast<int>(settings.script_limit_seconds * 1000));
 }
 
-int run(Settings settings)
-{
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr); // before the service starts its thread
-
-    std::atomic<bool> lost{false};
-    settings.service.log = write_log_line;
-    settings.service.on_lost = [&lost] {
-        lost = true;
-        kill(getpid(), SIGTERM);
-    };
-    const proxy_manager_service::ProxyManagerService service(std::move(settings.service));
-    write_log_line(std::string("serving as ") + proxy_manager_service::BUS_NAME);
-    int signal = 0;
-    sigwait(&ends, &signal);
-    write_log_line("ending");
-    return lost ? cli::EXIT_UNAVAILABLE : 0;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -149,7 +114,8 @@ int main(int argc, char **argv)
             return *status;
         complete(settings);
         try {
-            return run(std::move(settings));
+            proxy_manager_service::ProxyManagerService service(std::move(settings.service));
+            return service.run() ? 0 : cli::EXIT_UNAVAILABLE;
         } catch (const proxy_manager_service::StateError &error) {
             std::cerr << "proxymanagerd: " << error.what() << std::endl;
             return EXIT_STATE;

@@ -3,12 +3,15 @@
 #include "atls_service.h"
 
 #include <array>
+#include <cerrno>
 #include <mutex>
 #include <stdexcept>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include <httplib.h>
+#include <netdb.h>
 #include <openssl/rand.h>
 
 namespace atls_service
@@ -46,6 +49,16 @@ std::string session_id_of(const httplib::Request &request)
         return {};
     const size_t value = start + name.size();
     return cookies.substr(value, cookies.find(';', value) - value);
+}
+
+std::string why_not_bound(const std::string &host, int error)
+{
+    addrinfo *found = nullptr;
+    const int unknown = getaddrinfo(host.c_str(), nullptr, nullptr, &found);
+    if (unknown != 0)
+        return gai_strerror(unknown);
+    freeaddrinfo(found);
+    return std::generic_category().message(error);
 }
 
 // Sessions by their cookie. Idle ones are dropped when the store is used, so no thread watches over them.
@@ -132,19 +145,15 @@ class AtlsService::Impl
 public:
     explicit Impl(Options options)
         : options_(std::move(options)), ctx_(make_inner_context(options_.inner)),
-          sessions_(ctx_.get(), options_),
-          front_(options_.front_certificate.c_str(), options_.front_key.c_str())
+          sessions_(ctx_.get(), options_), front_(make_front(options_))
     {
-        if (!front_.is_valid())
-            throw std::runtime_error("cannot use " + options_.front_certificate + " and " +
-                                     options_.front_key);
         prepare_front();
         listen();
     }
 
     ~Impl()
     {
-        front_.stop();
+        front_->stop();
         thread_.join();
     }
 
@@ -155,18 +164,31 @@ public:
     size_t session_count() { return sessions_.count(); }
 
 private:
+    static std::unique_ptr<httplib::Server> make_front(const Options &options)
+    {
+        if (options.plain)
+            return std::make_unique<httplib::Server>();
+        const SslCtxPtr trial(SSL_CTX_new(TLS_server_method())); // the library would not tell what is wrong
+        use_certificate(trial.get(), options.front_certificate, options.front_key);
+        auto front = std::make_unique<httplib::SSLServer>(options.front_certificate.c_str(),
+                                                          options.front_key.c_str());
+        if (!front->is_valid())
+            throw std::runtime_error("cannot use " + options.front_certificate);
+        return front;
+    }
+
     void prepare_front()
     {
-        front_.set_tcp_nodelay(true);
-        front_.set_keep_alive_max_count(1000000);
-        front_.set_payload_max_length(MAX_BODY);
-        front_.new_task_queue = [this] { return new httplib::ThreadPool(options_.max_connections); };
+        front_->set_tcp_nodelay(true);
+        front_->set_keep_alive_max_count(1000000);
+        front_->set_payload_max_length(MAX_BODY);
+        front_->new_task_queue = [this] { return new httplib::ThreadPool(options_.max_connections); };
         // Not SO_REUSEPORT, as the library would: two services on one port would share its connections.
-        front_.set_socket_options([](socket_t listener) {
+        front_->set_socket_options([](socket_t listener) {
             const int on = 1;
             setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         });
-        front_.Post(".*", [this](const httplib::Request &request, httplib::Response &response) {
+        front_->Post(".*", [this](const httplib::Request &request, httplib::Response &response) {
             const Reply reply = serve(request);
             response.status = reply.status;
             for (const auto &[name, value] : reply.headers)
@@ -178,14 +200,16 @@ private:
     void listen()
     {
         if (options_.port == 0)
-            port_ = front_.bind_to_any_port(options_.host);
+            port_ = front_->bind_to_any_port(options_.host);
         else
-            port_ = front_.bind_to_port(options_.host, options_.port) ? options_.port : -1;
-        if (port_ <= 0)
+            port_ = front_->bind_to_port(options_.host, options_.port) ? options_.port : -1;
+        if (port_ <= 0) {
+            const std::string reason = why_not_bound(options_.host, errno);
             throw std::runtime_error("cannot listen on " + options_.host + ":" +
-                                     std::to_string(options_.port));
-        thread_ = std::thread([this] { front_.listen_after_bind(); });
-        while (!front_.is_running()) // stop() would have no effect before
+                                     std::to_string(options_.port) + ": " + reason);
+        }
+        thread_ = std::thread([this] { front_->listen_after_bind(); });
+        while (!front_->is_running()) // stop() would have no effect before
             std::this_thread::yield();
     }
 
@@ -200,7 +224,7 @@ private:
         if (outcome.ended)
             sessions_.drop(entry.id);
 
-        Reply reply = make_reply(entry.id, outcome);
+        Reply reply = make_reply(entry.id == wanted ? "" : entry.id, outcome);
         if (request.has_header("TrackingID"))
             reply.headers.emplace("TrackingID", request.get_header_value("TrackingID"));
         if (options_.on_reply)
@@ -208,7 +232,9 @@ private:
         return reply;
     }
 
-    static Reply make_reply(const std::string &id, const Outcome &outcome)
+    // A session that is new has its identifier in a cookie. Later responses have none: it would replace all cookies that
+    // the device has, those of a load balancer too.
+    static Reply make_reply(const std::string &new_id, const Outcome &outcome)
     {
         Reply reply;
         if (outcome.closed_by_device) {
@@ -222,9 +248,9 @@ private:
             return reply;
         }
         reply.headers.emplace("Content-Type", "application/octet-stream");
-        if (!outcome.ended)
+        if (!outcome.ended && !new_id.empty())
             reply.headers.emplace("Set-Cookie",
-                                  std::string(COOKIE_NAME) + "=" + id + "; Path=/; Secure; HttpOnly");
+                                  std::string(COOKIE_NAME) + "=" + new_id + "; Path=/; Secure; HttpOnly");
         reply.body = outcome.records;
         return reply;
     }
@@ -249,7 +275,7 @@ private:
     const Options options_;
     SslCtxPtr ctx_;
     SessionStore sessions_;
-    httplib::SSLServer front_;
+    std::unique_ptr<httplib::Server> front_;
     int port_ = -1;
     std::thread thread_;
 };

@@ -31,6 +31,9 @@ struct InnerTlsOptions {
 // Takes all that has been written to a memory BIO.
 std::string drain(BIO *bio);
 
+// Gives a context its certificate chain and key, both PEM. Throws std::runtime_error with the file and the reason.
+void use_certificate(SSL_CTX *ctx, const std::string &certificate, const std::string &key);
+
 // Makes the context of all sessions: a device certificate is required and verified. Throws std::runtime_error
 // with the file and the reason.
 SslCtxPtr make_inner_context(const InnerTlsOptions &options);
