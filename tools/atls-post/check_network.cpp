@@ -1,7 +1,6 @@
 // Steps of --check up to the front end: proxy manager, proxies, names, connections, HTTPS, clock. Requests are made by
 // copies of the request object that the library sets up for this URL.
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -108,43 +107,44 @@ std::unique_ptr<CURL, CurlCleanup> World::request(size_t route)
     return curl;
 }
 
-const std::vector<Route> &World::routes()
+std::vector<Route> &World::routes()
 {
-    if (routes_)
-        return *routes_;
-    routes_.emplace();
-    size_t count = 1;
-    for (size_t i = 0; i < count; i++) {
-        const auto curl = request(i);
+    if (!routes_) {
+        request(0);
         const Handle &handle = *transport_;
-        count = std::max<size_t>(static_cast<size_t>(handle->proxyUrlCount), 1);
-        const char *entry = handle->proxyUrlCount > 0 ? handle->proxyUrlList[i] : nullptr;
-        std::array<char, CURL_ERROR_SIZE> words{};
-        curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, words.data());
-        curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L);
-        Route route{is_direct(entry) ? "DIRECT" : without_credentials(entry),
-                    is_direct(entry),
-                    CURLE_OK,
-                    "",
-                    0,
-                    "",
-                    "",
-                    0};
-        route.code = curl_easy_perform(curl.get());
-        route.text = failure_text(route.code, words.data());
-        route.connect_status = info<long>(curl.get(), CURLINFO_HTTP_CONNECTCODE);
-        route.demanded = demanded_authentication(curl.get());
-        route.address = peer_of(curl.get());
-        route.lookup_seconds = info<double>(curl.get(), CURLINFO_NAMELOOKUP_TIME);
-        routes_->push_back(route);
+        routes_.emplace();
+        for (int i = 0; i < handle->proxyUrlCount; i++) {
+            const char *entry = handle->proxyUrlList[i];
+            routes_->push_back({is_direct(entry) ? "DIRECT" : without_credentials(entry), is_direct(entry)});
+        }
+        if (routes_->empty())
+            routes_->push_back({"DIRECT"});
     }
     return *routes_;
 }
 
+const Route &World::tried(Route &route)
+{
+    if (route.is_tried)
+        return route;
+    const auto curl = request(static_cast<size_t>(&route - routes().data()));
+    std::array<char, CURL_ERROR_SIZE> words{};
+    curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, words.data());
+    curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L);
+    route.code = curl_easy_perform(curl.get());
+    route.text = failure_text(route.code, words.data());
+    route.connect_status = info<long>(curl.get(), CURLINFO_HTTP_CONNECTCODE);
+    route.demanded = demanded_authentication(curl.get());
+    route.address = peer_of(curl.get());
+    route.lookup_seconds = info<double>(curl.get(), CURLINFO_NAMELOOKUP_TIME);
+    route.is_tried = true;
+    return route;
+}
+
 const Route *World::carrier()
 {
-    for (const Route &route : routes())
-        if (!route.is_passed_over())
+    for (Route &route : routes())
+        if (!tried(route).is_passed_over())
             return route.carries() ? &route : nullptr;
     return nullptr;
 }
@@ -213,26 +213,22 @@ Finding ask_proxy_manager(World &world)
 
 Finding try_proxies(World &world)
 {
-    const auto &routes = world.routes();
     std::string detail;
-    const Route *faulty = nullptr;
-    for (const Route &route : routes) {
-        if (route.direct && routes.size() == 1)
-            return ok("none");
-        detail += (detail.empty() ? "" : "; ") + (route.direct ? route.name : describe(route));
-        if (!route.direct && !route.carries() && !faulty)
+    const Route *faulty = nullptr;   // the first one
+    const Route *decisive = nullptr; // behind which the library tries no other
+    for (Route &route : world.routes()) {
+        detail += (detail.empty() ? "" : "; ") + (route.direct ? route.name : describe(world.tried(route)));
+        if (!decisive && (route.direct || !route.is_passed_over()))
+            decisive = &route;
+        if (!faulty && !route.direct && !route.carries())
             faulty = &route;
     }
-    const Route *carrier = world.carrier();
-    const bool is_direct_left = routes.back().direct && routes.back().is_passed_over();
-    if (!carrier && faulty && !is_direct_left)
-        return wrong(detail,
-                     advice_on(faulty->is_passed_over()
-                                   ? *faulty
-                                   : *std::find_if(routes.begin(), routes.end(), [](const Route &route) {
-                                         return !route.is_passed_over();
-                                     })));
-    return faulty ? warning(detail, advice_on(*faulty)) : ok(detail);
+    if (!faulty)
+        return ok(detail);
+    if (!decisive)
+        return wrong(detail, advice_on(*faulty));
+    return decisive->direct || decisive->carries() ? warning(detail, advice_on(*faulty))
+                                                   : wrong(detail, advice_on(*decisive));
 }
 
 Finding reach_front_end(World &world)

@@ -41,13 +41,14 @@ inline Finding wrong(std::string detail, std::string advice)
 // One way to the service: through a proxy that was offered, or without one.
 struct Route {
     std::string name; // of the proxy; "DIRECT" without one
-    bool direct;
-    CURLcode code; // of connecting
-    std::string text;
-    long connect_status; // of the proxy; 0 without one
-    std::string demanded;
-    std::string address;
-    double lookup_seconds;
+    bool direct = true;
+    bool is_tried = false;
+    CURLcode code = CURLE_OK; // of connecting
+    std::string text = {};
+    long connect_status = 0; // of the proxy; 0 without one
+    std::string demanded = {};
+    std::string address = {};
+    double lookup_seconds = 0;
 
     // The library sends its posts this way, and tries no other.
     bool carries() const { return code == CURLE_OK || connect_status == 200; }
@@ -89,8 +90,10 @@ public:
     SSL_CTX *security_context();
     int truststore_result = 0;
 
-    // The ways to the service in their order.
-    const std::vector<Route> &routes();
+    // The ways to the service in their order, connected or not.
+    std::vector<Route> &routes();
+    // One of them, connected for a moment.
+    const Route &tried(Route &route);
     // The one that the library takes; nullptr when there is none.
     const Route *carrier();
     const FrontEnd &front_end();
