@@ -133,7 +133,7 @@ halted() { kill -STOP "${pid_of[service]}"; "$@"; kill -CONT "${pid_of[service]}
 check_rows <<'TABLE'
 not protected|761 kept|kept --require-protected "$front/unmarked" x
 an error status|221 kept|kept --fail "$front/small" "@$work/big"
-too late|282 kept|halted kept --max-time 0.3 "$service_url/" x
+too late|281 kept|halted kept --max-time 0.3 "$service_url/" x
 too late for a new file|28|halted status_of post -o "$work/new" --max-time 0.3 "$service_url/" x; ls "$work/new" 2>/dev/null
 JSON of what|64|status_of post --json "$front" x
 TABLE

@@ -35,7 +35,7 @@ bool is_direct(const char *entry)
 // libcurl's own words on a failure, or its general ones.
 std::string failure_text(CURLcode code, const char *words)
 {
-    return code == CURLE_OK ? "" : *words ? words : curl_easy_strerror(code);
+    return code == CURLE_OK ? "" : proxy_text::on_one_line(*words ? words : curl_easy_strerror(code));
 }
 
 std::string resolver()
@@ -141,12 +141,12 @@ const Route &World::tried(Route &route)
     return route;
 }
 
-const Route *World::carrier()
+const Route &World::final_route()
 {
     for (Route &route : routes())
         if (!tried(route).is_passed_over())
-            return route.carries() ? &route : nullptr;
-    return nullptr;
+            return route;
+    return routes().back();
 }
 
 const FrontEnd &World::front_end()
@@ -154,10 +154,10 @@ const FrontEnd &World::front_end()
     if (front_end_)
         return *front_end_;
     front_end_ = FrontEnd{CURLE_COULDNT_CONNECT, "", std::nullopt};
-    const Route *route = carrier();
-    if (!route)
+    const Route &route = final_route();
+    if (!route.carries())
         return *front_end_;
-    const auto curl = request(static_cast<size_t>(route - routes().data()));
+    const auto curl = request(static_cast<size_t>(&route - routes().data()));
     Response response;
     std::array<char, CURL_ERROR_SIZE> words{};
     curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, words.data());
@@ -233,19 +233,21 @@ Finding try_proxies(World &world)
 
 Finding reach_front_end(World &world)
 {
-    const Route *route = world.carrier();
-    const Route &last = route ? *route : world.routes().back();
-    if (!route)
-        return wrong(describe(last) + "; resolver of libcurl: " + resolver(), advice_on(last));
+    const Route &route = world.final_route();
+    const std::string names = joined(proxy_environment(), ", ");
+    const std::string seen =
+        "; resolver of libcurl: " + resolver() +
+        (names.empty() ? "" : "; the environment has " + names + ", which libcurl heeds");
+    if (!route.carries())
+        return wrong(describe(route) + seen, advice_on(route));
+    std::array<char, 64> lookup{};
+    if (route.direct)
+        snprintf(lookup.data(), lookup.size(), ", name looked up in %.3f s", route.lookup_seconds);
+    const std::string way = (route.direct ? "to " : "through ") + route.address + lookup.data() + seen;
     const FrontEnd &front_end = world.front_end();
-    const std::string way = (route->direct ? "to " : "through ") + route->address;
-    if (front_end.code == CURLE_OK || front_end.code == CURLE_PARTIAL_FILE) {
-        std::array<char, 64> lookup{};
-        snprintf(lookup.data(), lookup.size(), "name looked up in %.3f s, ", route->lookup_seconds);
-        return ok(way + ", " + (route->direct ? lookup.data() : "") + "resolver of libcurl: " + resolver());
-    }
-    return wrong(way + ": " + (route->code == CURLE_OK ? front_end.text : route->text),
-                 "see whether an HTTPS server answers there");
+    return front_end.code == CURLE_OK
+               ? ok(way)
+               : wrong(front_end.text + ", " + way, "see whether an HTTPS server answers there");
 }
 
 Finding compare_clock(World &world)

@@ -30,10 +30,14 @@ std::string status_advice(long status)
 
 std::string listed(const std::vector<std::string> &names)
 {
-    std::string text;
-    for (const std::string &name : names)
-        text += (text.empty() ? "" : ", ") + name;
-    return text.empty() ? "none" : text;
+    return names.empty() ? "none" : joined(names, ", ");
+}
+
+// The library does not tell in all cases.
+std::string reason_of(const World &world, int result)
+{
+    const std::string reason = world.explanation.reason();
+    return "result " + std::to_string(result) + ": " + (reason.empty() ? "--log error shows why" : reason);
 }
 
 // The mark of an encrypted body as the library looks for it; otherwise what is wrong with it.
@@ -85,7 +89,7 @@ Finding exchange(World &world, const std::string &message, std::string &detail)
     if (result == ATLS_BAD_RESPONSE)
         world.explanation.set_reason(why_bad_response(*handle, world.observer));
     if (result != ATLS_OK)
-        return wrong("result " + std::to_string(result) + ": " + world.explanation.reason(), "");
+        return wrong(reason_of(world, result), "");
     detail = std::to_string(message.size()) + " bytes answered with " + std::to_string(answer.body_len) +
              ", HTTP status " + std::to_string(answer.status_code);
     if (!is_encrypted(answer))
@@ -105,7 +109,7 @@ Finding judge_front_end(World &world)
     world.connect();
     const auto &responses = world.observer.responses();
     if (responses.empty() || responses.front().status == 0)
-        return wrong(world.explanation.reason(), "see to the front end's log");
+        return wrong(reason_of(world, world.connect()), "see to the front end's log");
     const Response &first = responses.front();
     const std::string detail = "outer " + (first.outer_tls.empty() ? "TLS" : first.outer_tls) +
                                ", HTTP status " + std::to_string(first.status) + " from " + first.address;
@@ -132,7 +136,7 @@ Finding judge_handshake(World &world)
     const EngineEvents &engine = world.observer.engine();
     if (world.connect() != ATLS_OK)
         return wrong(
-            world.explanation.reason(),
+            reason_of(world, world.connect()),
             !engine.refusal.empty()
                 ? "put the CA of the service into the trust store, or renew the certificate of the service"
             : engine.alert >= 0 ? "see to the log of the service, to its TLS versions and its CAs of devices"
@@ -164,6 +168,8 @@ Finding keep_session(World &world)
         finding.advice = world.observer.engine().alert >= 0
                              ? "put the CA of the device into the service, or renew the device certificate"
                              : "see whether all requests reach the same service: cookies, sticky sessions";
+    if (finding.verdict == Verdict::OK && world.observer.engine().certificate_asked)
+        finding.detail += ", the device's certificate is accepted";
     if (finding.verdict == Verdict::OK && !lost.empty())
         return warning(
             detail + "; cookies lost: " + listed(lost),

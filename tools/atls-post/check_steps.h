@@ -94,8 +94,8 @@ public:
     std::vector<Route> &routes();
     // One of them, connected for a moment.
     const Route &tried(Route &route);
-    // The one that the library takes; nullptr when there is none.
-    const Route *carrier();
+    // Where the library stops trying: the first one that connects or is refused, or the last.
+    const Route &final_route();
     const FrontEnd &front_end();
     // The result of atls_connect.
     int connect();

@@ -41,16 +41,6 @@ bool read_of_post(const std::string &line, const char *text, std::string &rest)
            read_behind(line, std::string("atls_easy_perform").append(text), rest);
 }
 
-// The variables that libcurl heeds whatever the library has chosen.
-std::vector<std::string> environment()
-{
-    std::vector<std::string> names;
-    for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
-        if (getenv(name))
-            names.emplace_back(name);
-    return names;
-}
-
 // The names in the Cookie line of a request header list.
 std::vector<std::string> cookie_names(const curl_slist *headers)
 {
@@ -67,14 +57,6 @@ std::vector<std::string> cookie_names(const curl_slist *headers)
         }
     }
     return names;
-}
-
-std::string joined(const std::vector<std::string> &texts, const char *between)
-{
-    std::string all;
-    for (const std::string &text : texts)
-        all += (all.empty() ? "" : between) + text;
-    return all;
 }
 
 std::ostream &label(std::ostream &out, const char *name)
@@ -108,10 +90,28 @@ std::string without_credentials(const std::string &proxy)
 {
     const size_t at = proxy.rfind('@');
     if (at == std::string::npos)
-        return proxy;
+        return on_one_line(proxy);
     const size_t scheme = proxy.find("://");
-    const size_t start = scheme < at ? scheme + 3 : proxy.find(' ') < at ? proxy.find(' ') + 1 : 0;
-    return proxy.substr(0, start) + proxy.substr(at + 1);
+    const size_t blank = proxy.find(' ');
+    const size_t start = scheme < at ? scheme + strlen("://") : blank < at ? blank + 1 : 0;
+    return on_one_line(proxy.substr(0, start) + proxy.substr(at + 1));
+}
+
+std::vector<std::string> proxy_environment()
+{
+    std::vector<std::string> names;
+    for (const char *name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
+        if (getenv(name))
+            names.emplace_back(name);
+    return names;
+}
+
+std::string joined(const std::vector<std::string> &texts, const char *between)
+{
+    std::string all;
+    for (const std::string &text : texts)
+        all += (all.empty() ? "" : between) + text;
+    return all;
 }
 
 // ---- The log
@@ -173,7 +173,12 @@ void Explanation::take_offer(const std::string &entry)
 
 void Explanation::take_failure(const std::string &code)
 {
-    Failure failure{proxy_, "", atoi(code.c_str()), 0, Seconds(Clock::now() - last_line_).count(), false};
+    Failure failure{proxy_,
+                    "",
+                    static_cast<int>(strtol(code.c_str(), nullptr, 10)),
+                    0,
+                    Seconds(Clock::now() - last_line_).count(),
+                    false};
     failure.text = curl_easy_strerror(static_cast<CURLcode>(failure.code));
     curl_easy_getinfo(handle_.curl, CURLINFO_HTTP_CONNECTCODE, &failure.connect_status);
     if (failure.connect_status >= 400) {
@@ -320,7 +325,7 @@ void Explanation::write_route(std::ostream &out) const
             out << " (" << messages << " messages)";
     }
     out << (peer_.empty() ? "" : ", connected to " + peer_) << '\n';
-    if (const auto names = environment(); !names.empty())
+    if (const auto names = proxy_environment(); !names.empty())
         label(out, "environment") << joined(names, ", ")
                                   << ", which libcurl heeds as well: see the address\n";
 }
@@ -349,7 +354,7 @@ Explanation::Json Explanation::route_as_json() const
         carriers.push_back({{"proxy", proxy}, {"messages", messages}});
     return {{"offered", offered_},  {"none_because", offered_.empty() ? Json(why_no_proxy_) : Json()},
             {"failures", failures}, {"carriers", carriers},
-            {"address", peer_},     {"environment", environment()}};
+            {"address", peer_},     {"environment", proxy_environment()}};
 }
 
 Explanation::Json Explanation::as_json() const

@@ -3,6 +3,7 @@
 #ifndef TOOLS_ATLS_POST_EXPLANATION_H
 #define TOOLS_ATLS_POST_EXPLANATION_H
 
+#include <array>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -87,7 +88,12 @@ private:
     size_t answered_ = 0, received_ = 0; // bytes: decrypted answers, and bodies and headers of the responses
 };
 
-// A proxy's text without the user name and password that it may hold.
+// A proxy's text, on one line, without the user name and password that it may hold.
 std::string without_credentials(const std::string &proxy);
+
+// The names of the variables that libcurl heeds whatever the library has chosen.
+std::vector<std::string> proxy_environment();
+
+std::string joined(const std::vector<std::string> &texts, const char *between);
 
 #endif

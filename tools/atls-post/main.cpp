@@ -68,6 +68,9 @@ void add_diagnostic_options(CLI::App &app, Settings &settings)
         app.add_flag("--check", settings.check,
                      "Go the way to the service step by step, and tell what is wrong and what to do "
                      "about it; posts 1 and 20000 bytes, or MESSAGE");
+    for (const char *name :
+         {"--output", "--include", "--count", "--fail", "--require-protected", "--explain"})
+        check->excludes(app.get_option(name));
     app.add_flag("--json", settings.json, "Write the findings of --check as JSON")->needs(check);
     app.add_option("--warn-days", settings.warn_days,
                    "Let --check warn of certificates that end in fewer days")
@@ -97,8 +100,8 @@ void add_options(CLI::App &app, Settings &settings)
 
 [[noreturn]] void end_late(const Settings &settings, Output &output, const Explanation &explanation)
 {
-    std::cerr << "\natls-post: " << connection_url(settings) << ": not done after " << settings.max_seconds
-              << " seconds (--max-time)" << std::endl;
+    std::cerr << (isatty(STDERR_FILENO) ? "\r\033[K" : "") << "atls-post: " << connection_url(settings)
+              << ": not done after " << settings.max_seconds << " seconds (--max-time)" << std::endl;
     if (!settings.explain.empty())
         explanation.write(std::cerr, settings.explain == "json");
     output.abandon();
