@@ -4,6 +4,7 @@
 #include <cmath>
 #include <iostream>
 #include <optional>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 #include <unistd.h>
@@ -98,10 +99,13 @@ void add_options(CLI::App &app, Settings &settings)
         "@message");
 }
 
-[[noreturn]] void end_late(const Settings &settings, Output &output, const Explanation &explanation)
+[[noreturn]] void end_late(const Settings &settings, Output &output, Explanation &explanation)
 {
+    std::ostringstream why;
+    why << "not done after " << settings.max_seconds << " s (--max-time)";
+    explanation.failed(why.str());
     std::cerr << (isatty(STDERR_FILENO) ? "\r\033[K" : "") << "atls-post: " << connection_url(settings)
-              << ": not done after " << settings.max_seconds << " seconds (--max-time)" << std::endl;
+              << ": " << why.str() << std::endl;
     if (!settings.explain.empty())
         explanation.write(std::cerr, settings.explain == "json");
     output.abandon();

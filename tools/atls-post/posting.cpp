@@ -121,13 +121,17 @@ std::string why_bad_response(const atls_handle &handle, const Observer &observer
     if (observer.engine().alert >= 0)
         return "the service refuses, TLS alert \"" + observer.engine().alert_text() +
                "\": under TLS 1.3 that is how it refuses the device's certificate";
+    if (observer.responses().empty() || observer.responses().back().header("Content-Type").empty())
+        return "";
+    if (rest_behind_answer(handle.ssl) != Rest::NOTHING)
+        return "the answer does not belong to this session: another service has answered, or it was altered "
+               "on the way";
     curl_off_t received = 0;
     curl_easy_getinfo(handle.curl, CURLINFO_SIZE_DOWNLOAD_T, &received);
-    if (received >= FULL_RECORD && rest_behind_answer(handle.ssl) == Rest::NOTHING)
-        return "an answer of an exact multiple of 16384 bytes has no end that a device could see; let the "
-               "service "
-               "write a byte more";
-    return "";
+    return received < FULL_RECORD
+               ? ""
+               : "an answer of an exact multiple of 16384 bytes has no end that a device could "
+                 "see; let the service write a byte more";
 }
 
 // ---- Where answers go
