@@ -3,8 +3,8 @@
 #include "check.h"
 
 #include <cmath>
+#include <csignal>
 #include <cstdio>
-#include <iostream>
 #include <mutex>
 
 #include <nlohmann/json.hpp>
@@ -120,6 +120,7 @@ private:
 
 int run_check(const Settings &settings)
 {
+    signal(SIGPIPE, SIG_IGN); // of requests that the library does not make
     Report report(settings);
     const Deadline deadline(settings.max_seconds, [&] { report.end_late(); });
     World world(settings);

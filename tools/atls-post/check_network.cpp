@@ -71,9 +71,13 @@ std::string advice_on(const Route &route)
 
 size_t take_header_line(char *text, size_t size, size_t count, void *response)
 {
-    const std::string line(text, size * count);
-    static_cast<Response *>(response)->headers.push_back(proxy_text::on_one_line(line));
-    return size * count;
+    try {
+        const std::string line(text, size * count);
+        static_cast<Response *>(response)->headers.push_back(proxy_text::on_one_line(line));
+        return size * count;
+    } catch (const std::bad_alloc &) {
+        return 0;
+    }
 }
 
 } // namespace
@@ -127,8 +131,8 @@ const Route &World::tried(Route &route)
 {
     if (route.is_tried)
         return route;
-    const auto curl = request(static_cast<size_t>(&route - routes().data()));
     std::array<char, CURL_ERROR_SIZE> words{};
+    const auto curl = request(static_cast<size_t>(&route - routes().data()));
     curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, words.data());
     curl_easy_setopt(curl.get(), CURLOPT_CONNECT_ONLY, 1L);
     route.code = curl_easy_perform(curl.get());
@@ -157,9 +161,9 @@ const FrontEnd &World::front_end()
     const Route &route = final_route();
     if (!route.carries())
         return *front_end_;
-    const auto curl = request(static_cast<size_t>(&route - routes().data()));
     Response response;
     std::array<char, CURL_ERROR_SIZE> words{};
+    const auto curl = request(static_cast<size_t>(&route - routes().data()));
     curl_easy_setopt(curl.get(), CURLOPT_ERRORBUFFER, words.data());
     curl_easy_setopt(curl.get(), CURLOPT_NOBODY, 1L);
     curl_easy_setopt(curl.get(), CURLOPT_HEADERDATA, &response);
