@@ -177,7 +177,7 @@ no bus|13 proxy manager: unix:path=/none|DBUS_SYSTEM_BUS_ADDRESS=unix:path=/none
 dead proxy|14 proxies: Failed to connect|found 'Failed to connect' "$front/dead"
 407|14 proxies: status 407, it demands Basic|found 'status 407, it demands Basic' "$front/asking"
 403|14 proxies: status 403|found 'status 403' "$front/strict"
-silent service|15 connection: --max-time|halted found --max-time --max-time 0.5 "$service_url/"
+silent service|15 connection: --max-time|halted found --max-time --max-time "${LAUNCHER:+2}2" "$service_url/"
 wrong clock|16 clock: ahead of the Date header|found 'ahead of the Date header' "$past"
 lowered header names|17 front end: content-type|found content-type "$front/lowered"
 untrusted service|18 handshake: local issuer|ATLS_PLATFORM_DIR=$(identity_with truststore.pem "$work/service/device-ca.pem") found 'local issuer' "$front"
