@@ -81,12 +81,13 @@ std::string chain_of(SSL *ssl)
 Finding exchange(World &world, const std::string &message, std::string &detail)
 {
     atls_resp answer = {};
+    world.explanation.set_reason("");
     atls_handle *handle = world.connection.get();
     const int result = atls_easy_perform(handle, message.data(), static_cast<int>(message.size()),
                                          world.settings.address.path.c_str(), &answer);
     world.observer.clear_progress();
     const std::unique_ptr<atls_resp, decltype(&cleanup_atls_resp)> owner(&answer, cleanup_atls_resp);
-    if (result == ATLS_BAD_RESPONSE)
+    if (result == ATLS_BAD_RESPONSE && world.explanation.reason().empty())
         world.explanation.set_reason(why_bad_response(*handle, world.observer));
     if (result != ATLS_OK)
         return wrong(reason_of(world, result), "");

@@ -200,7 +200,7 @@ void Explanation::take_message()
 // Lines of the library that tell why something failed.
 void Explanation::take_reason(const std::string &line)
 {
-    static constexpr std::array<std::pair<const char *, const char *>, 7> REASONS = {{
+    static constexpr std::array<std::pair<const char *, const char *>, 9> REASONS = {{
         {"atls_add_mic_to_ctx: Failed Fetch the MIC", "no device certificate, or one too long"},
         {"atls_add_mic_to_ctx: Failed Fetch the PKEY", "no device key, or one too long"},
         {"atls_add_mic_to_ctx: Failed to load MIC", "the device certificate is not DER"},
@@ -208,6 +208,10 @@ void Explanation::take_reason(const std::string &line)
         {"atls_add_mic_to_ctx:  SSL_check_private_key", "device certificate and key do not belong together"},
         {"atls_add_mic_to_ctx:  SSL_CTX_use_PrivateKey", "device certificate and key do not belong together"},
         {"init_al_ssl: Failed to set default Truststore", "the trust store cannot be used"},
+        {"atls_handshake: Failed to get ATLS cookies",
+         "cookies of more than 1022 characters in one response"},
+        {"atls_easy_perform: Failed to get ATLS cookies",
+         "cookies of more than 1022 characters in one response"},
     }};
     std::string rest;
     if (begins(line, "enter setProxyParams "))

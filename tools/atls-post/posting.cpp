@@ -253,11 +253,12 @@ int Posting::exchange(const std::string &message)
 {
     atls_resp answer = {};
     bool open = false;
+    explanation_.set_reason(""); // of a proxy that was passed over, perhaps
     int status = atls_easy_perform(handle_, message.data(), static_cast<int>(message.size()),
                                    settings_.address.path.c_str(), &answer);
     observer_.clear_progress();
     if (status != ATLS_OK) {
-        if (status == ATLS_BAD_RESPONSE)
+        if (status == ATLS_BAD_RESPONSE && explanation_.reason().empty())
             explanation_.set_reason(why_bad_response(*handle_, observer_));
         report_failure("posting to", status);
     } else {
