@@ -36,14 +36,16 @@
  * and without AsynchDNS there is no limit meanwhile. A system log whose socket is full, and a standard error
  * that is a full pipe, hold a call up for as long as nobody reads them.
  *
- * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
+ * Diagnostics: syslog(3) gets them under the identity and the mask that the program has set; the library never
  * calls openlog. At LOG_DEBUG they contain decrypted answers. libcurl's trace of each post goes to the
  * standard error; nowhere if descriptor 2 is not open in atls_connect, or is closed on exec as the files of
  * libraries are, which LOG_NOTICE then tells. A daemon better opens /dev/null there: the number may go to any
  * file.
  *
- * The program's own: the connection's socket is closed on exec. A SIGPIPE and a SIGXFSZ (file size limit) of
- * the library's writes do not reach the program, but for what syslog itself writes under LOG_PERROR.
+ * Descriptors: the connection's socket is closed on exec.
+ *
+ * Signals: a SIGPIPE and a SIGXFSZ (file size limit) of the library's writes do not reach the program, but for
+ * what syslog itself writes under LOG_PERROR.
  */
 #ifndef ATLS_H
 #define ATLS_H

@@ -33,7 +33,7 @@
  * Text: what is sent to the service must be valid UTF-8. Text that is not, and text of more than 16 MiB in
  * one call, counts as a failed call: it is logged, and the function returns its neutral result.
  *
- * A lost bus: when the connection to the bus is lost, calls fail at once and no more events come. Clean the
+ * Disconnection: when the connection to the bus is lost, calls fail at once and no more events come. Clean the
  * client up and create it again; it does not come back by itself. A service that ends and starts again on a
  * living bus needs nothing of the kind if it announces its configuration and a clear of the cache when it starts.
  *
@@ -45,17 +45,17 @@
  * that a failed create has kept may be closed likewise. While a call is under way close nothing: libdbus goes on using
  * the number of its socket.
  *
- * fork: the client belongs to the process that created it. In a child process every function gives its
+ * Fork: the client belongs to the process that created it. In a child process every function gives its
  * neutral result (create: 0) and touches nothing of the parent's, until the child starts another program with
  * exec. A child of a process without a client, also of one whose create has failed, can create its own. One that
  * is forked in a callback has the dispatch thread only, which ends when the callback returns, and the child with it. As
  * with any function that logs, a child of a process of several threads may find the lock of syslog(3) taken for ever.
  *
- * Other users of D-Bus in the process: dbus_shutdown() ends the process while a client lives. Creating sets
- * DBus::default_dispatcher of dbus-c++: connections that the program makes with that library afterwards are served
- * by the client's dispatch thread.
+ * Neighbours: what else uses D-Bus in the process must not call dbus_shutdown(), which ends the process while a
+ * client lives. Creating sets DBus::default_dispatcher of dbus-c++: connections that the program makes with that
+ * library afterwards are served by the client's dispatch thread.
  *
- * Diagnostics go to syslog(3) under the identity and the mask that the program has set; the library never
+ * Diagnostics: syslog(3) gets them under the identity and the mask that the program has set; the library never
  * calls openlog. A log daemon that hangs holds up whoever logs, locks included. URLs, proxies and the user name of
  * a cached answer are logged at LOG_NOTICE as they are; the password fields never are, but a password inside a URL
  * or a proxy text is.
@@ -95,7 +95,7 @@ enum {
 };
 
 /**
- * Told of an event. Runs on the dispatch thread; see "Blocking" at the top for what it may do.
+ * Told of an event. Runs on the dispatch thread; see "Blocking" for what it may do.
  *
  * @param type  the event as it came, which may be a value without a name
  */
@@ -218,7 +218,7 @@ bool check_service_started(void);
 void set_proxy_manager_event_cb(ProxyMgrEventType type, ProxyMgrEventCallback cb);
 
 /*
- * The record functions. None of them takes a lock or keeps anything; a record belongs to one thread at a
+ * Records: none of the functions from here on takes a lock or keeps anything; a record belongs to one thread at a
  * time. Record pointers must not be NULL where nothing else is said.
  */
 
