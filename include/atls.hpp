@@ -170,11 +170,11 @@ ATLS_HPP_SHARED inline const std::error_category &category() noexcept
  *
  * @param value  the result
  *
- * @return its code in category()
+ * @return its code in category(); no error for ok
  */
 inline std::error_code make_error_code(Errc value) noexcept
 {
-    return {static_cast<int>(value), category()};
+    return value == Errc::ok ? std::error_code() : std::error_code(static_cast<int>(value), category());
 }
 
 // Files that are compiled with exceptions and files that are not may meet in one program.

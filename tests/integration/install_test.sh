@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs into an empty prefix, and builds and runs programs against what is there: in C99, found through pkg-config,
-# and in C++17, found through the CMake package. usage: install_test.sh SOURCE_DIR BUILD_DIR
+# and in C++, found through both packages. usage: install_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 build=$2
 work=$(mktemp -d)
@@ -23,7 +23,7 @@ int main(void)
     return result == ATLS_SETUP_FAILED ? 0 : 1; /* there is no identity here */
 }
 PROGRAM
-cp "$work/consumer.c" "$work/consumer.cpp"
+{ printf '#include <%s.hpp>\n' atls proxymanager && cat "$work/consumer.c"; } >"$work/consumer.cpp"
 export ATLS_PLATFORM_DIR=$work DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/none
 
 export PKG_CONFIG_PATH
@@ -34,10 +34,17 @@ flags() { pkg-config "$@" atls; }
 "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror $(flags --cflags) "$work/consumer.c" -o "$work/by-pkg-config" \
     $(flags --libs) -Wl,-rpath,"$(flags --variable=libdir)"
 "$work/by-pkg-config"
+for compiler in ${CXX:-c++} $(command -v clang++); do
+    for flags in -std=c++17 -std=c++20 '-std=c++17 -fno-exceptions -fno-rtti'; do
+        # shellcheck disable=SC2046,SC2086
+        "$compiler" $flags -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror -fsyntax-only \
+            $(pkg-config --cflags atls-cpp) -x c++ "$work/consumer.cpp"
+    done
+done
 
-printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED)' \
+printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED COMPONENTS cpp)' \
     'add_compile_options(-std=c++17 -Wall -Wextra -Wpedantic -Werror)' 'add_executable(by-package consumer.cpp)' \
-    'target_link_libraries(by-package PRIVATE atls::atls)' >"$work/CMakeLists.txt"
+    'target_link_libraries(by-package PRIVATE atls::cpp)' >"$work/CMakeLists.txt"
 cmake -S "$work" -B "$work/consumers" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" >"$work/log"
 cmake --build "$work/consumers" >>"$work/log" || { cat "$work/log"; exit 1; }
 "$work/consumers/by-package"
