@@ -77,10 +77,11 @@ enum class Errc : int {
 
 } // namespace atls
 
-/** Makes atls::Errc comparable with std::error_code. */
+/// @cond
 template <>
 struct std::is_error_code_enum<atls::Errc> : std::true_type {
 };
+/// @endcond
 
 namespace atls
 {

@@ -191,26 +191,6 @@ TEST(Arguments, AreChecked)
     EXPECT_EQ(link.body(), "first") << "the earlier answer is still there";
 }
 
-// libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
-TEST(Handshake, NeedsNoStandardStreams)
-{
-    test::Link link;
-    const auto connects = [&](bool numbers_are_taken) {
-        link.start(); // not before the fork, which would copy locks of the service's threads
-        for (int stream = 0; stream < 3; stream++)
-            close(stream);
-        for (int stream = 0; stream < 3 && numbers_are_taken; stream++)
-            open("/dev/null", O_RDWR | O_CLOEXEC); // as libraries open what is their own
-        curl_socket_t socket = CURL_SOCKET_BAD;
-        if (link.connect() == ATLS_OK)
-            curl_easy_getinfo(link.handle->curl, CURLINFO_ACTIVESOCKET, &socket);
-        return socket > 2 && fcntl(socket, F_GETFD) == FD_CLOEXEC &&
-               log_capture::contains("<5> init_tl_curl: Standard error is not open");
-    };
-    for (const bool taken : {false, true})
-        EXPECT_EXIT(_exit(connects(taken) ? 0 : 1), testing::ExitedWithCode(0), "") << taken;
-}
-
 // Sent and received flights go to numbered files; one that cannot be written keeps its number.
 TEST(Handshake, DumpsItsFlights)
 {
@@ -234,6 +214,26 @@ TEST(Handshake, DumpsItsFlights)
         EXPECT_EQ(test::read_file(file("sent", sent + i)).size(), link.posted[static_cast<size_t>(i)]);
         EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
     }
+}
+
+// libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
+TEST(Handshake, NeedsNoStandardStreams)
+{
+    test::Link link;
+    const auto connects = [&](bool numbers_are_taken) {
+        link.start(); // not before the fork, which would copy locks of the service's threads
+        for (int stream = 0; stream < 3; stream++)
+            close(stream);
+        for (int stream = 0; stream < 3 && numbers_are_taken; stream++)
+            open("/dev/null", O_RDWR | O_CLOEXEC); // as libraries open what is their own
+        curl_socket_t socket = CURL_SOCKET_BAD;
+        if (link.connect() == ATLS_OK)
+            curl_easy_getinfo(link.handle->curl, CURLINFO_ACTIVESOCKET, &socket);
+        return socket > 2 && fcntl(socket, F_GETFD) == FD_CLOEXEC &&
+               log_capture::contains("<5> init_tl_curl: Standard error is not open");
+    };
+    for (const bool taken : {false, true})
+        EXPECT_EXIT(_exit(connects(taken) ? 0 : 1), testing::ExitedWithCode(0), "") << taken;
 }
 
 // The Date header is looked at in each cycle until one of three files says that the clock has been set.
