@@ -428,6 +428,11 @@ const char *atls_get_user_agent(void)
 
 int init_tl_curl(atls_handle **handle, const char *service, const char *tracking_id)
 {
+    const LibraryCall call;
+    if (call.is_too_late()) {
+        syslog(LOG_ERR, "%s: The program is ending", __func__);
+        return ATLS_SETUP_FAILED;
+    }
     if (!handle || !*handle || !service) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle/service", __func__);
         return ATLS_INVALID_INPUT;
@@ -601,6 +606,7 @@ int atls_add_mic_to_ctx(SSL_CTX *ctx)
 
 int init_al_ssl(atls_handle **handle)
 {
+    const LibraryCall call;
     if (!handle || !*handle) {
         syslog(LOG_ERR, "%s: Invalid Input Parameters...bad handle", __func__);
         return ATLS_INVALID_INPUT;
@@ -1267,6 +1273,7 @@ void save_received_handshake_data(const void *data, size_t length)
 
 int atls_handshake(atls_handle *handle)
 {
+    const LibraryCall call;
     Handshake state(handle);
     int result = prepare_handshake(state);
     while (result == ATLS_OK && !continue_handshake(state))

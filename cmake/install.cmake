@@ -22,11 +22,13 @@ install(TARGETS atls EXPORT atlsTargets
 install(TARGETS atls-platform LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT standin)
 # systemd looks below lib, whatever the library folder is called.
 install(FILES data/libatls.tmpfiles.conf DESTINATION lib/tmpfiles.d COMPONENT runtime RENAME libatls.conf)
-install(FILES include/atls.h include/proxymanager.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES include/atls.h include/atls.hpp include/proxymanager.h include/proxymanager.hpp
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 install(FILES platform/platform.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/atls COMPONENT development)
 
 install(SCRIPT ${PROJECT_BINARY_DIR}/prefix.cmake COMPONENT development)
-install(FILES ${PROJECT_BINARY_DIR}/atls.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+install(FILES ${PROJECT_BINARY_DIR}/atls.pc ${PROJECT_BINARY_DIR}/atls-cpp.pc
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/atls)
 configure_package_config_file(cmake/atlsConfig.cmake.in atlsConfig.cmake INSTALL_DESTINATION ${package_folder})
 write_basic_package_version_file(atlsConfigVersion.cmake COMPATIBILITY SameMajorVersion)
@@ -73,7 +75,7 @@ if(ATLS_INSTALL_DOCUMENTATION)
                                                                                               PATTERN *.svg
                                                                                               PATTERN man EXCLUDE)
     install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documentation)
-    foreach(page atls.3 proxymanager.3)
+    foreach(page atls.3 atls.hpp.3 proxymanager.3 proxymanager.hpp.3)
         install(FILES docs/man/${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT documentation)
     endforeach()
 endif()

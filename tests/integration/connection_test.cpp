@@ -2,7 +2,6 @@
 
 #include "link.h"
 
-#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -187,6 +186,31 @@ TEST(Arguments, AreChecked)
     EXPECT_EQ(link.body(), "first") << "the earlier answer is still there";
 }
 
+// Sent and received flights go to numbered files; one that cannot be written keeps its number.
+TEST(Handshake, DumpsItsFlights)
+{
+    const auto file = [](const std::string &direction, int index) {
+        return "/tmp/atls_handshake_data_" + direction + "_" + std::to_string(index);
+    };
+    test::Link link(TLS1_2_VERSION);
+    std::vector<std::string> received;
+    link.tamper = [&](Reply &reply) { received.push_back(reply.body); };
+    link.start();
+    int next = 1, sent = 1; // a flight that was not answered is a file of one direction only
+    while (mkdir(file("received", next).c_str(), 0700) != 0)
+        next++;
+    while (access(file("sent", sent).c_str(), F_OK) == 0)
+        sent++;
+    ASSERT_EQ(link.connect(), ATLS_OK);
+    rmdir(file("received", next).c_str());
+    atls_handle_cleanup(&link.handle);
+    ASSERT_EQ(link.connect(), ATLS_OK);
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ(test::read_file(file("sent", sent + i)).size(), link.posted[static_cast<size_t>(i)]);
+        EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
+    }
+}
+
 // libcurl's trace would go to whatever has the number 2, and what the program prints into the connection.
 TEST(Handshake, NeedsNoStandardStreams)
 {
@@ -205,41 +229,6 @@ TEST(Handshake, NeedsNoStandardStreams)
     };
     for (const bool taken : {false, true})
         EXPECT_EXIT(_exit(connects(taken) ? 0 : 1), testing::ExitedWithCode(0), "") << taken;
-}
-
-TEST(Handshake, IsNotCancelledInTheMiddle)
-{
-    test::Link link;
-    link.start();
-    int result = -1;
-    std::thread([&] {
-        pthread_cancel(pthread_self());
-        result = link.connect() + link.exchange("message");
-    }).join();
-    EXPECT_EQ(result, ATLS_OK);
-}
-
-// Sent and received flights go to numbered files; one that cannot be written keeps its number.
-TEST(Handshake, DumpsItsFlights)
-{
-    const auto file = [](const std::string &direction, int index) {
-        return "/tmp/atls_handshake_data_" + direction + "_" + std::to_string(index);
-    };
-    test::Link link(TLS1_2_VERSION);
-    std::vector<std::string> received;
-    link.tamper = [&](Reply &reply) { received.push_back(reply.body); };
-    link.start();
-    int next = 1;
-    while (mkdir(file("received", next).c_str(), 0700) != 0)
-        next++;
-    ASSERT_EQ(link.connect(), ATLS_OK);
-    rmdir(file("received", next).c_str());
-    atls_handle_cleanup(&link.handle);
-    ASSERT_EQ(link.connect(), ATLS_OK);
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(test::read_file(file("sent", next + i)).size(), link.posted[static_cast<size_t>(i)]);
-        EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
-    }
 }
 
 // The Date header is looked at in each cycle until one of three files says that the clock has been set.

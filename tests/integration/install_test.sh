@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs into an empty prefix, and builds and runs programs against what is there: in C99, found through pkg-config,
-# and in C++17, found through the CMake package. usage: install_test.sh SOURCE_DIR BUILD_DIR
+# and in C++, found through both packages. usage: install_test.sh SOURCE_DIR BUILD_DIR
 set -euo pipefail
 source=$1 build=$2
 work=$(mktemp -d)
@@ -21,10 +21,17 @@ flags() { pkg-config "$@" atls; }
 "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror $headers $(flags --cflags) "$source/examples/post.c" \
     -o "$work/by-pkg-config" $(flags --libs) -Wl,-rpath,"$(flags --variable=libdir)"
 lacks_identity "$work/by-pkg-config"
+for compiler in ${CXX:-c++} $(command -v clang++); do
+    for flags in -std=c++17 -std=c++20 '-std=c++17 -fno-exceptions -fno-rtti'; do
+        # shellcheck disable=SC2046,SC2086
+        echo '#include <proxymanager.hpp>' | "$compiler" $flags -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast \
+            -Werror -fsyntax-only $(pkg-config --cflags atls-cpp) -include atls.hpp -x c++ -
+    done
+done
 
-printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED)' \
-    "add_compile_options(-std=c++17 -Wall -Wpedantic -Werror $headers)" 'add_executable(by-package post.cpp)' \
-    'target_link_libraries(by-package PRIVATE atls::atls)' >"$work/CMakeLists.txt"
+printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED COMPONENTS cpp)' \
+    "add_compile_options(-std=c++17 -Wall -Wpedantic -Werror -includeatls.hpp $headers)" 'add_executable(by-package post.cpp)' \
+    'target_link_libraries(by-package PRIVATE atls::cpp)' >"$work/CMakeLists.txt"
 cmake -S "$work" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/moved" >"$work/log"
 cmake --build "$work/build" >>"$work/log" || { cat "$work/log"; exit 1; }
 lacks_identity "$work/build/by-package"

@@ -1,0 +1,83 @@
+// Through the headers for C++ programs: silent peers, sessions in doubt, messages that arrive or not, a stormy service.
+
+#include "atls.hpp"
+#include "bus.h"
+#include "link.h"
+#include "proxymanager.hpp"
+
+#include <poll.h>
+
+using namespace test;
+using namespace std::chrono_literals;
+using atls::Errc;
+
+// What comes of a message, and of the next one, when the answer is odd, or when there is none in time.
+TEST(Cpp, GoesOnInTimeAndWithoutDoubtOnly)
+{
+    const PrivateBus bus; // without a service
+    Link link;
+    std::mutex gate;
+    const auto wait = [&](auto &) { std::lock_guard<std::mutex>{gate}; };
+    const std::pair<Errc, std::function<void(atls_service::Reply &)>> cases[] = {
+        {Errc::timed_out, wait},
+        {Errc::cancelled, wait},
+        {Errc::unread_data, [](auto &reply) { reply.body += reply.body; }},
+        {Errc::unprotected, [](auto &reply) { reply.headers.erase("Content-Type"); }},
+        {Errc::exchange_failed, [](auto &reply) { reply.body.clear(); }},
+        {Errc::ok, [](auto &) {}}};
+    std::atomic<size_t> odd{5}; // the case of the next answer
+    link.tamper = [&](auto &reply) { cases[odd.exchange(5)].second(reply); };
+    link.start();
+    atls::Connection connection({"127.0.0.1", link.service->port(), "/atls"}, atls::later);
+    std::thread([&] { // which is not cancelled inside a step
+        pthread_cancel(pthread_self());
+        EXPECT_EQ(connection.send("message", atls::Retry(), atls::Options::within(20s)).text(), "message");
+    })
+        .join();
+    for (size_t row = 0; row < 7; row++) { // the last two connect
+        const Errc wanted = cases[row % 5].first;
+        const atls::CancelSource stop;
+        atls::Options options = atls::Options::within(wanted == Errc::timed_out ? 300ms : 20s);
+        options.cancel = stop;
+        options.progress = [&](auto now) { now.sent &&wanted == Errc::cancelled ? stop.cancel() : void(); };
+        std::unique_lock<std::mutex> silence(gate);
+        odd = row % 5;
+        const auto start = atls::Clock::now();
+        EXPECT_EQ(row < 5 ? connection.try_send("message", atls::Retry(), options).error()
+                          : connection.try_reconnect(options),
+                  wanted);
+        EXPECT_LT(atls::Clock::now() - start, 1500ms);
+        EXPECT_EQ(connection.try_send("next").error(), row % 5 < 2 ? Errc::not_connected : Errc::in_doubt);
+        silence.unlock();
+        connection.reconnect();
+    }
+    odd = 3;
+    EXPECT_EQ(connection.send("again", atls::Retry{2, 1ms, 1ms, true}).text(), "again");
+}
+
+TEST(Cpp, ValuesOutliveAClearAndEventsAStorm)
+{
+    const PrivateBus bus;
+    ScriptedService service;
+    service.answer("checkServicestarted", "(true,)");
+    const proxymanager::Client client;
+    for (int i = 0; i < 100; i++) {
+        proxymanager::Events events(proxymanager::Events::Which::all);
+        service.emit("notifyClearcache");
+        for (int j = 0; j < 50; j++) // some still on their way when nobody listens any more
+            service.emitState(5);
+        pollfd readable = {events.descriptor(), POLLIN, 0};
+        EXPECT_EQ(poll(&readable, 1, 20000), 1);
+        EXPECT_EQ(events.next()->state, 5);
+        EXPECT_EQ(client.proxies_for("http://a/").addresses, (std::vector<std::string>{"p1:80", ""}));
+    }
+    EXPECT_TRUE(client.service_started()) << "the storm is over";
+    proxymanager::Events changes, all(proxymanager::Events::Which::all);
+    for (int i = 0; i < 300; i++)
+        service.emitState(i); // 2 looks like a change of the configuration
+    EXPECT_TRUE(client.service_started());
+    for (int i = 0; i < 256; i++)
+        EXPECT_EQ(all.next()->state, i);
+    EXPECT_EQ(all.next()->number, 44u) << "lost";
+    EXPECT_TRUE(!all.next() && changes.next() && !changes.next());
+}
