@@ -34,13 +34,6 @@ flags() { pkg-config "$@" atls; }
 "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror $(flags --cflags) "$work/consumer.c" -o "$work/by-pkg-config" \
     $(flags --libs) -Wl,-rpath,"$(flags --variable=libdir)"
 "$work/by-pkg-config"
-for compiler in ${CXX:-c++} $(command -v clang++); do
-    for flags in -std=c++17 -std=c++20 '-std=c++17 -fno-exceptions -fno-rtti'; do
-        # shellcheck disable=SC2046,SC2086
-        "$compiler" $flags -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Werror -fsyntax-only \
-            $(pkg-config --cflags atls-cpp) -x c++ "$work/consumer.cpp"
-    done
-done
 
 printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED COMPONENTS cpp)' \
     'add_compile_options(-std=c++17 -Wall -Wextra -Wpedantic -Werror)' 'add_executable(by-package consumer.cpp)' \
