@@ -90,7 +90,6 @@ TEST_P(Connection, TakesOddResponses)
         {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
         {"no cookie", header("Set-Cookie", "X", "1"), ANY, 0, true, 0},
         {"lower case", header("Content-Type", "content-type", "application/octet-stream"), ANY, 0, false, 4},
-        {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
         {"header above 32 KB", huge_header, ANY, 0, true, 0},
         {"identifier", header("TrackingID", "TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
         {"cut record", [](Reply &reply) { reply.body.resize(reply.body.size() - 8); }, ANY, 4, false, 4},
@@ -196,17 +195,15 @@ TEST(Handshake, DumpsItsFlights)
     std::vector<std::string> received;
     link.tamper = [&](Reply &reply) { received.push_back(reply.body); };
     link.start();
-    int next = 1, sent = 1; // a flight that was not answered is a file of one direction only
+    int next = 1; // of both directions, as long as every flight has been answered
     while (mkdir(file("received", next).c_str(), 0700) != 0)
         next++;
-    while (access(file("sent", sent).c_str(), F_OK) == 0)
-        sent++;
     ASSERT_EQ(link.connect(), ATLS_OK);
     rmdir(file("received", next).c_str());
     atls_handle_cleanup(&link.handle);
     ASSERT_EQ(link.connect(), ATLS_OK);
     for (int i = 0; i < 2; i++) {
-        EXPECT_EQ(test::read_file(file("sent", sent + i)).size(), link.posted[static_cast<size_t>(i)]);
+        EXPECT_EQ(test::read_file(file("sent", next + i)).size(), link.posted[static_cast<size_t>(i)]);
         EXPECT_EQ(test::read_file(file("received", next + i)), received[2 + static_cast<size_t>(i)]);
     }
 }

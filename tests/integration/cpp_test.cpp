@@ -7,15 +7,14 @@
 
 #include <poll.h>
 
-using namespace test;
 using namespace std::chrono_literals;
 using atls::Errc;
 
 // What comes of a message, and of the next one, when the answer is odd, or when there is none in time.
 TEST(Cpp, GoesOnInTimeAndWithoutDoubtOnly)
 {
-    const PrivateBus bus; // without a service
-    Link link;
+    const test::PrivateBus bus; // without a service
+    test::Link link;
     std::mutex gate;
     const auto wait = [&](auto &) { std::lock_guard<std::mutex>{gate}; };
     const std::pair<Errc, std::function<void(atls_service::Reply &)>> cases[] = {
@@ -30,19 +29,19 @@ TEST(Cpp, GoesOnInTimeAndWithoutDoubtOnly)
     link.start();
     atls::Connection connection({"127.0.0.1", link.service->port(), "/atls"}, atls::later);
     std::thread([&] { // which is not cancelled inside a step
-        pthread_cancel(pthread_self());
-        EXPECT_EQ(connection.send("message", atls::Retry(), atls::Options::within(20s)).text(), "message");
+        (void)(pthread_cancel(pthread_self()),
+               connection.send("x", atls::Retry(), atls::Options::within(20s)));
     })
         .join();
+    EXPECT_TRUE(connection.is_open());
     for (size_t row = 0; row < 7; row++) { // the last two connect
         const Errc wanted = cases[row % 5].first;
         const atls::CancelSource stop;
-        atls::Options options = atls::Options::within(wanted == Errc::timed_out ? 300ms : 20s);
-        options.cancel = stop;
-        options.progress = [&](auto now) { now.sent &&wanted == Errc::cancelled ? stop.cancel() : void(); };
+        const auto cancel = [&](auto now) { return row % 5 == 1 && now.sent ? stop.cancel() : void(); };
+        const auto start = atls::Clock::now(), end = start + (wanted == Errc::timed_out ? 300ms : 20s);
+        const atls::Options options{end, stop, cancel};
         std::unique_lock<std::mutex> silence(gate);
         odd = row % 5;
-        const auto start = atls::Clock::now();
         EXPECT_EQ(row < 5 ? connection.try_send("message", atls::Retry(), options).error()
                           : connection.try_reconnect(options),
                   wanted);
@@ -57,27 +56,24 @@ TEST(Cpp, GoesOnInTimeAndWithoutDoubtOnly)
 
 TEST(Cpp, ValuesOutliveAClearAndEventsAStorm)
 {
-    const PrivateBus bus;
-    ScriptedService service;
+    const test::PrivateBus bus;
+    test::ScriptedService service;
     service.answer("checkServicestarted", "(true,)");
     const proxymanager::Client client;
-    for (int i = 0; i < 100; i++) {
-        proxymanager::Events events(proxymanager::Events::Which::all);
-        service.emit("notifyClearcache");
-        for (int j = 0; j < 50; j++) // some still on their way when nobody listens any more
-            service.emitState(5);
-        pollfd readable = {events.descriptor(), POLLIN, 0};
-        EXPECT_EQ(poll(&readable, 1, 20000), 1);
-        EXPECT_EQ(events.next()->state, 5);
-        EXPECT_EQ(client.proxies_for("http://a/").addresses, (std::vector<std::string>{"p1:80", ""}));
-    }
-    EXPECT_TRUE(client.service_started()) << "the storm is over";
     proxymanager::Events changes, all(proxymanager::Events::Which::all);
     for (int i = 0; i < 300; i++)
         service.emitState(i); // 2 looks like a change of the configuration
     EXPECT_TRUE(client.service_started());
     for (int i = 0; i < 256; i++)
         EXPECT_EQ(all.next()->state, i);
-    EXPECT_EQ(all.next()->number, 44u) << "lost";
-    EXPECT_TRUE(!all.next() && changes.next() && !changes.next());
+    EXPECT_TRUE(all.next()->number == 44 && !all.next() && changes.next() && !changes.next());
+    for (int i = 0; i < 100; i++) {
+        proxymanager::Events events(proxymanager::Events::Which::all);
+        service.emit("notifyClearcache");
+        for (int j = 0; j < 50; j++) // some still on their way when nobody listens any more
+            service.emitState(5);
+        pollfd readable = {events.descriptor(), POLLIN, 0};
+        EXPECT_TRUE(poll(&readable, 1, 20000) == 1 && events.next()->state == 5);
+        EXPECT_EQ(client.proxies_for("http://a/").addresses, (std::vector<std::string>{"p1:80", ""}));
+    }
 }

@@ -21,13 +21,6 @@ flags() { pkg-config "$@" atls; }
 "${CC:-cc}" -std=c99 -Wall -Wextra -Wpedantic -Werror $headers $(flags --cflags) "$source/examples/post.c" \
     -o "$work/by-pkg-config" $(flags --libs) -Wl,-rpath,"$(flags --variable=libdir)"
 lacks_identity "$work/by-pkg-config"
-for compiler in ${CXX:-c++} $(command -v clang++); do
-    for flags in -std=c++17 -std=c++20 '-std=c++17 -fno-exceptions -fno-rtti'; do
-        # shellcheck disable=SC2046,SC2086
-        echo '#include <proxymanager.hpp>' | "$compiler" $flags -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast \
-            -Werror -fsyntax-only $(pkg-config --cflags atls-cpp) -include atls.hpp -x c++ -
-    done
-done
 
 printf '%s\n' 'cmake_minimum_required(VERSION 3.18)' 'project(consumer CXX)' 'find_package(atls 1.0 REQUIRED COMPONENTS cpp)' \
     "add_compile_options(-std=c++17 -Wall -Wpedantic -Werror -includeatls.hpp $headers)" 'add_executable(by-package post.cpp)' \
