@@ -362,11 +362,13 @@ namespace detail
 {
 
 // The steps of atls_connect. docs/abi.md promises them, in this order, to programs that are compiled with this header.
+// NOLINTBEGIN(readability-redundant-declaration): in the library's own tests they are declared already
 extern "C" {
 int init_tl_curl(atls_handle **handle, const char *service, const char *tracking_id);
 int init_al_ssl(atls_handle **handle);
 int atls_handshake(atls_handle *handle);
 }
+// NOLINTEND(readability-redundant-declaration)
 
 constexpr long ATTEMPT_LIMIT_MS = 30000; // what the library gives each attempt of a post
 

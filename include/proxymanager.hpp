@@ -274,7 +274,7 @@ inline std::string text_of(const char *text)
 // An entry of a script's answer: "PROXY host:port", or "DIRECT".
 inline std::string address_of(const char *entry)
 {
-    const std::string text = text_of(entry);
+    std::string text = text_of(entry);
     if (text.find("DIRECT") != text.npos)
         return "";
     if (text.find("PROXY") == text.npos)

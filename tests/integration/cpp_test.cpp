@@ -1,8 +1,9 @@
 // Through the headers for C++ programs: silent peers, sessions in doubt, messages that arrive or not, a stormy service.
 
-#include "atls.hpp"
 #include "bus.h"
 #include "link.h"
+
+#include "atls.hpp"
 #include "proxymanager.hpp"
 
 #include <poll.h>
