@@ -6,8 +6,6 @@
 #include "log_capture.h"
 #include "proxymanager.h"
 
-#include <regex>
-
 #include <syslog.h>
 
 namespace
@@ -63,11 +61,13 @@ protected:
     // The posts that failed, as the log tells them: "1:7 2:28 " are the results of libcurl.
     static std::string failures()
     {
-        const std::regex failure("atls_handshake: curl_rc:([0-9]+), proxyUrlCount:[0-9]+, index:([0-9]+)");
-        const std::string log = log_capture::log_of(LOG_NOTICE);
+        const std::string begin = "atls_handshake: curl_rc:", log = log_capture::log_of(LOG_NOTICE);
         std::string results;
-        for (std::sregex_iterator match(log.begin(), log.end(), failure), end; match != end; ++match)
-            results += match->format("$2:$1 ");
+        for (size_t at = 0; (at = log.find(begin, at)) != std::string::npos;) {
+            const size_t index = log.find("index:", at) + 6;
+            at += begin.size();
+            results.append(log, index, 1).append(":").append(log, at, log.find(',', at) - at).append(" ");
+        }
         return results;
     }
 
