@@ -90,6 +90,7 @@ TEST_P(Connection, TakesOddResponses)
         {"cookies", header("Set-Cookie", "Set-Cookie", std::string(1023, 'c')), 4, 4, false, 4},
         {"no cookie", header("Set-Cookie", "X", "1"), ANY, 0, true, 0},
         {"lower case", header("Content-Type", "content-type", "application/octet-stream"), ANY, 0, false, 4},
+        {"not encrypted", header("Content-Type", "Content-Type", "text/plain"), ANY, 0, false, 4},
         {"header above 32 KB", huge_header, ANY, 0, true, 0},
         {"identifier", header("TrackingID", "TrackingID", std::string(65, 'i')), ANY, 0, true, 0},
         {"cut record", [](Reply &reply) { reply.body.resize(reply.body.size() - 8); }, ANY, 4, false, 4},
