@@ -159,7 +159,7 @@ run_past() { # run_past PORT: a front end whose clock is wrong
         < <(while printf "$answer"; do sleep 0.1; done)
 }
 openssl req -new -key "$work/ca/unit-key.pem" -subj /CN=old 2>"$work/err" | openssl x509 -req -CA "$work/ca/device-cert.pem" \
-    -CAkey "$work/ca/device-key.pem" -days -1 -outform DER -out "$work/old.der" 2>"$work/err"
+    -CAkey "$work/ca/device-key.pem" -days 0 -outform DER -out "$work/old.der" 2>"$work/err"
 openssl rsa -in "$work/service/service-key.pem" -outform DER -out "$work/key.der" 2>"$work/err"
 # shellcheck disable=SC2034 # used in the table
 start_on_free_port past run_past PORT && past=https://127.0.0.1:$port
