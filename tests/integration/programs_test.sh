@@ -154,9 +154,10 @@ run_strict() { # run_strict PORT: a proxy that forbids the ports of HTTPS here
 }
 run_past() { # run_past PORT: a front end whose clock is wrong
     local answer='HTTP/1.1 404 x\r\nDate: Sun, 06 Nov 1994 08:49:37 GMT\r\nContent-Length: 0\r\n\r\n'
+    mkfifo "$work/answers" || true
     # shellcheck disable=SC2059
     exec openssl s_server -quiet -accept "$1" -cert "$work/service/front-cert.pem" -key "$work/service/front-key.pem" \
-        < <(while printf "$answer"; do sleep 0.1; done)
+        <>"$work/answers" > >(while read -r line; do [ "$line" != $'\r' ] || printf "$answer"; done >"$work/answers")
 }
 openssl req -new -key "$work/ca/unit-key.pem" -subj /CN=old 2>"$work/err" | openssl x509 -req -CA "$work/ca/device-cert.pem" \
     -CAkey "$work/ca/device-key.pem" -days 0 -outform DER -out "$work/old.der" 2>"$work/err"
